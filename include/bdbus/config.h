@@ -1,0 +1,125 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+/**
+ * @file config.h
+ * Configuration: typed, cached access to the fifteen keys of service `com.brisemont.Config1`.
+ *
+ * | Key                              | Type | May be set |
+ * |----------------------------------|------|------------|
+ * | "Firmware.Aux"                   | "u"  | no         |
+ * | "Firmware.Has_Signature"         | "b"  | no         |
+ * | "Firmware.Major"                 | "u"  | no         |
+ * | "Firmware.Minor"                 | "u"  | no         |
+ * | "Generic.Device_Id"              | "u"  | no         |
+ * | "Generic.Device_Name"            | "s"  | no         |
+ * | "Generic.Device_Revision"        | "u"  | no         |
+ * | "Generic.Manufacturer_Id"        | "u"  | no         |
+ * | "Generic.Product_Id"             | "u"  | no         |
+ * | "Generic_Index"                  | "u"  | yes        |
+ * | "Hpm2.Dynamic_Credentials"       | "b"  | no         |
+ * | "Hpm2.Dynamic_Credentials_Reuse" | "b"  | no         |
+ * | "Hpm2.Enabled"                   | "b"  | no         |
+ * | "Hpm2.Packet_Trace"              | "b"  | no         |
+ * | "Hpm3.Enabled"                   | "b"  | no         |
+ *
+ * Keys are case-sensitive. A value is asked of the service once and then answered from the cache, without bus traffic, until
+ * the key is set or the service announces a change. Notices are handled at the start of every get and set, one a call.
+ *
+ * Results: 0 or one of the codes below, always positive. Nothing is printed. A call that fails leaves its output untouched.
+ *
+ * Threads: any thread may call; calls of this family wait for one another.
+ */
+#ifndef BDBUS_CONFIG_H
+#define BDBUS_CONFIG_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+#define BDBUS_CONFIG_OK 0               /**< done */
+#define BDBUS_CONFIG_BAD_TYPE 200       /**< the key's type is not one that the operation handles */
+#define BDBUS_CONFIG_NO_KEY 201         /**< no such key */
+#define BDBUS_CONFIG_WRONG_SIGNATURE 202 /**< the signature is null or begins with another type than the key's */
+#define BDBUS_CONFIG_READ_ONLY 203      /**< the key cannot be set */
+#define BDBUS_CONFIG_NO_STRING_SET 204  /**< a text key cannot be set */
+#define BDBUS_CONFIG_NO_BUS 205         /**< no connection to the system bus; the next call tries again */
+#define BDBUS_CONFIG_ERRNO 0x1000       /**< bitwise-ORed with the errno of the step that failed */
+
+/**
+ * Read a key.
+ *
+ * @param key       the key's name.
+ * @param signature the type that the caller expects, "u", "b" or "s"; only its first character is compared with the key's.
+ * @param ...       for "u" and "b": `uint32_t *` (a "b" gives 0 or 1). For "s": `char *buf, uint32_t len`: the text, cut at
+ *                  `len` bytes and then not terminated, padded with NULs up to `len` when it is shorter.
+ * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_NO_BUS; 0x1000 | EINVAL for a null output, before
+ *         anything is sent; 0x1000 | ENOMEM without memory for the cached value; 0x1000 | errno as sd-bus gave it.
+ */
+int32_t bdbus_config_get(const char *key, const char *signature, ...);
+
+/**
+ * Set a key. "Generic_Index" is the only one that can be set.
+ *
+ * The cached value is dropped first, whatever the outcome; the next get asks the service.
+ *
+ * @param key       the key's name.
+ * @param signature the type of the value, "u" or "b"; only its first character is compared with the key's.
+ * @param ...       `const uint32_t *`, the value.
+ * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_READ_ONLY, in this order and without bus traffic;
+ *         0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ */
+int32_t bdbus_config_set(const char *key, const char *signature, ...);
+
+/**
+ * Read a text key: bdbus_config_get() with "s".
+ *
+ * @param key the key's name.
+ * @param buf receives at most `len` bytes; a text of `len` bytes or more fills it without a terminating NUL.
+ * @param len the room in `buf`, in bytes.
+ * @return as bdbus_config_get().
+ */
+int32_t bdbus_config_get_string(const char *key, char *buf, uint32_t len);
+
+/**
+ * Read a number: bdbus_config_get() with "u".
+ *
+ * @param key the key's name.
+ * @param out receives the value.
+ * @return as bdbus_config_get().
+ */
+int32_t bdbus_config_get_unsigned(const char *key, uint32_t *out);
+
+/**
+ * Read a switch: bdbus_config_get() with "b".
+ *
+ * @param key the key's name.
+ * @return 0 or 1; 0 when the read failed. Use bdbus_config_get() where the difference matters.
+ */
+int32_t bdbus_config_get_bool(const char *key);
+
+/**
+ * Set a number: bdbus_config_set() with "u".
+ *
+ * @param key   the key's name.
+ * @param value the value to send.
+ * @return as bdbus_config_set().
+ */
+int32_t bdbus_config_set_unsigned(const char *key, uint32_t value);
+
+/**
+ * Set a switch: bdbus_config_set() with "b".
+ *
+ * @param key   the key's name.
+ * @param value 0 or 1.
+ * @return as bdbus_config_set(). No "b" key can be set today, so the result is never 0.
+ */
+int32_t bdbus_config_set_bool(const char *key, int32_t value);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif

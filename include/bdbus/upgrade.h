@@ -1,0 +1,240 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+/**
+ * @file upgrade.h
+ * The firmware-upgrade service `com.brisemont.Upgrade1`: versions, rollback flags, upgrade state, and its 80 notices.
+ *
+ * The first call opens the one connection of this file and hpm1.h and subscribes to the 80 signals; from then on they queue on
+ * the connection until bdbus_upgrade_signal_process() is called. A process that goes on calling the getters without ever
+ * processing signals keeps about 1 kB for each one that arrived.
+ *
+ * Results: 0 or more when the value was read. Otherwise the negative errno-style code of the step that failed, after one line
+ * on stderr, with the output untouched. -EINVAL for a null output, without a line and with nothing sent.
+ *
+ * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits for
+ * its answer. None of them but bdbus_upgrade_callbacks() may be called from a handler of the callback table.
+ */
+#ifndef BDBUS_UPGRADE_H
+#define BDBUS_UPGRADE_H
+
+#include <stdint.h>
+#include <systemd/sd-bus.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** The most bytes that a version getter writes: the room that its buffer must have. */
+#define BDBUS_UPGRADE_VERSION_MAX 64
+
+/** Number of notices, and of slots in ::bdbus_upgrade_callback_table. */
+#define BDBUS_UPGRADE_SIGNALS 80
+
+/** The versions that the service holds, for bdbus_upgrade_get_version(). */
+typedef enum bdbus_upgrade_version {
+    BDBUS_UPGRADE_VERSION_BMC_UBOOT,
+    BDBUS_UPGRADE_VERSION_BMC_FW,
+    BDBUS_UPGRADE_VERSION_BMC_CONF,
+    BDBUS_UPGRADE_VERSION_FPGA,
+    BDBUS_UPGRADE_VERSION_BIOS,
+    BDBUS_UPGRADE_VERSION_NVRAM,
+    BDBUS_UPGRADE_VERSION_CPLD,
+    BDBUS_UPGRADE_VERSION_BMC_FW_BACKUP,
+    BDBUS_UPGRADE_VERSION_FPGA_BACKUP,
+    BDBUS_UPGRADE_VERSION_BIOS_BACKUP,
+    BDBUS_UPGRADE_VERSION_CPLD_BACKUP
+} bdbus_upgrade_version;
+
+/**
+ * The handlers of the 80 notices, each slot named for its signal; a null slot drops it.
+ *
+ * A handler runs inside bdbus_upgrade_signal_process(), on its caller's thread. It gets the signal message, a null user-data
+ * pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the handler takes a
+ * reference of its own.
+ */
+typedef struct bdbus_upgrade_callback_table {
+    /* the boot loader U-Boot */
+    sd_bus_message_handler_t uboot_change;
+    sd_bus_message_handler_t uboot_update_succeed;
+    sd_bus_message_handler_t uboot_update_aborted;
+    sd_bus_message_handler_t uboot_update_fail;
+    sd_bus_message_handler_t uboot_update_timeout;
+    sd_bus_message_handler_t uboot_activation_fail;
+    sd_bus_message_handler_t uboot_version;
+    sd_bus_message_handler_t uboot_sign_fail;
+    sd_bus_message_handler_t uboot_env_defaults;
+    sd_bus_message_handler_t uboot_flash0_fail;
+    sd_bus_message_handler_t uboot_flash1_fail;
+    /* the BMC firmware */
+    sd_bus_message_handler_t bmc_reset;
+    sd_bus_message_handler_t bmc_change;
+    sd_bus_message_handler_t bmc_auto_rollback;
+    sd_bus_message_handler_t bmc_manual_rollback_initiated;
+    sd_bus_message_handler_t bmc_manual_rollback_succeed;
+    sd_bus_message_handler_t bmc_manual_rollback_fail;
+    sd_bus_message_handler_t bmc_update_succeed;
+    sd_bus_message_handler_t bmc_update_aborted;
+    sd_bus_message_handler_t bmc_update_fail;
+    sd_bus_message_handler_t bmc_update_timeout;
+    sd_bus_message_handler_t bmc_activation_fail;
+    sd_bus_message_handler_t bmc_version;
+    sd_bus_message_handler_t bmc_sign_verify_pass;
+    sd_bus_message_handler_t bmc_sign_verify_fail;
+    /* the BMC configuration */
+    sd_bus_message_handler_t fwconf_update_succeed;
+    sd_bus_message_handler_t fwconf_update_aborted;
+    sd_bus_message_handler_t fwconf_update_fail;
+    sd_bus_message_handler_t fwconf_update_timeout;
+    sd_bus_message_handler_t fwconf_activation_fail;
+    sd_bus_message_handler_t fwconf_version;
+    /* the FPGA */
+    sd_bus_message_handler_t fpga_change;
+    sd_bus_message_handler_t fpga_manual_rollback_initiated;
+    sd_bus_message_handler_t fpga_manual_rollback_succeed;
+    sd_bus_message_handler_t fpga_manual_rollback_fail;
+    sd_bus_message_handler_t fpga_update_pending;
+    sd_bus_message_handler_t fpga_update_start;
+    sd_bus_message_handler_t fpga_update_end;
+    sd_bus_message_handler_t fpga_update_succeed;
+    sd_bus_message_handler_t fpga_update_aborted;
+    sd_bus_message_handler_t fpga_update_fail;
+    sd_bus_message_handler_t fpga_update_timeout;
+    sd_bus_message_handler_t fpga_activation_fail;
+    sd_bus_message_handler_t fpga_auto_rollback_start;
+    sd_bus_message_handler_t fpga_auto_rollback_succeed;
+    sd_bus_message_handler_t fpga_auto_rollback_fail;
+    sd_bus_message_handler_t fpga_version;
+    sd_bus_message_handler_t fpga_sign_verify_pass;
+    sd_bus_message_handler_t fpga_sign_verify_fail;
+    /* the BIOS */
+    sd_bus_message_handler_t bios_update_pending;
+    sd_bus_message_handler_t bios_update_succeed;
+    sd_bus_message_handler_t bios_update_aborted;
+    sd_bus_message_handler_t bios_update_fail;
+    sd_bus_message_handler_t bios_update_timeout;
+    sd_bus_message_handler_t bios_manual_rollback_initiated;
+    sd_bus_message_handler_t bios_rollback_succeed;
+    sd_bus_message_handler_t bios_flash0_boot_init;
+    sd_bus_message_handler_t bios_flash1_boot_init;
+    sd_bus_message_handler_t bios_flash_swap_running;
+    sd_bus_message_handler_t bios_flash_swap_finished;
+    /* the NVRAM */
+    sd_bus_message_handler_t nvram_update_pending;
+    sd_bus_message_handler_t nvram_update_succeed;
+    sd_bus_message_handler_t nvram_update_aborted;
+    sd_bus_message_handler_t nvram_update_fail;
+    sd_bus_message_handler_t nvram_update_timeout;
+    sd_bus_message_handler_t nvram_activation_fail;
+    /* the CPLD */
+    sd_bus_message_handler_t bp_cpld_manual_rollback_initiated;
+    sd_bus_message_handler_t bp_cpld_manual_rollback_succeed;
+    sd_bus_message_handler_t bp_cpld_manual_rollback_fail;
+    sd_bus_message_handler_t bp_cpld_update_succeed;
+    sd_bus_message_handler_t bp_cpld_update_aborted;
+    sd_bus_message_handler_t bp_cpld_update_fail;
+    sd_bus_message_handler_t bp_cpld_update_timeout;
+    sd_bus_message_handler_t bp_cpld_activation_fail;
+    sd_bus_message_handler_t bp_cpld_auto_rollback_start;
+    sd_bus_message_handler_t bp_cpld_auto_rollback_succeed;
+    sd_bus_message_handler_t bp_cpld_auto_rollback_fail;
+    sd_bus_message_handler_t bp_cpld_version;
+    sd_bus_message_handler_t bp_cpld_sign_verify_pass;
+    sd_bus_message_handler_t bp_cpld_sign_verify_fail;
+} bdbus_upgrade_callback_table;
+
+/**
+ * Register the callback table, replace it, or clear it with null.
+ *
+ * The library keeps the pointer only: the table must stay valid while it is registered, and a slot that is changed in place
+ * takes effect at the next notice. Register while no other thread is inside bdbus_upgrade_signal_process(). Takes no lock and
+ * opens no connection.
+ *
+ * @param table the table, or null.
+ * @return 0.
+ */
+int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
+
+/**
+ * Dispatch at most one queued message to the callback table. Never waits. Call it repeatedly, from a main loop or a timer;
+ * call it once early to be subscribed from then on.
+ *
+ * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
+ */
+int32_t bdbus_upgrade_signal_process(void);
+
+/**
+ * Read a version into a buffer whose size is known.
+ *
+ * @param which    the version.
+ * @param buf      receives at most `capacity` bytes; may be null when `capacity` is 0.
+ * @param capacity the room in `buf`, in bytes.
+ * @param length   receives the length of the whole version, which may exceed `capacity`; may be null.
+ * @return 0 or more; a negative code, with `buf` and `length` untouched. -EINVAL for an unknown `which`.
+ */
+int32_t bdbus_upgrade_get_version(bdbus_upgrade_version which, uint8_t *buf, uint32_t capacity, uint32_t *length);
+
+/**
+ * @name Versions
+ * The bytes of a version, first byte first; the library does not interpret them.
+ * @param out room for BDBUS_UPGRADE_VERSION_MAX bytes; a longer version is cut to it, a shorter one leaves the rest as it was.
+ * @return positive when read; a negative code.
+ * @{
+ */
+int32_t bdbus_upgrade_bmc_uboot_get_version(uint8_t *out);
+int32_t bdbus_upgrade_bmc_fw_get_version(uint8_t *out);
+int32_t bdbus_upgrade_bmc_conf_get_version(uint8_t *out);
+int32_t bdbus_upgrade_fpga_get_version(uint8_t *out);
+int32_t bdbus_upgrade_bios_get_version(uint8_t *out);
+int32_t bdbus_upgrade_nvram_get_version(uint8_t *out);
+int32_t bdbus_upgrade_cpld_get_version(uint8_t *out);
+int32_t bdbus_upgrade_bmc_fw_get_backup_version(uint8_t *out);
+int32_t bdbus_upgrade_fpga_get_backup_version(uint8_t *out);
+int32_t bdbus_upgrade_bios_get_backup_version(uint8_t *out);
+int32_t bdbus_upgrade_cpld_get_backup_version(uint8_t *out);
+/** @} */
+
+/**
+ * @name Rollback flags
+ * @param out receives 0 or 1.
+ * @return 0 when read; a negative code.
+ * @{
+ */
+int32_t bdbus_upgrade_bmc_uboot_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_bmc_fw_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_bmc_conf_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_fpga_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_bios_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_nvram_get_rollback_flag(int32_t *out);
+int32_t bdbus_upgrade_cpld_get_rollback_flag(int32_t *out);
+/** @} */
+
+/**
+ * The number of components.
+ *
+ * @param out receives it.
+ * @return 0 when read; a negative code.
+ */
+int32_t bdbus_upgrade_component_count(int32_t *out);
+
+/**
+ * The component that is being upgraded.
+ *
+ * @param out receives its number.
+ * @return 0 when read; a negative code.
+ */
+int32_t bdbus_upgrade_component_id(uint8_t *out);
+
+/**
+ * Whether an upgrade is in progress.
+ *
+ * @param out receives the service's byte, 0 for none.
+ * @return 0 when read; a negative code.
+ */
+int32_t bdbus_upgrade_in_progress(uint8_t *out);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif
