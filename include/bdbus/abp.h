@@ -3,7 +3,8 @@
  * @file abp.h
  * Advanced bypass: the global reset, the permanent global reset and the permanent bypass.
  *
- * Service `com.brisemont.AdvancedBypass`. Every call opens a connection of its own, asks the service once and closes it.
+ * Service `com.brisemont.AdvancedBypass`. Every call opens a connection of its own, asks the service once and closes
+ * it.
  *
  * Results: the 32-bit integer that the service answered, as it stands. A call that failed returns 0 too and prints one
  * line on stderr, so a program that must tell the two apart looks at stderr.

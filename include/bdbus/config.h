@@ -21,10 +21,12 @@
  * | "Hpm2.Packet_Trace"              | "b"  | no         |
  * | "Hpm3.Enabled"                   | "b"  | no         |
  *
- * Keys are case-sensitive. A value is asked of the service once and then answered from the cache, without bus traffic, until
- * the key is set or the service announces a change. Notices are handled at the start of every get and set, one a call.
+ * Keys are case-sensitive. A value is asked of the service once and then answered from the cache, without bus traffic,
+ * until the key is set or the service announces a change. Notices are handled at the start of every get and set, one a
+ * call.
  *
- * Results: 0 or one of the codes below, always positive. Nothing is printed. A call that fails leaves its output untouched.
+ * Results: 0 or one of the codes below, always positive. Nothing is printed. A call that fails leaves its output
+ * untouched.
  *
  * Threads: any thread may call; calls of this family wait for one another.
  */
@@ -38,24 +40,25 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-#define BDBUS_CONFIG_OK 0               /**< done */
-#define BDBUS_CONFIG_BAD_TYPE 200       /**< the key's type is not one that the operation handles */
-#define BDBUS_CONFIG_NO_KEY 201         /**< no such key */
+#define BDBUS_CONFIG_OK 0                /**< done */
+#define BDBUS_CONFIG_BAD_TYPE 200        /**< the key's type is not one that the operation handles */
+#define BDBUS_CONFIG_NO_KEY 201          /**< no such key */
 #define BDBUS_CONFIG_WRONG_SIGNATURE 202 /**< the signature is null or begins with another type than the key's */
-#define BDBUS_CONFIG_READ_ONLY 203      /**< the key cannot be set */
-#define BDBUS_CONFIG_NO_STRING_SET 204  /**< a text key cannot be set */
-#define BDBUS_CONFIG_NO_BUS 205         /**< no connection to the system bus; the next call tries again */
-#define BDBUS_CONFIG_ERRNO 0x1000       /**< bitwise-ORed with the errno of the step that failed */
+#define BDBUS_CONFIG_READ_ONLY 203       /**< the key cannot be set */
+#define BDBUS_CONFIG_NO_STRING_SET 204   /**< a text key cannot be set */
+#define BDBUS_CONFIG_NO_BUS 205          /**< no connection to the system bus; the next call tries again */
+#define BDBUS_CONFIG_ERRNO 0x1000        /**< bitwise-ORed with the errno of the step that failed */
 
 /**
  * Read a key.
  *
  * @param key       the key's name.
- * @param signature the type that the caller expects, "u", "b" or "s"; only its first character is compared with the key's.
- * @param ...       for "u" and "b": `uint32_t *` (a "b" gives 0 or 1). For "s": `char *buf, uint32_t len`: the text, cut at
- *                  `len` bytes and then not terminated, padded with NULs up to `len` when it is shorter.
- * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_NO_BUS; 0x1000 | EINVAL for a null output, before
- *         anything is sent; 0x1000 | ENOMEM without memory for the cached value; 0x1000 | errno as sd-bus gave it.
+ * @param signature the type that the caller expects, "u", "b" or "s"; only its first character is compared with the
+ * key's.
+ * @param ...       for "u" and "b": `uint32_t *` (a "b" gives 0 or 1). For "s": `char *buf, uint32_t len`: the text,
+ * cut at `len` bytes and then not terminated, padded with NULs up to `len` when it is shorter.
+ * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_NO_BUS; 0x1000 | EINVAL for a null output,
+ * before anything is sent; 0x1000 | ENOMEM without memory for the cached value; 0x1000 | errno as sd-bus gave it.
  */
 int32_t bdbus_config_get(const char *key, const char *signature, ...);
 
@@ -67,8 +70,8 @@ int32_t bdbus_config_get(const char *key, const char *signature, ...);
  * @param key       the key's name.
  * @param signature the type of the value, "u" or "b"; only its first character is compared with the key's.
  * @param ...       `const uint32_t *`, the value.
- * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_READ_ONLY, in this order and without bus traffic;
- *         0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_READ_ONLY, in this order and without bus
+ * traffic; 0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS; 0x1000 | errno as sd-bus gave it.
  */
 int32_t bdbus_config_set(const char *key, const char *signature, ...);
 

@@ -3,13 +3,13 @@
  * @file hpm1.h
  * The commands of the PICMG HPM.1 firmware-upgrade standard, carried as methods of service `com.brisemont.Upgrade1`.
  *
- * Each command takes one record of the caller's, which is request and reply at once. `picmg_id` is sent, and the reply's
- * PICMG identifier overwrites it; set it to 0. Fields that are not named as a reply are not written. The functions pass the
- * bytes on: a completion code other than 0 is in the record, and the function still succeeds.
+ * Each command takes one record of the caller's, which is request and reply at once. `picmg_id` is sent, and the
+ * reply's PICMG identifier overwrites it; set it to 0. Fields that are not named as a reply are not written. The
+ * functions pass the bytes on: a completion code other than 0 is in the record, and the function still succeeds.
  *
- * Results: 0 or more when the reply was read. Otherwise the negative errno-style code of the step that failed, after one line
- * on stderr; the record is then untouched, but for fields of a reply that broke off after them. -EINVAL for a null record,
- * without a line and with nothing sent.
+ * Results: 0 or more when the reply was read. Otherwise the negative errno-style code of the step that failed, after
+ * one line on stderr; the record is then untouched, but for fields of a reply that broke off after them. -EINVAL for a
+ * null record, without a line and with nothing sent.
  *
  * Threads: any thread may call. The commands share one connection and one lock with upgrade.h and wait for one another.
  * They must not be called from a handler of ::bdbus_upgrade_callback_table, which runs with that lock held.
@@ -32,14 +32,14 @@ extern "C" {
 
 /** Completion codes that HPM.1 and IPMI 2.0 give a meaning here; any other nonzero code is a plain failure. */
 #define BDBUS_HPM1_CC_SUCCESS 0x00
-#define BDBUS_HPM1_CC_IN_PROGRESS 0x80      /**< goes on in the background: poll bdbus_hpm1_get_upgrade_status() */
-#define BDBUS_HPM1_CC_ROLLBACK_FAILED 0x81  /**< of the rollback status: the rollback failed */
-#define BDBUS_HPM1_CC_RESEND 0x82           /**< of an upload: block not taken, send it again */
-#define BDBUS_HPM1_CC_RESEND_NUMBER 0x83    /**< of an upload: block not taken, send it again */
-#define BDBUS_HPM1_CC_COPY_DIFFERS 0x83     /**< of a finish: the active copy doesn't match the upgrade image */
-#define BDBUS_HPM1_CC_TIMEOUT 0xC3          /**< timeout while processing */
-#define BDBUS_HPM1_CC_LENGTH_INVALID 0xC7   /**< request data length invalid: send a shorter block */
-#define BDBUS_HPM1_CC_LENGTH_EXCEEDED 0xC8  /**< request data field length limit exceeded: send a shorter block */
+#define BDBUS_HPM1_CC_IN_PROGRESS 0x80       /**< goes on in the background: poll bdbus_hpm1_get_upgrade_status() */
+#define BDBUS_HPM1_CC_ROLLBACK_FAILED 0x81   /**< of the rollback status: the rollback failed */
+#define BDBUS_HPM1_CC_RESEND 0x82            /**< of an upload: block not taken, send it again */
+#define BDBUS_HPM1_CC_RESEND_NUMBER 0x83     /**< of an upload: block not taken, send it again */
+#define BDBUS_HPM1_CC_COPY_DIFFERS 0x83      /**< of a finish: the active copy doesn't match the upgrade image */
+#define BDBUS_HPM1_CC_TIMEOUT 0xC3           /**< timeout while processing */
+#define BDBUS_HPM1_CC_LENGTH_INVALID 0xC7    /**< request data length invalid: send a shorter block */
+#define BDBUS_HPM1_CC_LENGTH_EXCEEDED 0xC8   /**< request data field length limit exceeded: send a shorter block */
 #define BDBUS_HPM1_CC_NOT_IN_THIS_STATE 0xD5 /**< not supported in present state */
 
 /** Values of bdbus_hpm1_component_props_rec::selector. */
@@ -59,13 +59,14 @@ extern "C" {
 
 /** GetTargetUpgradeCaps. Time-outs are in units of 5 seconds. */
 typedef struct bdbus_hpm1_target_caps_rec {
-    uint8_t picmg_id;                /**< request and reply */
-    uint8_t completion_code;         /**< reply */
-    uint8_t hpm_version;             /**< reply: HPM.1 version of the target */
-    uint8_t global_capabilities;     /**< reply: bit 0 self test, bit 1 rollback; the byte 0x01 also means that an upgrade is not desirable */
-    uint8_t upgrade_timeout;         /**< reply: limit of a long-duration command */
-    uint8_t self_test_timeout;       /**< reply */
-    uint8_t rollback_timeout;        /**< reply */
+    uint8_t picmg_id;            /**< request and reply */
+    uint8_t completion_code;     /**< reply */
+    uint8_t hpm_version;         /**< reply: HPM.1 version of the target */
+    uint8_t global_capabilities; /**< reply: bit 0 self test, bit 1 rollback; the byte 0x01 also means that an upgrade
+                                    is not desirable */
+    uint8_t upgrade_timeout;     /**< reply: limit of a long-duration command */
+    uint8_t self_test_timeout;   /**< reply */
+    uint8_t rollback_timeout;    /**< reply */
     uint8_t inaccessibility_timeout; /**< reply */
     uint8_t components_present;      /**< reply: bit n set when component n is on the target */
 } bdbus_hpm1_target_caps_rec;
@@ -76,7 +77,8 @@ typedef struct bdbus_hpm1_component_props_rec {
     uint8_t component_id;                  /**< request: component 0 to 7 */
     uint8_t selector;                      /**< request: BDBUS_HPM1_PROPERTY_… */
     uint8_t completion_code;               /**< reply */
-    uint8_t data[BDBUS_HPM1_PROPERTY_MAX]; /**< reply: the property's bytes; a longer one is cut, a shorter one leaves the rest */
+    uint8_t data[BDBUS_HPM1_PROPERTY_MAX]; /**< reply: the property's bytes; a longer one is cut, a shorter one leaves
+                                              the rest */
 } bdbus_hpm1_component_props_rec;
 
 /** AbortFirmwareUpgrade, ActivateFirmware, InitiateManualRollback. */

@@ -3,15 +3,15 @@
  * @file upgrade.h
  * The firmware-upgrade service `com.brisemont.Upgrade1`: versions, rollback flags, upgrade state, and its 80 notices.
  *
- * The first call opens the one connection of this file and hpm1.h and subscribes to the 80 signals; from then on they queue on
- * the connection until bdbus_upgrade_signal_process() is called. A process that goes on calling the getters without ever
- * processing signals keeps about 1 kB for each one that arrived.
+ * The first call opens the one connection of this file and hpm1.h and subscribes to the 80 signals; from then on they
+ * queue on the connection until bdbus_upgrade_signal_process() is called. A process that goes on calling the getters
+ * without ever processing signals keeps about 1 kB for each one that arrived.
  *
- * Results: 0 or more when the value was read. Otherwise the negative errno-style code of the step that failed, after one line
- * on stderr, with the output untouched. -EINVAL for a null output, without a line and with nothing sent.
+ * Results: 0 or more when the value was read. Otherwise the negative errno-style code of the step that failed, after
+ * one line on stderr, with the output untouched. -EINVAL for a null output, without a line and with nothing sent.
  *
- * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits for
- * its answer. None of them but bdbus_upgrade_callbacks() may be called from a handler of the callback table.
+ * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits
+ * for its answer. None of them but bdbus_upgrade_callbacks() may be called from a handler of the callback table.
  */
 #ifndef BDBUS_UPGRADE_H
 #define BDBUS_UPGRADE_H
@@ -48,9 +48,9 @@ typedef enum bdbus_upgrade_version {
 /**
  * The handlers of the 80 notices, each slot named for its signal; a null slot drops it.
  *
- * A handler runs inside bdbus_upgrade_signal_process(), on its caller's thread. It gets the signal message, a null user-data
- * pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the handler takes a
- * reference of its own.
+ * A handler runs inside bdbus_upgrade_signal_process(), on its caller's thread. It gets the signal message, a null
+ * user-data pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the
+ * handler takes a reference of its own.
  */
 typedef struct bdbus_upgrade_callback_table {
     /* the boot loader U-Boot */
@@ -145,9 +145,9 @@ typedef struct bdbus_upgrade_callback_table {
 /**
  * Register the callback table, replace it, or clear it with null.
  *
- * The library keeps the pointer only: the table must stay valid while it is registered, and a slot that is changed in place
- * takes effect at the next notice. Register while no other thread is inside bdbus_upgrade_signal_process(). Takes no lock and
- * opens no connection.
+ * The library keeps the pointer only: the table must stay valid while it is registered, and a slot that is changed in
+ * place takes effect at the next notice. Register while no other thread is inside bdbus_upgrade_signal_process(). Takes
+ * no lock and opens no connection.
  *
  * @param table the table, or null.
  * @return 0.
@@ -155,8 +155,8 @@ typedef struct bdbus_upgrade_callback_table {
 int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
 
 /**
- * Dispatch at most one queued message to the callback table. Never waits. Call it repeatedly, from a main loop or a timer;
- * call it once early to be subscribed from then on.
+ * Dispatch at most one queued message to the callback table. Never waits. Call it repeatedly, from a main loop or a
+ * timer; call it once early to be subscribed from then on.
  *
  * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
  */
@@ -176,7 +176,8 @@ int32_t bdbus_upgrade_get_version(bdbus_upgrade_version which, uint8_t *buf, uin
 /**
  * @name Versions
  * The bytes of a version, first byte first; the library does not interpret them.
- * @param out room for BDBUS_UPGRADE_VERSION_MAX bytes; a longer version is cut to it, a shorter one leaves the rest as it was.
+ * @param out room for BDBUS_UPGRADE_VERSION_MAX bytes; a longer version is cut to it, a shorter one leaves the rest as
+ * it was.
  * @return positive when read; a negative code.
  * @{
  */

@@ -7,22 +7,23 @@
  * bdbus_upgrade_agent_target_check(), bdbus_upgrade_agent_preparation_stage(), bdbus_upgrade_agent_pre_upgrade_check(),
  * bdbus_upgrade_agent_upgrade_stage(), bdbus_upgrade_agent_activation_stage(), bdbus_upgrade_agent_end().
  *
- * Results: 0 when a stage succeeded. Every other result is a failure, also the positive one, and its codes are the stage's own.
- * The reason goes to syslog, through the program's own openlog() and setlogmask(): LOG_ERR for failures, LOG_NOTICE for
- * progress, LOG_INFO for details. The commands below print their lines on stderr besides (hpm1.h). Nothing is undone when a stage
- * fails; the context stays valid.
+ * Results: 0 when a stage succeeded. Every other result is a failure, also the positive one, and its codes are the
+ * stage's own. The reason goes to syslog, through the program's own openlog() and setlogmask(): LOG_ERR for failures,
+ * LOG_NOTICE for progress, LOG_INFO for details. The commands below print their lines on stderr besides (hpm1.h).
+ * Nothing is undone when a stage fails; the context stays valid.
  *
- * An image that is too short, or whose lengths reach past its end, is refused with "Truncated HPM.1 image" and never read
- * beyond its bytes; so is a context that is null or holds no image. The result is then -8 from the integrity check and -1 from
- * a stage.
+ * An image that is too short, or whose lengths reach past its end, is refused with "Truncated HPM.1 image" and never
+ * read beyond its bytes; so is a context that is null or holds no image. The result is then -8 from the integrity check
+ * and -1 from a stage.
  *
- * Threads: the stages run on the caller's thread, and only one upgrade may run at a time in a process. Another thread may watch it
- * with bdbus_upgrade_agent_get_upgrade_stage_status() and stop it with bdbus_upgrade_agent_abort().
+ * Threads: the stages run on the caller's thread, and only one upgrade may run at a time in a process. Another thread
+ * may watch it with bdbus_upgrade_agent_get_upgrade_stage_status() and stop it with bdbus_upgrade_agent_abort().
  */
 #ifndef BDBUS_UPGRADE_AGENT_H
 #define BDBUS_UPGRADE_AGENT_H
 
 #include <bdbus/hpm1.h>
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -34,8 +35,8 @@ extern "C" {
 #define BDBUS_UPGRADE_AGENT_COMPONENTS 8
 
 /** Bits of bdbus_upgrade_agent_context::options. */
-#define BDBUS_UPGRADE_AGENT_VERBOSE 0x01       /**< log information about the image */
-#define BDBUS_UPGRADE_AGENT_FORCE 0x02         /**< upgrade every component that the image holds, whatever its version */
+#define BDBUS_UPGRADE_AGENT_VERBOSE 0x01 /**< log information about the image */
+#define BDBUS_UPGRADE_AGENT_FORCE 0x02   /**< upgrade every component that the image holds, whatever its version */
 #define BDBUS_UPGRADE_AGENT_SKIP_IDENTITY 0x04 /**< do not compare device, product and manufacturer */
 
 /** Stages as bdbus_upgrade_agent_get_upgrade_stage_status() reports them. */
@@ -49,18 +50,20 @@ extern "C" {
 
 /** One upgrade: the image and what the stages learn. The caller sets `options` and leaves the rest to the stages. */
 typedef struct bdbus_upgrade_agent_context {
-    uint8_t component_id;      /**< component being uploaded, then the last one; another thread reads it with an atomic load */
-    uint8_t options;           /**< BDBUS_UPGRADE_AGENT_VERBOSE, _FORCE, _SKIP_IDENTITY */
-    uint32_t image_size;       /**< bytes of `image_data` */
-    uint8_t *image_data;       /**< the whole file, owned by the context; null when none was loaded */
-    uint8_t upgrade_mask;      /**< bit n set: component n is to be upgraded */
-    uint8_t fw_major;          /**< the controller's firmware version */
-    uint8_t fw_minor;          /**< its minor part */
-    uint8_t device_id;         /**< the controller's device ID */
-    uint8_t manufacturer_id[3]; /**< the controller's, least significant byte first */
-    uint8_t product_id[2];      /**< the controller's, most significant byte first */
+    uint8_t
+        component_id; /**< component being uploaded, then the last one; another thread reads it with an atomic load */
+    uint8_t options;  /**< BDBUS_UPGRADE_AGENT_VERBOSE, _FORCE, _SKIP_IDENTITY */
+    uint32_t image_size;                    /**< bytes of `image_data` */
+    uint8_t *image_data;                    /**< the whole file, owned by the context; null when none was loaded */
+    uint8_t upgrade_mask;                   /**< bit n set: component n is to be upgraded */
+    uint8_t fw_major;                       /**< the controller's firmware version */
+    uint8_t fw_minor;                       /**< its minor part */
+    uint8_t device_id;                      /**< the controller's device ID */
+    uint8_t manufacturer_id[3];             /**< the controller's, least significant byte first */
+    uint8_t product_id[2];                  /**< the controller's, most significant byte first */
     bdbus_hpm1_target_caps_rec target_caps; /**< the target's upgrade capabilities */
-    bdbus_hpm1_component_props_rec component_props[BDBUS_UPGRADE_AGENT_COMPONENTS]; /**< general properties; zero where unknown */
+    bdbus_hpm1_component_props_rec
+        component_props[BDBUS_UPGRADE_AGENT_COMPONENTS]; /**< general properties; zero where unknown */
 } bdbus_upgrade_agent_context;
 
 /**
@@ -75,14 +78,14 @@ bdbus_upgrade_agent_context *bdbus_upgrade_agent_initialization(const char *path
  * Check the image: MD5 digest, signature, header version, header checksum, lengths.
  *
  * @param context the upgrade.
- * @return 0; -1, -2, -3 when the digest could not be computed; -4 digest differs; -5 no HPM.1 signature; -6 header version is
- *         not 0; -7 header checksum; -8 truncated, or no image.
+ * @return 0; -1, -2, -3 when the digest could not be computed; -4 digest differs; -5 no HPM.1 signature; -6 header
+ * version is not 0; -7 header checksum; -8 truncated, or no image.
  */
 int32_t bdbus_upgrade_agent_validate_image_integrity(bdbus_upgrade_agent_context *context);
 
 /**
- * The image's header. With BDBUS_UPGRADE_AGENT_VERBOSE its fields are logged. Nothing is checked: the file may be shorter than a
- * header.
+ * The image's header. With BDBUS_UPGRADE_AGENT_VERBOSE its fields are logged. Nothing is checked: the file may be
+ * shorter than a header.
  *
  * @param context the upgrade.
  * @return the first byte of the image, valid until bdbus_upgrade_agent_end(); null without an image.
@@ -90,12 +93,12 @@ int32_t bdbus_upgrade_agent_validate_image_integrity(bdbus_upgrade_agent_context
 const uint8_t *bdbus_upgrade_agent_get_hpm1_header(const bdbus_upgrade_agent_context *context);
 
 /**
- * The vendor header of the image's last upload record: the bytes from 6 bytes into its image data on. Their contents are the
- * vendor's; the caller knows how many they are, and compares with `image_data` and `image_size`.
+ * The vendor header of the image's last upload record: the bytes from 6 bytes into its image data on. Their contents
+ * are the vendor's; the caller knows how many they are, and compares with `image_data` and `image_size`.
  *
  * @param context the upgrade.
- * @return a pointer into the image, valid until bdbus_upgrade_agent_end(); null without an upload record, or when a record is
- *         invalid or truncated.
+ * @return a pointer into the image, valid until bdbus_upgrade_agent_end(); null without an upload record, or when a
+ * record is invalid or truncated.
  */
 const uint8_t *bdbus_upgrade_agent_get_brs_header(const bdbus_upgrade_agent_context *context);
 
@@ -117,8 +120,8 @@ void bdbus_upgrade_agent_get_upgrade_stage_status(uint8_t *stage, uint8_t *progr
 /**
  * Read the target's capabilities and its components' properties and versions, for the later stages.
  *
- * @return 0; the result of the first query that failed: -1 for a completion code other than 0, else as hpm1.h. Versions of a
- *         backup or deferred copy that cannot be read are taken as zero and are no failure.
+ * @return 0; the result of the first query that failed: -1 for a completion code other than 0, else as hpm1.h. Versions
+ * of a backup or deferred copy that cannot be read are taken as zero and are no failure.
  */
 int32_t bdbus_upgrade_agent_target_check(void);
 
@@ -126,32 +129,33 @@ int32_t bdbus_upgrade_agent_target_check(void);
  * Compare the image with the controller and the target, and keep the target's capabilities in the context.
  *
  * @param context the upgrade.
- * @return 0; a positive status of config.h when the controller's identity could not be read; -1 another manufacturer, -2 another
- *         product, -3 another device (none of these with BDBUS_UPGRADE_AGENT_SKIP_IDENTITY); BDBUS_UPGRADE_AGENT_FIRMWARE_TOO_OLD;
- *         -4 the image holds a component that the target lacks; -5 the target does not want an upgrade now; else the result of a
- *         query that failed, as bdbus_upgrade_agent_target_check().
+ * @return 0; a positive status of config.h when the controller's identity could not be read; -1 another manufacturer,
+ * -2 another product, -3 another device (none of these with BDBUS_UPGRADE_AGENT_SKIP_IDENTITY);
+ * BDBUS_UPGRADE_AGENT_FIRMWARE_TOO_OLD; -4 the image holds a component that the target lacks; -5 the target does not
+ * want an upgrade now; else the result of a query that failed, as bdbus_upgrade_agent_target_check().
  */
 int32_t bdbus_upgrade_agent_preparation_stage(bdbus_upgrade_agent_context *context);
 
 /**
- * Check the image's actions against the target and mark in `upgrade_mask` each component whose image differs from what the
- * target holds. Bits are only ever set.
+ * Check the image's actions against the target and mark in `upgrade_mask` each component whose image differs from what
+ * the target holds. Bits are only ever set.
  *
  * @param context the upgrade, after the target check and the preparation stage.
- * @return 0; -1 a record's checksum, no component on the target, or a truncated image; -2 a backup of a component that has none;
- *         -3 a preparation of a component that has none; -4 an unknown action.
+ * @return 0; -1 a record's checksum, no component on the target, or a truncated image; -2 a backup of a component that
+ * has none; -3 a preparation of a component that has none; -4 an unknown action.
  */
 int32_t bdbus_upgrade_agent_pre_upgrade_check(bdbus_upgrade_agent_context *context);
 
 /**
  * Carry out the image's actions: back up and prepare, then upload every marked component.
  *
- * Blocks start at BDBUS_HPM1_BLOCK_MAX bytes and shrink until the target takes the first one. A process is granted three resends of
- * blocks in its whole life. Long-duration commands are polled every 2 seconds up to the target's limit.
+ * Blocks start at BDBUS_HPM1_BLOCK_MAX bytes and shrink until the target takes the first one. A process is granted
+ * three resends of blocks in its whole life. Long-duration commands are polled every 2 seconds up to the target's
+ * limit.
  *
  * @param context the upgrade.
- * @return 0; -1 an invalid record, a block size worn down to 0, a long-duration command that failed, or a target copy that does
- *         not match; -2 a block or the finish was refused; else the negative result of a command.
+ * @return 0; -1 an invalid record, a block size worn down to 0, a long-duration command that failed, or a target copy
+ * that does not match; -2 a block or the finish was refused; else the negative result of a command.
  */
 int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context);
 
@@ -159,8 +163,8 @@ int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context);
  * Activate the new firmware, follow its self test, and roll back when that fails.
  *
  * @param context the upgrade.
- * @return 0, also when a rollback was started or has happened; -1 activation, self test or rollback failed; -2 no self-test result
- *         or no rollback status; else the negative result of a command.
+ * @return 0, also when a rollback was started or has happened; -1 activation, self test or rollback failed; -2 no
+ * self-test result or no rollback status; else the negative result of a command.
  */
 int32_t bdbus_upgrade_agent_activation_stage(bdbus_upgrade_agent_context *context);
 

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The layout of every record that crosses the interface, for both word sizes. A change here breaks programs that were
+// built before it.
+#include <bdbus/bdbus.h>
+
+#include <cstddef>
+
+#define BDBUS_AT(record, field, offset) static_assert(offsetof(record, field) == (offset))
+
+BDBUS_AT(bdbus_hpm1_target_caps_rec, components_present, 8);
+static_assert(sizeof(bdbus_hpm1_target_caps_rec) == 9);
+
+BDBUS_AT(bdbus_hpm1_component_props_rec, selector, 2);
+BDBUS_AT(bdbus_hpm1_component_props_rec, completion_code, 3);
+BDBUS_AT(bdbus_hpm1_component_props_rec, data, 4);
+static_assert(sizeof(bdbus_hpm1_component_props_rec) == 16);
+
+BDBUS_AT(bdbus_hpm1_basic_rec, completion_code, 1);
+static_assert(sizeof(bdbus_hpm1_basic_rec) == 2);
+
+BDBUS_AT(bdbus_hpm1_upgrade_action_rec, components, 1);
+BDBUS_AT(bdbus_hpm1_upgrade_action_rec, action, 2);
+BDBUS_AT(bdbus_hpm1_upgrade_action_rec, completion_code, 3);
+static_assert(sizeof(bdbus_hpm1_upgrade_action_rec) == 4);
+
+BDBUS_AT(bdbus_hpm1_upload_block_rec, block_number, 1);
+BDBUS_AT(bdbus_hpm1_upload_block_rec, data, 2);
+BDBUS_AT(bdbus_hpm1_upload_block_rec, length, 1532);
+BDBUS_AT(bdbus_hpm1_upload_block_rec, completion_code, 1536);
+static_assert(sizeof(bdbus_hpm1_upload_block_rec) == 1540);
+
+BDBUS_AT(bdbus_hpm1_finish_upload_rec, component_id, 1);
+BDBUS_AT(bdbus_hpm1_finish_upload_rec, image_length, 4);
+BDBUS_AT(bdbus_hpm1_finish_upload_rec, completion_code, 8);
+static_assert(sizeof(bdbus_hpm1_finish_upload_rec) == 12);
+
+BDBUS_AT(bdbus_hpm1_upgrade_status_rec, command_in_progress, 2);
+BDBUS_AT(bdbus_hpm1_upgrade_status_rec, last_completion_code, 3);
+static_assert(sizeof(bdbus_hpm1_upgrade_status_rec) == 4);
+
+BDBUS_AT(bdbus_hpm1_self_test_rec, result1, 2);
+BDBUS_AT(bdbus_hpm1_self_test_rec, result2, 3);
+static_assert(sizeof(bdbus_hpm1_self_test_rec) == 4);
+
+BDBUS_AT(bdbus_hpm1_rollback_status_rec, rollback_status, 2);
+static_assert(sizeof(bdbus_hpm1_rollback_status_rec) == 3);
+
+constexpr std::size_t word = sizeof(void *);
+
+BDBUS_AT(bdbus_upgrade_agent_context, options, 1);
+BDBUS_AT(bdbus_upgrade_agent_context, image_size, 4);
+BDBUS_AT(bdbus_upgrade_agent_context, image_data, 8);
+BDBUS_AT(bdbus_upgrade_agent_context, upgrade_mask, 8 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, fw_major, 9 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, fw_minor, 10 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, device_id, 11 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, manufacturer_id, 12 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, product_id, 15 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, target_caps, 17 + word);
+BDBUS_AT(bdbus_upgrade_agent_context, component_props, 26 + word);
+static_assert(sizeof(bdbus_upgrade_agent_context) == (word == 8 ? 168 : 160));
+
+BDBUS_AT(bdbus_upgrade_callback_table, uboot_change, 0);
+BDBUS_AT(bdbus_upgrade_callback_table, bmc_reset, 11 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, fwconf_update_succeed, 25 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, fpga_change, 31 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, bios_update_pending, 49 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, nvram_update_pending, 60 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, bp_cpld_manual_rollback_initiated, 66 * word);
+BDBUS_AT(bdbus_upgrade_callback_table, bp_cpld_sign_verify_fail, 79 * word);
+static_assert(sizeof(bdbus_upgrade_callback_table) == BDBUS_UPGRADE_SIGNALS * word);

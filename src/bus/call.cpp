@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "bus/call.hpp"
+
+#include <cstring>
+
+namespace bdbus
+{
+
+call_frame::~call_frame()
+{
+    sd_bus_error_free(&error_);
+    sd_bus_message_unref(reply_);
+    sd_bus_message_unref(request_);
+}
+
+void call_frame::settle(int result, const char *text)
+{
+    result_ = result;
+    if (failed()) {
+        complain(text, strerror(-result));
+    }
+}
+
+// The peer's own words say more than an errno; a peer that sent none leaves the errno.
+void call_frame::issued(int result)
+{
+    result_ = result;
+    if (failed()) {
+        const bool has_text = error_.message != nullptr && error_.message[0] != '\0';
+        complain(texts_.issue, has_text ? error_.message : strerror(-result));
+    }
+}
+
+void call_frame::got_property(int result, const char *name)
+{
+    result_ = result;
+    if (failed()) {
+        complain(texts_.property, name, strerror(-result));
+    }
+}
+
+void call_frame::create(const char *member)
+{
+    if (!failed()) {
+        settle(sd_bus_message_new_method_call(bus_, &request_, peer_.name, peer_.path, peer_.interface, member),
+               texts_.create);
+    }
+}
+
+void call_frame::append_bytes(const uint8_t *data, uint32_t length)
+{
+    if (!failed()) {
+        settle(sd_bus_message_append_array(request_, 'y', data, length), texts_.append_array);
+    }
+}
+
+void call_frame::send(uint64_t timeout_us)
+{
+    if (!failed()) {
+        settle(sd_bus_call(bus_, request_, timeout_us, &error_, &reply_), texts_.send);
+    }
+}
+
+int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
+{
+    if (failed()) {
+        return result_;
+    }
+    const void *bytes = nullptr;
+    size_t count = 0;
+    settle(sd_bus_message_read_array(reply_, 'y', &bytes, &count), texts_.array);
+    if (failed()) {
+        return result_;
+    }
+    const size_t taken = count < room ? count : room;
+    if (taken > 0) {
+        memcpy(out, bytes, taken);
+    }
+    if (length != nullptr) {
+        *length = static_cast<uint32_t>(count);
+    }
+    return result_;
+}
+
+void call_frame::get_property(const char *name, const char *type)
+{
+    if (!failed()) {
+        got_property(sd_bus_get_property(bus_, peer_.name, peer_.path, peer_.interface, name, &error_, &reply_, type),
+                     name);
+    }
+}
+
+} // namespace bdbus

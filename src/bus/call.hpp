@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The call frame: the steps of one bus call, in the order in which a family writes them down. A step after a failed
+// step does nothing, the first failure's code is the result, and it prints one line. Error, reply and request are
+// released on every path.
+#pragma once
+
+#include "bus/signature.hpp"
+#include "bus/texts.hpp"
+
+#include <systemd/sd-bus.h>
+
+namespace bdbus
+{
+
+/** Whom a call goes to. */
+struct service {
+    const char *name;
+    const char *path;
+    const char *interface;
+};
+
+class call_frame
+{
+  public:
+    /** @param acquired the result of having got the connection: a negative one is this call's first failure. */
+    call_frame(const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
+        : peer_(peer), texts_(texts), bus_(bus), result_(acquired)
+    {
+    }
+    ~call_frame();
+    call_frame(const call_frame &) = delete;
+    call_frame &operator=(const call_frame &) = delete;
+
+    [[nodiscard]] int32_t result() const
+    {
+        return result_;
+    }
+    [[nodiscard]] bool failed() const
+    {
+        return result_ < 0;
+    }
+
+    /** Call a method in one step. */
+    template <signature Sig, typename... Values>
+    void invoke(const char *member, Values... values)
+    {
+        static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
+        if (!failed()) {
+            issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, &error_, &reply_,
+                                      sizeof(Sig.text) > 1 ? Sig.text : nullptr, values...));
+        }
+    }
+
+    /** Build a request: create(), then the values and bytes in order, then send(). */
+    void create(const char *member);
+
+    template <signature Sig, typename... Values>
+    void append(Values... values)
+    {
+        static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
+        if (!failed()) {
+            settle(sd_bus_message_append(request_, Sig.text, values...), texts_.append);
+        }
+    }
+
+    void append_bytes(const uint8_t *data, uint32_t length);
+
+    /** @param timeout_us 0 for sd-bus's default, no_timeout to wait for ever. */
+    void send(uint64_t timeout_us);
+    static constexpr uint64_t no_timeout = UINT64_MAX;
+
+    /** Read values of the reply. Those before one that cannot be read are written. @return this call's result. */
+    template <signature Sig, typename... Values>
+    int32_t read(Values *...values)
+    {
+        static_assert(fits<Sig, Values...>(), "the outputs do not match the signature that they are read under");
+        if (!failed()) {
+            settle(sd_bus_message_read(reply_, Sig.text, values...), texts_.parse);
+        }
+        return result_;
+    }
+
+    /**
+     * Read a byte array of the reply: as many bytes as there is room for, the rest of a shorter array's room left as it
+     * was.
+     *
+     * @param length receives the array's whole length; may be null.
+     * @return this call's result.
+     */
+    int32_t read_bytes(uint8_t *out, uint32_t room, uint32_t *length = nullptr);
+
+    /** Ask for an array property; read_bytes() follows. */
+    void get_property(const char *name, const char *type);
+
+    /** Read a property of a basic type. @return this call's result. */
+    template <signature Type, typename Value>
+    int32_t get_basic_property(const char *name, Value *value)
+    {
+        static_assert(fits<Type, Value>() && sizeof(Type.text) == 2, "the output does not match the property's type");
+        if (!failed()) {
+            got_property(sd_bus_get_property_trivial(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr,
+                                                     Type.text[0], value),
+                         name);
+        }
+        return result_;
+    }
+
+  private:
+    void settle(int result, const char *text);
+    void issued(int result);
+    void got_property(int result, const char *name);
+
+    const service &peer_;
+    const call_texts &texts_;
+    sd_bus *bus_;
+    int32_t result_;
+    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_message *request_ = nullptr;
+    sd_bus_message *reply_ = nullptr;
+};
+
+} // namespace bdbus

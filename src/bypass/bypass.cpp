@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Advanced bypass: three calls of bytes, answered with one integer. A connection for each call; a failure answers 0.
+#include "bus/call.hpp"
+#include "bus/connection.hpp"
+
+#include <bdbus/abp.h>
+
+namespace bdbus
+{
+
+static constexpr service bypass_service = {
+    .name = "com.brisemont.AdvancedBypass",
+    .path = "/com/brisemont/AdvancedBypass",
+    .interface = "com.brisemont.AdvancedBypass",
+};
+
+static constinit pthread_mutex_t bypass_lock = PTHREAD_MUTEX_INITIALIZER;
+
+/** Send the low bytes of the values. */
+template <signature Sig, typename... Values>
+static int32_t bypass_call(const char *member, Values... values)
+{
+    const call_connection connection(bypass_lock);
+    call_frame call(bypass_service, plain_texts, connection.bus(), connection.acquired());
+    int32_t answer = 0;
+    call.invoke<Sig>(member, static_cast<uint8_t>(values)...);
+    call.read<"i">(&answer);
+    return answer;
+}
+
+} // namespace bdbus
+
+int32_t bdbus_abp_set_global_reset(int32_t value)
+{
+    return bdbus::bypass_call<"y">("SetGlobalReset", value);
+}
+
+int32_t bdbus_abp_set_permanent_global_reset(int32_t value)
+{
+    return bdbus::bypass_call<"y">("SetPermanentGlobalReset", value);
+}
+
+int32_t bdbus_abp_set_permanent_bypass(int32_t first, int32_t second)
+{
+    return bdbus::bypass_call<"yy">("SetPermanentBypass", first, second);
+}

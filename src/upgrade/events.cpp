@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The 80 notices of the upgrade service: one list of names, one handler for each, and the caller's table.
+#include "upgrade/events.hpp"
+
+#include "upgrade/connection.hpp"
+
+#include <bdbus/upgrade.h>
+
+#include <atomic>
+#include <iterator>
+#include <utility>
+
+namespace bdbus
+{
+
+// In the order of the slots of bdbus_upgrade_callback_table.
+static constexpr const char *upgrade_signals[] = {
+    // clang-format off
+    "UbootChange", "UbootUpdateSucceed", "UbootUpdateAborted", "UbootUpdateFail", "UbootUpdateTimeout",
+    "UbootActivationFail", "UbootVersion", "UbootSignFail", "UbootEnvDefaults", "UbootFlash0Fail",
+    "UbootFlash1Fail",
+    "BmcReset", "BmcChange", "BmcAutoRollback", "BmcManualRollbackInitiated", "BmcManualRollbackSucceed",
+    "BmcManualRollbackFail", "BmcUpdateSucceed", "BmcUpdateAborted", "BmcUpdateFail", "BmcUpdateTimeout",
+    "BmcActivationFail", "BmcVersion", "BmcSignVerifyPass", "BmcSignVerifyFail",
+    "FwconfUpdateSucceed", "FwconfUpdateAborted", "FwconfUpdateFail", "FwconfUpdateTimeout",
+    "FwconfActivationFail", "FwconfVersion",
+    "FpgaChange", "FpgaManualRollbackInitiated", "FpgaManualRollbackSucceed", "FpgaManualRollbackFail",
+    "FpgaUpdatePending", "FpgaUpdateStart", "FpgaUpdateEnd", "FpgaUpdateSucceed", "FpgaUpdateAborted",
+    "FpgaUpdateFail", "FpgaUpdateTimeout", "FpgaActivationFail", "FpgaAutoRollbackStart",
+    "FpgaAutoRollbackSucceed", "FpgaAutoRollbackFail", "FpgaVersion", "FpgaSignVerifyPass", "FpgaSignVerifyFail",
+    "BiosUpdatePending", "BiosUpdateSucceed", "BiosUpdateAborted", "BiosUpdateFail", "BiosUpdateTimeout",
+    "BiosManualRollbackInitiated", "BiosRollbackSucceed", "BiosFlash0BootInit", "BiosFlash1BootInit",
+    "BiosFlashSwapRunning", "BiosFlashSwapFinished",
+    "NvramUpdatePending", "NvramUpdateSucceed", "NvramUpdateAborted", "NvramUpdateFail", "NvramUpdateTimeout",
+    "NvramActivationFail",
+    "BpCpldManualRollbackInitiated", "BpCpldManualRollbackSucceed", "BpCpldManualRollbackFail",
+    "BpCpldUpdateSucceed", "BpCpldUpdateAborted", "BpCpldUpdateFail", "BpCpldUpdateTimeout",
+    "BpCpldActivationFail", "BpCpldAutoRollbackStart", "BpCpldAutoRollbackSucceed", "BpCpldAutoRollbackFail",
+    "BpCpldVersion", "BpCpldSignVerifyPass", "BpCpldSignVerifyFail",
+    // clang-format on
+};
+
+// The table is a record for its callers' sake; here it is an array of as many slots as there are names.
+static_assert(std::size(upgrade_signals) == BDBUS_UPGRADE_SIGNALS);
+static_assert(sizeof(bdbus_upgrade_callback_table) == sizeof(sd_bus_message_handler_t[BDBUS_UPGRADE_SIGNALS]));
+
+static constinit std::atomic<const bdbus_upgrade_callback_table *> upgrade_callbacks{nullptr};
+
+/** What sd-bus calls for the signal of one slot; the handler's result means nothing. */
+template <std::size_t Slot>
+static int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
+{
+    const bdbus_upgrade_callback_table *table = upgrade_callbacks.load(std::memory_order_acquire);
+    if (table == nullptr) {
+        return 0;
+    }
+    const sd_bus_message_handler_t handler = reinterpret_cast<const sd_bus_message_handler_t *>(table)[Slot];
+    if (handler != nullptr) {
+        handler(signal, userdata, error);
+    }
+    return 0;
+}
+
+template <std::size_t... Slots>
+static void match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
+{
+    // A notice that cannot be matched is not delivered; every call works all the same.
+    (sd_bus_match_signal(bus, nullptr, nullptr, upgrade_service.path, upgrade_service.interface, upgrade_signals[Slots],
+                         upgrade_event<Slots>, nullptr),
+     ...);
+}
+
+void upgrade_events_match(sd_bus *bus)
+{
+    match_all(bus, std::make_index_sequence<BDBUS_UPGRADE_SIGNALS>());
+}
+
+} // namespace bdbus
+
+int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table)
+{
+    bdbus::upgrade_callbacks.store(table, std::memory_order_release);
+    return 0;
+}
+
+int32_t bdbus_upgrade_signal_process(void)
+{
+    return bdbus::process_one<bdbus::upgrade_bus_acquire, bdbus::upgrade_bus_release>(bdbus::upgrade_module);
+}
