@@ -2,9 +2,9 @@
 // Reading an HPM.1 image: its integrity, its header, its action records.
 #include "upgrade_agent/image.hpp"
 
+#include <wolfssl/options.h>
 #include <syslog.h>
 #include <wolfssl/openssl/md5.h>
-#include <wolfssl/options.h>
 
 #include <cstring>
 
