@@ -1,0 +1,231 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "support/capture.hpp"
+#include "support/clock.hpp"
+#include "support/image.hpp"
+#include "support/simulator.hpp"
+
+#include <sys/syslog.h>
+
+#include <cerrno>
+
+class agent_activation : public controller_test
+{
+  protected:
+    void SetUp() override
+    {
+        controller_test::SetUp();
+        bdbus_upgrade_agent_target_check();
+        simulator::clear_calls();
+    }
+
+    /** How the stage is entered: what the image and the target say of self test and rollback. */
+    struct setting {
+        uint8_t image_capabilities = 0;
+        uint8_t global_capabilities = 3;
+        uint8_t component_general = 0x26;
+        uint8_t component_id = 1;
+        uint8_t target_units = 2; // of 5 seconds: every time-out of the target's
+        uint8_t image_units = 0;
+        bool with_image = true;
+    };
+
+    static int32_t activate(const setting &how)
+    {
+        image_builder builder;
+        builder.capabilities = how.image_capabilities;
+        builder.self_test_timeout = builder.rollback_timeout = how.image_units;
+        const agent_context image(builder.build());
+        bdbus_upgrade_agent_context context = *image;
+        context.image_data = how.with_image ? context.image_data : nullptr;
+        context.component_id = how.component_id;
+        context.target_caps.global_capabilities = how.global_capabilities;
+        context.target_caps.upgrade_timeout = context.target_caps.self_test_timeout =
+            context.target_caps.rollback_timeout = how.target_units;
+        for (bdbus_hpm1_component_props_rec &properties : context.component_props) {
+            properties.data[0] = how.component_general;
+        }
+        simulator::clear_calls();
+        take_log();
+        take_sleeps();
+        return bdbus_upgrade_agent_activation_stage(&context);
+    }
+
+    static void answer(const char *member, const json &values, int count = 1)
+    {
+        const char *const signature[] = {"", "", "yy", "yyy", "yyyy"};
+        simulator::fault({{"service", "Upgrade1"},
+                          {"member", member},
+                          {"count", count},
+                          {"reply", {{"signature", signature[values.size()]}, {"values", values}}}});
+    }
+
+    static void error(const char *member, const char *service = "Upgrade1")
+    {
+        simulator::fault({{"service", service},
+                          {"member", member},
+                          {"count", 1},
+                          {"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", "no"}}}});
+    }
+
+    static std::vector<std::string> asked()
+    {
+        std::vector<std::string> members = simulator::members("Upgrade1");
+        const std::vector<std::string> more = simulator::members("Bmc1");
+        members.insert(members.end(), more.begin(), more.end());
+        return members;
+    }
+    using names = std::vector<std::string>;
+};
+
+TEST_F(agent_activation, follows_up_only_where_component_and_capabilities_ask_for_it)
+{
+    answer("ActivateFirmware", {0, 0}, 0);
+    set_clock_step(0);
+    simulator::set({{"target", {{"components", {{"2", {{"general", 0x06}}}}}}}});
+    bdbus_upgrade_agent_target_check();
+
+    EXPECT_EQ(activate({.component_id = 2}), 0);
+    EXPECT_EQ(asked(), names{"ActivateFirmware"}) << "no follow-up bit";
+    EXPECT_EQ(activate({.component_id = 200}), 0);
+    EXPECT_EQ(asked(), names{"ActivateFirmware"}) << "no such component";
+    EXPECT_EQ(activate({.global_capabilities = 2}), 0);
+    EXPECT_EQ(asked(), names{"ActivateFirmware"}) << "no self test";
+    EXPECT_EQ(activate({.image_capabilities = 1, .global_capabilities = 2, .with_image = false}), 0);
+    EXPECT_EQ(asked(), names{"ActivateFirmware"}) << "a context without an image has no capabilities";
+
+    for (const setting &how : {setting{.image_capabilities = 1, .global_capabilities = 2}, setting{}}) {
+        EXPECT_EQ(activate(how), 0);
+        EXPECT_EQ(asked(), (names{"ActivateFirmware", "BmcPost"}));
+        EXPECT_EQ(take_sleeps(), std::vector<int64_t>{2000});
+        EXPECT_EQ(take_log(), (std::vector<log_entry>{
+                                  {LOG_INFO, "Query self test results ok (result 1: 0x55 / result 2: 0x0)\n"}}));
+    }
+}
+
+TEST_F(agent_activation, waits_for_an_activation_that_goes_on)
+{
+    answer("ActivateFirmware", {0x80, 0}, 0);
+    answer("GetUpgradeStatus", {0, 0, 0x35, 0x80}, 2);
+    EXPECT_EQ(activate({.target_units = 12}), 0);
+    EXPECT_EQ(asked(),
+              (names{"ActivateFirmware", "GetUpgradeStatus", "GetUpgradeStatus", "GetUpgradeStatus", "BmcPost"}));
+
+    answer("GetUpgradeStatus", {0, 0, 0x35, 0x80}, 2);
+    EXPECT_EQ(activate({.global_capabilities = 1, .target_units = 0}), -1);
+    EXPECT_NE(take_log_text().find("Getting rollback status... not supported\n"), std::string::npos);
+
+    simulator::set({{"target", {{"components", {{"2", {{"general", 0x06}}}}}}}});
+    bdbus_upgrade_agent_target_check();
+    EXPECT_EQ(activate({.component_id = 2}), 0);
+    EXPECT_EQ(asked(), names{"ActivateFirmware"}) << "nobody waits without a follow-up";
+}
+
+TEST_F(agent_activation, asks_for_the_rollback_status_when_the_activation_fails)
+{
+    const stderr_capture said;
+    answer("ActivateFirmware", {0xD5, 0}, 0);
+    const std::string failed = "FW activation fail, completion code 0xD5\n";
+    const struct {
+        json reply;
+        int32_t result;
+        std::string line;
+        int priority;
+    } cases[] = {
+        {{0, 0, 0x12}, 0, "Rollback occurred on component mask: 0x12\n", LOG_NOTICE},
+        {{0, 0, 0}, 0, "No rollback occurred\n", LOG_NOTICE},
+        {{0x81, 0, 0x02}, -1, "Rollback failed on component mask: 0x02\n", LOG_ERR},
+        {{0xC1, 0, 0}, -2, "Error getting rollback status, completion code 0xC1\n", LOG_ERR},
+    };
+    for (const auto &one : cases) {
+        answer("QueryRollbackStatus", one.reply);
+        EXPECT_EQ(activate({}), one.result) << one.line;
+        EXPECT_EQ(take_log(),
+                  (std::vector<log_entry>{
+                      {LOG_ERR, failed}, {LOG_ERR, "Getting rollback status...\n"}, {one.priority, one.line}}));
+        EXPECT_EQ(take_sleeps(), std::vector<int64_t>{1000});
+    }
+    error("QueryRollbackStatus");
+    EXPECT_EQ(activate({}), -EACCES);
+
+    for (const setting &how : {setting{.global_capabilities = 1}, setting{.component_general = 0x24}}) {
+        EXPECT_EQ(activate(how), -1);
+        EXPECT_EQ(take_log_text(), failed + "Getting rollback status... not supported\n");
+    }
+    simulator::clear_faults();
+    error("ActivateFirmware");
+    EXPECT_EQ(activate({.global_capabilities = 0}), -EACCES);
+    EXPECT_EQ(take_log()[0].text, "Upgrade activate FW command fail (return -13)\n");
+}
+
+TEST_F(agent_activation, polls_the_rollback_status_up_to_the_longer_limit)
+{
+    answer("ActivateFirmware", {0xD5, 0}, 0);
+    answer("QueryRollbackStatus", {0x80, 0, 0}, 3);
+    answer("QueryRollbackStatus", {0xC3, 0, 0}, 3);
+    EXPECT_EQ(activate({.image_units = 1}), 0);
+    EXPECT_EQ(take_sleeps(), std::vector<int64_t>(7, 1000));
+
+    for (const auto &[target, image, expected] :
+         {std::tuple<uint8_t, uint8_t, size_t>{2, 0, 10}, {1, 3, 15}, {0, 0, 1}}) {
+        simulator::clear_faults();
+        answer("ActivateFirmware", {0xD5, 0}, 0);
+        answer("QueryRollbackStatus", {0x80, 0, 0}, 0);
+        EXPECT_EQ(activate({.target_units = target, .image_units = image}), -2);
+        EXPECT_EQ(take_sleeps().size(), expected);
+        EXPECT_EQ(take_log().back().text, "Error getting rollback status, completion code 0x80\n");
+    }
+}
+
+TEST_F(agent_activation, rolls_back_after_a_self_test_that_failed_or_gave_nothing)
+{
+    const stderr_capture said;
+    answer("ActivateFirmware", {0, 0}, 0);
+    simulator::set({{"bmc", {{"post", {0x57, 0x04}}}}});
+    answer("InitiateManualRollback", {0xC1, 0});
+    EXPECT_EQ(activate({}), 0) << "the target's answer to the rollback is not judged";
+    EXPECT_EQ(take_log(), (std::vector<log_entry>{
+                              {LOG_INFO, "Query self test results ok (result 1: 0x57 / result 2: 0x4)\n"},
+                              {LOG_ERR, "Self test failed: Result 1 = 0x57, Result 2 = 0x4 - do manual rollback\n"}}));
+
+    error("BmcPost", "Bmc1");
+    answer("InitiateManualRollback", {0, 0});
+    EXPECT_EQ(activate({}), 0);
+    EXPECT_EQ(take_log_text(), "Error getting self test results\nSelf test command failed - do manual rollback\n");
+
+    error("InitiateManualRollback");
+    EXPECT_EQ(activate({.component_general = 0x20}), -1);
+    EXPECT_NE(
+        take_log_text().find("HPM.1 manual rollback fail (return -13)\nGetting rollback status... not supported\n"),
+        std::string::npos);
+    error("InitiateManualRollback");
+    error("BmcPost", "Bmc1");
+    EXPECT_EQ(activate({.component_general = 0x20}), -2);
+    error("InitiateManualRollback");
+    answer("QueryRollbackStatus", {0, 0, 2});
+    EXPECT_EQ(activate({}), 0) << "it had rolled back on its own";
+}
+
+TEST_F(agent_activation, runs_the_whole_road_on_an_image_made_by_hand)
+{
+    bytes firmware = {2, 0x17, 0, 0, 0, 9}; // the simulated controller reads a component's new version from its image
+    const bytes rest = pattern(4000);
+    firmware.insert(firmware.end(), rest.begin(), rest.end());
+    image_builder builder;
+    builder.capabilities = 1;
+    builder.oem = pattern(9);
+    builder.backup(0x02).prepare(0x02).upload(0x02, {2, 0x17, 0, 0, 0, 9}, firmware);
+    const temporary_file file(builder.build());
+
+    bdbus_upgrade_agent_context *context = bdbus_upgrade_agent_initialization(file.path());
+    ASSERT_EQ(bdbus_upgrade_agent_validate_image_integrity(context), 0);
+    ASSERT_EQ(bdbus_upgrade_agent_target_check(), 0);
+    ASSERT_EQ(bdbus_upgrade_agent_preparation_stage(context), 0);
+    ASSERT_EQ(bdbus_upgrade_agent_pre_upgrade_check(context), 0);
+    EXPECT_EQ(context->upgrade_mask, 0x02);
+    ASSERT_EQ(bdbus_upgrade_agent_upgrade_stage(context), 0);
+    ASSERT_EQ(bdbus_upgrade_agent_activation_stage(context), 0);
+    bdbus_upgrade_agent_end(context);
+
+    EXPECT_EQ(simulator::received(1), firmware);
+    EXPECT_EQ(simulator::state()["target"]["components"]["1"]["version"], json({2, 0x17, 0, 0, 0, 9}));
+}
