@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "simulator.hpp"
+
+void add_bmc(simulator &simulator)
+{
+    state_document &state = simulator.state;
+    // The result of the self test: 0x55 is passed.
+    state.add_section("bmc", {{"post", {0x55, 0}}}, {{"post", "ay"}});
+
+    simulator.add_service("Bmc1").add_object({}, {{"", "BmcPost", "ay", [&state](const call &) {
+                                                       return state.at("/bmc/post");
+                                                   }}});
+}

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+/*
+ * A simulated service: tables of methods and properties, and the connection that they are served on.
+ *
+ * The tables are all that a service's file has to say. Messages become JSON and back by the signatures of the tables;
+ * reading and writing of properties, introspection, the call list and the faults are the same for every service and
+ * done here.
+ */
+#ifndef BDBUS_SIM_SERVICE_HPP
+#define BDBUS_SIM_SERVICE_HPP
+
+#include "bus.hpp"
+#include "calls.hpp"
+#include "event.hpp"
+#include "faults.hpp"
+#include "json.hpp"
+
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+// What a client asks. For "get" and "set", `interface` and `member` are the property's.
+struct call {
+    std::string kind; // "call", "get", "set"
+    std::string path;
+    std::string interface;
+    std::string member;
+    std::string signature;
+    json args;
+
+    template <typename T>
+    T arg(size_t index) const
+    {
+        return args.at(index).get<T>();
+    }
+};
+
+// Handlers answer with the reply's values, an array; they refuse with a dbus_error. An empty interface is the service's
+// own.
+struct method {
+    std::string member;
+    std::string in;
+    std::string out;
+    std::function<json(const call &)> handler;
+    std::string interface {
+    };
+};
+
+struct property {
+    std::string interface;
+    std::string name;
+    std::string signature;
+    std::function<json(const call &)> get;
+    std::function<void(const call &)> set{}; // none: read-only
+};
+
+struct signal_row {
+    std::string interface;
+    std::string member;
+    std::string signature;
+};
+
+// Objects with the same members. Which there are may follow the state.
+struct object_table {
+    std::function<std::vector<std::string>()> paths;
+    std::vector<method> methods{};
+    std::vector<property> properties{};
+    std::vector<signal_row> signals{};
+};
+
+class service
+{
+  public:
+    // With null lists the service is neither recorded nor disturbed.
+    service(event_loop &loop, const std::string &name, const std::string &path, call_list *calls, fault_list *faults);
+
+    void add_object(object_table table);
+
+    // One object at the service's usual path.
+    void add_object(std::vector<method> methods, std::vector<property> properties = {},
+                    std::vector<signal_row> signals = {});
+
+    const std::string &name() const
+    {
+        return name_;
+    }
+    const std::string &bus_name() const
+    {
+        return bus_name_;
+    }
+    const std::string &path() const
+    {
+        return path_;
+    }
+    bool running() const
+    {
+        return bus_ != nullptr;
+    }
+
+    // Takes the name on the bus; nothing when it has it.
+    void start();
+
+    // Gives the name back and leaves the bus. Calls that are still being delayed are never answered.
+    void stop();
+
+    // Sends a signal and returns when the bus has passed it on; does nothing while the service is stopped. An empty
+    // interface or path is the service's own.
+    void emit(const std::string &member, const std::string &signature, const json &args, std::string interface = {},
+              std::string path = {});
+
+    // Looks members up for faults, whatever the object; null when there is none.
+    const method *find_method(const std::string &member) const;
+    const property *find_property(const std::string &interface, const std::string &member) const;
+
+  private:
+    struct delayed_call {
+        message_ptr message;
+        call what;
+        fault disturbance;
+        timer_ptr due;
+    };
+
+    static int on_message(sd_bus_message *message, void *self, sd_bus_error *error);
+    void receive(sd_bus_message *message);
+    void record(const call &what, sd_bus_message *message);
+    void delay(sd_bus_message *message, call what, fault disturbance);
+
+    void answer(sd_bus_message *message, const call &what, const fault &disturbance);
+    void die(const fault &disturbance);
+    reply carry_out(const call &what);
+    reply call_method(const call &what);
+    reply read_property(const call &what);
+    reply write_property(const call &what);
+    reply all_properties(const call &what);
+    void send(sd_bus_message *message, const call &what, const reply &values);
+    void send_error(sd_bus_message *message, const dbus_error &error);
+
+    const object_table *find_object(const std::string &path) const;
+    const object_table &object_at(const std::string &path) const;
+    const property &property_of(const call &what) const;
+    std::vector<std::string> children(const std::string &path) const;
+    std::string introspect(const std::string &path) const;
+
+    event_loop &loop_;
+    std::string name_;
+    std::string bus_name_;
+    std::string path_;
+    call_list *calls_;
+    fault_list *faults_;
+    std::vector<object_table> objects_;
+    std::list<delayed_call> delayed_;
+    timer_ptr return_;
+    bus_ptr bus_;
+};
+
+#endif

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "simulator.hpp"
+
+#include <stdexcept>
+
+namespace
+{
+
+std::string usual_path(const std::string &name)
+{
+    return "/com/brisemont/" + name;
+}
+
+} // namespace
+
+simulator::simulator(event_loop &loop, const json &scenario)
+    : target(state, loop), loop_(loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
+{
+    add_bypass(*this);
+    add_config(*this);
+    add_bmc(*this);
+    add_upgrade(*this);
+    fill_control(control_, *this);
+
+    object_reader reader(scenario, "scenario", {"state", "faults"});
+    state.set_scenario(reader.value("state", json::object()));
+    scenario_faults_ = reader.value("faults", json::array());
+    if (!scenario_faults_.is_array())
+        reader.refuse("\"faults\" must be an array");
+    set_to_scenario();
+}
+
+void simulator::start()
+{
+    for (auto &service : services_)
+        service->start();
+    control_.start();
+}
+
+void simulator::reset()
+{
+    start();
+    set_to_scenario();
+}
+
+void simulator::set_to_scenario()
+{
+    faults.clear();
+    calls.clear();
+    target.reset();
+    state.reset();
+    for (const json &fault : scenario_faults_)
+        add_fault(fault);
+}
+
+service &simulator::add_service(const std::string &name, const std::string &path)
+{
+    std::string own_path = path.empty() ? usual_path(name) : path;
+    return *services_.emplace_back(std::make_unique<service>(loop_, name, own_path, &calls, &faults));
+}
+
+service *simulator::find(const std::string &name) const
+{
+    for (const auto &service : services_)
+        if (service->name() == name)
+            return service.get();
+    return nullptr;
+}
+
+service &simulator::at(const std::string &name) const
+{
+    service *found = find(name);
+    if (found == nullptr)
+        throw std::invalid_argument("no such service: \"" + name + '"');
+    return *found;
+}
+
+void simulator::add_fault(const json &description)
+{
+    faults.add(description, [this](const std::string &name) { return find(name); });
+}

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The simulated controller: its state, its services and the object that controls it.
+#ifndef BDBUS_SIM_SIMULATOR_HPP
+#define BDBUS_SIM_SIMULATOR_HPP
+
+#include "calls.hpp"
+#include "event.hpp"
+#include "faults.hpp"
+#include "hpm1-target.hpp"
+#include "json.hpp"
+#include "service.hpp"
+#include "state.hpp"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class simulator
+{
+  public:
+    // A scenario is {"state": merge patch, "faults": [fault, …]}, both optional.
+    simulator(event_loop &loop, const json &scenario);
+
+    // Takes all names; the control object's is the last, so whoever sees it finds everything there.
+    void start();
+
+    // As at the start: the scenario, every service that was on the bus is so again, and nothing of what happened since.
+    void reset();
+
+    // For the services' files: a new service, to be filled with its tables. Its usual path is /com/brisemont/NAME.
+    service &add_service(const std::string &name, const std::string &path = {});
+
+    service *find(const std::string &name) const;
+    service &at(const std::string &name) const;
+
+    void add_fault(const json &description);
+
+    state_document state;
+    hpm1_target target;
+    fault_list faults;
+    call_list calls;
+
+  private:
+    void set_to_scenario();
+
+    event_loop &loop_;
+    json scenario_faults_ = json::array();
+    std::vector<std::unique_ptr<service>> services_;
+    service control_;
+};
+
+// Each adds one service, with its part of the state.
+void add_bypass(simulator &simulator);
+void add_config(simulator &simulator);
+void add_bmc(simulator &simulator);
+void add_upgrade(simulator &simulator);
+
+void fill_control(service &control, simulator &simulator);
+
+#endif

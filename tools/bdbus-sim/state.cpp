@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "state.hpp"
+
+#include <cstdlib>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace
+{
+
+constexpr size_t elements_max = 65'536;
+
+[[noreturn]] void refuse(const std::string &place, const std::string &what)
+{
+    throw std::invalid_argument((place.empty() ? "state" : place) + ": " + what);
+}
+
+template <typename T>
+bool in_range(const json &value)
+{
+    return value.is_number_unsigned()  ? std::in_range<T>(value.get<uint64_t>())
+           : value.is_number_integer() ? std::in_range<T>(value.get<int64_t>())
+                                       : false;
+}
+
+struct leaf_type {
+    const char *name;
+    const char *wanted;
+    bool (*fits)(const json &value);
+};
+
+const leaf_type leaf_types[] = {
+    {"b", "true or false",
+     [](const json &value) {
+         return value.is_boolean();
+     }},
+    {"y", "a number from 0 to 255", in_range<uint8_t>},
+    {"q", "a number from 0 to 65535", in_range<uint16_t>},
+    {"i", "a number from -2147483648 to 2147483647", in_range<int32_t>},
+    {"u", "a number from 0 to 4294967295", in_range<uint32_t>},
+};
+
+void check_leaf(const std::string &place, const json &value, const std::string &type)
+{
+    for (const leaf_type &leaf : leaf_types)
+        if (type == leaf.name && !leaf.fits(value))
+            refuse(place, std::string("must be ") + leaf.wanted);
+}
+
+void check_text(const std::string &place, const json &value, const std::string &type)
+{
+    size_t most = type == "s" ? elements_max : std::stoul(type.substr(1));
+    if (!value.is_string() || value.get_ref<const std::string &>().size() > most)
+        refuse(place, "must be a text of at most " + std::to_string(most) + " bytes");
+}
+
+void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most);
+
+void check_bytes(const std::string &place, const json &value, const std::string &type)
+{
+    size_t exact = type == "ay" ? 0 : std::stoul(type);
+    check_array(place, value, "y", exact, type == "ay" ? elements_max : exact);
+}
+
+void check_object(const std::string &place, const json &value, const json &shape);
+
+void check_shape(const std::string &place, const json &value, const json &shape)
+{
+    if (shape.is_object())
+        return check_object(place, value, shape);
+    if (shape.is_array())
+        return check_array(place, value, shape.at(0), 0, elements_max);
+
+    auto type = shape.get<std::string>();
+    if (type.front() == 's')
+        check_text(place, value, type);
+    else if (type.size() > 1)
+        check_bytes(place, value, type);
+    else
+        check_leaf(place, value, type);
+}
+
+void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most)
+{
+    if (!value.is_array())
+        refuse(place, "must be an array");
+    if (value.size() < least || value.size() > most)
+        refuse(place,
+               std::string("must have ") + (least == most ? "" : "at most ") + std::to_string(most) + " elements");
+    for (size_t i = 0; i < value.size(); i++)
+        check_shape(place + "/" + std::to_string(i), value[i], element);
+}
+
+void check_object(const std::string &place, const json &value, const json &shape)
+{
+    if (!value.is_object())
+        refuse(place, "must be an object");
+    for (const auto &[key, element] : shape.items())
+        if (!key.ends_with('?') && key != "*" && !value.contains(key))
+            refuse(place, "needs the key \"" + key + "\"");
+
+    for (const auto &[key, element] : value.items()) {
+        auto rule = shape.find(key);
+        if (rule == shape.end())
+            rule = shape.find(key + "?");
+        if (rule == shape.end())
+            rule = shape.find("*");
+        if (rule == shape.end())
+            refuse(place, "no such key: \"" + key + "\"");
+        check_shape(place + "/" + key, element, *rule);
+    }
+}
+
+} // namespace
+
+void state_document::add_section(const std::string &name, json defaults, json shape)
+{
+    defaults_[name] = std::move(defaults);
+    shape_[name] = std::move(shape);
+    start_ = current_ = defaults_;
+}
+
+void state_document::on_change(const std::string &section, listener action)
+{
+    listeners_[section] = std::move(action);
+}
+
+void state_document::set_scenario(const json &patch)
+{
+    json start = defaults_;
+    start.merge_patch(patch);
+    check_shape("", start, shape_);
+    start_ = std::move(start);
+}
+
+void state_document::reset()
+{
+    replace(start_);
+}
+
+void state_document::patch(const json &patch)
+{
+    json next = current_;
+    next.merge_patch(patch);
+    check_shape("", next, shape_);
+    replace(std::move(next));
+}
+
+void state_document::replace(json next)
+{
+    std::swap(current_, next);
+    for (const auto &[section, action] : listeners_)
+        notify(section, next[section]);
+}
+
+void state_document::set(const std::string &pointer, json value)
+{
+    std::string section = pointer.substr(1, pointer.find('/', 1) - 1);
+    json before = listeners_.contains(section) ? current_.at(section) : json();
+    current_.at(json::json_pointer(pointer)) = std::move(value);
+    notify(section, before);
+}
+
+void state_document::notify(const std::string &section, const json &before)
+{
+    auto found = listeners_.find(section);
+    if (found != listeners_.end() && before != current_[section])
+        found->second(before, current_[section]);
+}
