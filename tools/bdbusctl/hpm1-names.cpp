@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "hpm1-names.hpp"
+
+#include "text.hpp"
+
+#include <bdbus/hpm1.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+
+namespace bdbusctl
+{
+
+namespace
+{
+
+struct code_name {
+    uint8_t code;
+    std::string_view name;
+};
+
+constexpr std::array generic_completions{
+    code_name{0x00, "success"},
+    code_name{0xC0, "node busy"},
+    code_name{0xC1, "invalid command"},
+    code_name{0xC2, "command invalid for the logical unit"},
+    code_name{0xC3, "timeout while processing"},
+    code_name{0xC4, "out of space"},
+    code_name{0xC5, "reservation canceled or invalid"},
+    code_name{0xC6, "request data truncated"},
+    code_name{0xC7, "request data length invalid"},
+    code_name{0xC8, "request data field length limit exceeded"},
+    code_name{0xC9, "parameter out of range"},
+    code_name{0xCA, "cannot return the requested number of bytes"},
+    code_name{0xCB, "requested sensor, data or record not present"},
+    code_name{0xCC, "invalid data field in request"},
+    code_name{0xCD, "command illegal for the sensor or record type"},
+    code_name{0xCE, "response could not be provided"},
+    code_name{0xCF, "duplicated request"},
+    code_name{0xD0, "response could not be provided: repository in update mode"},
+    code_name{0xD1, "response could not be provided: firmware in update mode"},
+    code_name{0xD2, "response could not be provided: initialization in progress"},
+    code_name{0xD3, "destination unavailable"},
+    code_name{0xD4, "insufficient privilege level"},
+    code_name{0xD5, "not supported in present state"},
+    code_name{0xD6, "sub-function disabled or unavailable"},
+    code_name{0xFF, "unspecified error"},
+};
+
+struct command_completion {
+    hpm1_command command;
+    uint8_t code;
+    std::string_view name;
+};
+
+constexpr std::array command_completions{
+    command_completion{hpm1_command::component_properties, 0x82, "invalid component"},
+    command_completion{hpm1_command::component_properties, 0x83, "invalid property selector"},
+    command_completion{hpm1_command::abort, 0x80, "upgrade cannot be aborted now"},
+    command_completion{hpm1_command::action, 0x81, "invalid component"},
+    command_completion{hpm1_command::upload_block, 0x82, "block not taken, send it again"},
+    command_completion{hpm1_command::upload_block, 0x83, "block not taken, send it again"},
+    command_completion{hpm1_command::finish_upload, 0x81, "number of bytes differs from the image length"},
+    command_completion{hpm1_command::finish_upload, 0x82, "checksum error in the component's data"},
+    command_completion{hpm1_command::finish_upload, 0x83, "active copy does not match the upgrade image"},
+    command_completion{hpm1_command::rollback_status, 0x81, "rollback failed"},
+};
+
+constexpr std::array commands{
+    code_name{0x2E, "get target upgrade capabilities"},
+    code_name{0x2F, "get component properties"},
+    code_name{0x30, "abort firmware upgrade"},
+    code_name{0x31, "initiate upgrade action"},
+    code_name{0x32, "upload firmware block"},
+    code_name{0x33, "finish firmware upload"},
+    code_name{0x34, "get upgrade status"},
+    code_name{0x35, "activate firmware"},
+    code_name{0x36, "query self-test results"},
+    code_name{0x37, "query rollback status"},
+    code_name{0x38, "initiate manual rollback"},
+};
+
+constexpr std::array actions{
+    code_name{BDBUS_HPM1_ACTION_BACKUP, "backup"},
+    code_name{BDBUS_HPM1_ACTION_PREPARE, "prepare"},
+    code_name{BDBUS_HPM1_ACTION_UPLOAD, "upload"},
+};
+
+constexpr std::array self_test_results{
+    code_name{0x55, "passed"},
+    code_name{0x56, "no self test on this controller"},
+    code_name{0x57, "corrupted or inaccessible data or devices"},
+    code_name{0x58, "fatal hardware error"},
+};
+
+// Second byte of a self test that ended with 0x57.
+constexpr std::array<std::string_view, 8> inaccessible_parts{
+    "operational firmware corrupted", "boot block firmware corrupted", "internal use area of the FRU corrupted",
+    "SDR repository empty",           "IPMB lines do not respond",     "FRU device inaccessible",
+    "SDR repository inaccessible",    "SEL device inaccessible",
+};
+
+constexpr std::array<std::string_view, 8> global_capabilities{
+    "self-test",           "automatic-rollback", "manual-rollback",     "service-affected",
+    "deferred-activation", "degraded-meanwhile", "rollback-overridden", "upgrade-undesirable",
+};
+
+constexpr std::array<std::string_view, 8> component_capabilities{
+    "reserved-0",          "rollback",   "preparation", "comparison", "deferred-activation",
+    "activation-followup", "reserved-6", "reserved-7",
+};
+
+template <size_t size>
+std::string_view find_name(const std::array<code_name, size> &names, uint8_t code, std::string_view otherwise)
+{
+    const auto *const found =
+        std::find_if(names.begin(), names.end(), [code](const code_name &entry) { return entry.code == code; });
+    return found == names.end() ? otherwise : found->name;
+}
+
+std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits)
+{
+    std::vector<std::string> set;
+    for (size_t bit = 0; bit < names.size(); bit++)
+        if (bits >> bit & 1)
+            set.emplace_back(names[bit]);
+    return set;
+}
+
+bool is_absent(std::span<const uint8_t> version)
+{
+    return std::all_of(version.begin(), version.end(), [](uint8_t byte) { return byte == 0xFF; });
+}
+
+} // namespace
+
+std::string_view command_name(uint8_t code)
+{
+    return find_name(commands, code, code == 0 ? "none" : "unknown command");
+}
+
+std::string_view action_name(uint8_t action)
+{
+    return find_name(actions, action, "unknown action");
+}
+
+std::string completion_name(hpm1_command command, uint8_t code)
+{
+    for (const auto &entry : command_completions)
+        if (entry.command == command && entry.code == code)
+            return std::string(entry.name);
+    if (code == BDBUS_HPM1_CC_IN_PROGRESS)
+        return "command in progress";
+    const bool of_command = code >= 0x80 && code <= 0xBE;
+    return std::string(find_name(generic_completions, code, of_command ? "command-specific code" : "unknown code"));
+}
+
+cell completion_cell(hpm1_command command, uint8_t code)
+{
+    return {hex_text(code) + " (" + completion_name(command, code) + ")", code, code == 0 ? "" : "red"};
+}
+
+std::string self_test_name(uint8_t result1, uint8_t result2)
+{
+    std::string name(find_name(self_test_results, result1, "failed, device-specific"));
+    if (result1 == 0x57 && result2 != 0)
+        name += ": " + join(bit_names(inaccessible_parts, result2), ", ");
+    return name;
+}
+
+std::vector<std::string> global_capability_names(uint8_t bits)
+{
+    return bit_names(global_capabilities, bits);
+}
+
+std::vector<std::string> component_capability_names(uint8_t bits)
+{
+    return bit_names(component_capabilities, bits);
+}
+
+cell list_cell(const std::vector<std::string> &names)
+{
+    return {names.empty() ? "-" : join(names, ", "), names};
+}
+
+std::string hex_text(uint8_t byte)
+{
+    return format("0x%02x", byte);
+}
+
+std::vector<std::string> component_numbers(uint8_t mask)
+{
+    std::vector<std::string> numbers;
+    for (unsigned component = 0; component < 8; component++)
+        if (mask >> component & 1)
+            numbers.push_back(std::to_string(component));
+    return numbers;
+}
+
+json component_array(uint8_t mask)
+{
+    json numbers = json::array();
+    for (unsigned component = 0; component < 8; component++)
+        if (mask >> component & 1)
+            numbers.push_back(component);
+    return numbers;
+}
+
+std::string version_text(std::span<const uint8_t> version)
+{
+    constexpr size_t longest = 6;
+    if (version.size() < 2)
+        return hex_digits(version);
+    std::string text = format("%u.%02X", version[0], version[1]);
+    const auto auxiliary = version.first(std::min(version.size(), longest)).subspan(2);
+    if (std::any_of(auxiliary.begin(), auxiliary.end(), [](uint8_t byte) { return byte != 0; }))
+        text += "." + hex_digits(auxiliary);
+    return version.size() > longest ? text + "..." : text;
+}
+
+cell version_cell(std::span<const uint8_t> version)
+{
+    return is_absent(version) ? cell::none() : cell(version_text(version));
+}
+
+cell version_hex_cell(std::span<const uint8_t> version)
+{
+    return cell::hidden(is_absent(version) ? json(nullptr) : json(hex_digits(version)));
+}
+
+} // namespace bdbusctl

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "text.hpp"
+
+#include <array>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <stdexcept>
+
+namespace bdbusctl
+{
+
+std::string format(const char *pattern, ...)
+{
+    va_list arguments;
+    va_start(arguments, pattern);
+    char *text = nullptr;
+    const int length = vasprintf(&text, pattern, arguments);
+    va_end(arguments);
+    if (length < 0)
+        throw std::bad_alloc();
+    std::string result(text, static_cast<size_t>(length));
+    free(text);
+    return result;
+}
+
+std::string one_line(std::string_view text)
+{
+    std::string line(text);
+    for (char &character : line) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7F)
+            character = ' ';
+    }
+    return line;
+}
+
+std::string join(const std::vector<std::string> &parts, std::string_view separator)
+{
+    std::string joined;
+    for (const auto &part : parts) {
+        if (&part != &parts.front())
+            joined += separator;
+        joined += part;
+    }
+    return joined;
+}
+
+std::string hex_digits(std::span<const uint8_t> bytes)
+{
+    std::string digits;
+    for (const uint8_t byte : bytes)
+        digits += format("%02x", byte);
+    return digits;
+}
+
+std::string size_text(uint64_t bytes)
+{
+    constexpr std::array units{"B", "KiB", "MiB", "GiB"};
+    auto amount = static_cast<double>(bytes);
+    size_t unit = 0;
+    for (; amount >= 1024 && unit + 1 < units.size(); unit++)
+        amount /= 1024;
+    return format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, units.at(unit));
+}
+
+uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest)
+{
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char *const begin = text.data() + (hex ? 2 : 0);
+    const char *const end = text.data() + text.size();
+    uint64_t value = 0;
+    const auto [stop, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
+    if (error == std::errc::invalid_argument || stop != end)
+        throw std::invalid_argument("'" + one_line(text) + "' is not a number");
+    if (error == std::errc::result_out_of_range || value < smallest || value > largest)
+        throw std::invalid_argument(one_line(text) + " is not in " + std::to_string(smallest) + " to " +
+                                    std::to_string(largest));
+    return value;
+}
+
+} // namespace bdbusctl

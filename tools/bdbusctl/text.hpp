@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Small pieces of text: what the standard library of C++20 has no words for here.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bdbusctl
+{
+
+std::string format(const char *pattern, ...) __attribute__((format(printf, 1, 2)));
+
+// The text with every control character blanked, so that what a service or a file says cannot break out of its line.
+std::string one_line(std::string_view text);
+
+std::string join(const std::vector<std::string> &parts, std::string_view separator);
+
+// Two hex digits a byte, nothing between.
+std::string hex_digits(std::span<const uint8_t> bytes);
+
+// "12.3 MiB"
+std::string size_text(uint64_t bytes);
+
+// Decimal or 0x hex, nothing else around it; std::invalid_argument names what is wrong.
+uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest);
+
+} // namespace bdbusctl
