@@ -10,7 +10,7 @@
 
 class agent_activation : public controller_test
 {
-  protected:
+protected:
     void SetUp() override
     {
         controller_test::SetUp();
@@ -160,10 +160,13 @@ TEST_F(agent_activation, asks_for_the_rollback_status_when_the_activation_fails)
 TEST_F(agent_activation, polls_the_rollback_status_up_to_the_longer_limit)
 {
     answer("ActivateFirmware", {0xD5, 0}, 0);
-    answer("QueryRollbackStatus", {0x80, 0, 0}, 3);
+    answer("QueryRollbackStatus", {0x80, 0x77, 0}, 3);
     answer("QueryRollbackStatus", {0xC3, 0, 0}, 3);
     EXPECT_EQ(activate({.image_units = 1}), 0);
     EXPECT_EQ(take_sleeps(), std::vector<int64_t>(7, 1000));
+    for (const json &call : simulator::calls("Upgrade1")) {
+        EXPECT_EQ(call["args"], json({0})) << "the identifier of a reply is never sent on";
+    }
 
     for (const auto &[target, image, expected] :
          {std::tuple<uint8_t, uint8_t, size_t>{2, 0, 10}, {1, 3, 15}, {0, 0, 1}}) {

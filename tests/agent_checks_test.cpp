@@ -9,7 +9,7 @@
 
 class agent_checks : public controller_test
 {
-  protected:
+protected:
     /** An image that holds what the target's component 1 runs already. */
     static image_builder same_as_target(uint8_t mask = 0x02)
     {
@@ -18,10 +18,7 @@ class agent_checks : public controller_test
         return builder;
     }
 
-    static void set_component(const json &patch)
-    {
-        simulator::set({{"target", {{"components", {{"1", patch}}}}}});
-    }
+    static void set_component(const json &patch) { simulator::set({{"target", {{"components", {{"1", patch}}}}}}); }
 
     static void fail(const char *member, const json &action, int skip = 0)
     {

@@ -17,7 +17,7 @@ static const bytes version = {2, 0, 0, 0, 0, 0};
 
 class agent_upload : public controller_test
 {
-  protected:
+protected:
     /** Run the upgrade stage of an image with these components marked; the target's limits are known. */
     static int32_t upgrade(const image_builder &builder, uint8_t mask, uint8_t timeout = 12)
     {
@@ -34,10 +34,7 @@ class agent_upload : public controller_test
         return result;
     }
 
-    static int32_t upgrade(const bytes &data)
-    {
-        return upgrade(image_builder().upload(0x02, version, data), 0x02);
-    }
+    static int32_t upgrade(const bytes &data) { return upgrade(image_builder().upload(0x02, version, data), 0x02); }
 
     static void fail(const char *member, const json &action, int count = 1, int skip = 0)
     {

@@ -10,7 +10,7 @@
 
 class config : public controller_test
 {
-  protected:
+protected:
     void SetUp() override
     {
         controller_test::SetUp();
@@ -29,10 +29,7 @@ class config : public controller_test
         simulator::clear_calls();
     }
 
-    static void announce()
-    {
-        simulator::emit({{"service", "Config1"}, {"member", "PropertiesChanged"}});
-    }
+    static void announce() { simulator::emit({{"service", "Config1"}, {"member", "PropertiesChanged"}}); }
 
     static int32_t major()
     {

@@ -16,7 +16,7 @@
 
 class lost_bus : public testing::Test
 {
-  protected:
+protected:
     void SetUp() override
     {
         int out[2] = {};
@@ -38,10 +38,7 @@ class lost_bus : public testing::Test
         setenv("DBUS_SYSTEM_BUS_ADDRESS", std::string(line.data(), static_cast<size_t>(got) - 1).c_str(), 1);
     }
 
-    void TearDown() override
-    {
-        end_daemon();
-    }
+    void TearDown() override { end_daemon(); }
 
     void end_daemon()
     {
@@ -52,7 +49,7 @@ class lost_bus : public testing::Test
         }
     }
 
-  private:
+private:
     pid_t daemon_ = -1;
 };
 

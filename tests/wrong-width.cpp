@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Calls as a family writes them: the first compiles, each of the others has one argument of a wrong width or number and must not.
+// Calls as a family writes them: the first compiles, each of the others has one argument of a wrong width or number and
+// must not.
 #include "bus/call.hpp"
 
 int32_t call(bdbus::call_frame &frame)

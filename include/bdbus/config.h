@@ -65,7 +65,7 @@ int32_t bdbus_config_get(const char *key, const char *signature, ...);
 /**
  * Set a key. "Generic_Index" is the only one that can be set.
  *
- * The cached value is dropped first, whatever the outcome; the next get asks the service.
+ * Once the arguments are in order the cached value is dropped, whatever the outcome; the next get asks the service.
  *
  * @param key       the key's name.
  * @param signature the type of the value, "u" or "b"; only its first character is compared with the key's.

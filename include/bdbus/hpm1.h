@@ -169,7 +169,7 @@ int32_t bdbus_hpm1_activate_fw(bdbus_hpm1_basic_rec *rec);
  * The self-test results, from property "BmcPost" of service `com.brisemont.Bmc1`.
  *
  * The first two bytes go to `result1` and `result2`; further bytes are ignored, missing ones leave the field as it was.
- * Property not readable: `completion_code` stays as it was. Property without bytes to read: it is set to
+ * Property not readable: `completion_code` stays as it was. Property whose bytes cannot be read: it is set to
  * BDBUS_HPM1_CC_NOT_IN_THIS_STATE. In both cases `picmg_id` is 0 all the same.
  *
  * @return as the file says.

@@ -155,8 +155,9 @@ typedef struct bdbus_upgrade_callback_table {
 int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
 
 /**
- * Dispatch at most one queued message to the callback table. Never waits. Call it repeatedly, from a main loop or a
- * timer; call it once early to be subscribed from then on.
+ * Dispatch at most one queued message to the callback table. It does not wait for a message, but for
+ * the other calls of this file and of hpm1.h. Call it repeatedly, from a main loop or a timer; call it once early to be
+ * subscribed from then on.
  *
  * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
  */

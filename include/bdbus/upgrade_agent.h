@@ -7,14 +7,14 @@
  * bdbus_upgrade_agent_target_check(), bdbus_upgrade_agent_preparation_stage(), bdbus_upgrade_agent_pre_upgrade_check(),
  * bdbus_upgrade_agent_upgrade_stage(), bdbus_upgrade_agent_activation_stage(), bdbus_upgrade_agent_end().
  *
- * Results: 0 when a stage succeeded. Every other result is a failure, also the positive one, and its codes are the
+ * Results: 0 when a stage succeeded. Every other result is a failure, also a positive one, and its codes are the
  * stage's own. The reason goes to syslog, through the program's own openlog() and setlogmask(): LOG_ERR for failures,
  * LOG_NOTICE for progress, LOG_INFO for details. The commands below print their lines on stderr besides (hpm1.h).
  * Nothing is undone when a stage fails; the context stays valid.
  *
  * An image that is too short, or whose lengths reach past its end, is refused with "Truncated HPM.1 image" and never
- * read beyond its bytes; so is a context that is null or holds no image. The result is then -8 from the integrity check
- * and -1 from a stage.
+ * read beyond its bytes; so is a context that is null or holds no image, but for the activation stage, which
+ * looks at the image only where there is one. The result is then -8 from the integrity check and -1 from a stage.
  *
  * Threads: the stages run on the caller's thread, and only one upgrade may run at a time in a process. Another thread
  * may watch it with bdbus_upgrade_agent_get_upgrade_stage_status() and stop it with bdbus_upgrade_agent_abort().
@@ -154,8 +154,9 @@ int32_t bdbus_upgrade_agent_pre_upgrade_check(bdbus_upgrade_agent_context *conte
  * limit.
  *
  * @param context the upgrade.
- * @return 0; -1 an invalid record, a block size worn down to 0, a long-duration command that failed, or a target copy
- * that does not match; -2 a block or the finish was refused; else the negative result of a command.
+ * @return 0; -1 an invalid record, an action that was refused, a block size worn down to 0, a long-duration command
+ * that failed, or a target copy that does not match; -2 a block or the finish was refused; else the negative result of
+ * a command.
  */
 int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context);
 

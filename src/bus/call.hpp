@@ -4,6 +4,7 @@
 // released on every path.
 #pragma once
 
+#include "bus/connection.hpp"
 #include "bus/signature.hpp"
 #include "bus/texts.hpp"
 
@@ -12,16 +13,9 @@
 namespace bdbus
 {
 
-/** Whom a call goes to. */
-struct service {
-    const char *name;
-    const char *path;
-    const char *interface;
-};
-
 class call_frame
 {
-  public:
+public:
     /** @param acquired the result of having got the connection: a negative one is this call's first failure. */
     call_frame(const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
         : peer_(peer), texts_(texts), bus_(bus), result_(acquired)
@@ -31,14 +25,8 @@ class call_frame
     call_frame(const call_frame &) = delete;
     call_frame &operator=(const call_frame &) = delete;
 
-    [[nodiscard]] int32_t result() const
-    {
-        return result_;
-    }
-    [[nodiscard]] bool failed() const
-    {
-        return result_ < 0;
-    }
+    [[nodiscard]] int32_t result() const { return result_; }
+    [[nodiscard]] bool failed() const { return result_ < 0; }
 
     /** Call a method in one step. */
     template <signature Sig, typename... Values>
@@ -105,7 +93,7 @@ class call_frame
         return result_;
     }
 
-  private:
+private:
     void settle(int result, const char *text);
     void issued(int result);
     void got_property(int result, const char *name);

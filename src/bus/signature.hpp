@@ -16,10 +16,7 @@ struct signature {
     char text[Size];
 
     // Implicit, so that a call can say call.read<"yq">(…).
-    consteval signature(const char (&literal)[Size])
-    {
-        std::copy_n(literal, Size, text);
-    }
+    consteval signature(const char (&literal)[Size]) { std::copy_n(literal, Size, text); }
 };
 
 /** Whether values of a type travel under a one-character D-Bus type code. */

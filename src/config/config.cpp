@@ -88,7 +88,7 @@ static void config_cache_invalidate_all()
 /** The cache lock, with every value gone that was cached before a change notice. */
 class config_cache_guard : mutex_guard
 {
-  public:
+public:
     config_cache_guard() : mutex_guard(config_cache_lock)
     {
         if (config_cache_stale.exchange(false, std::memory_order_acq_rel)) {
@@ -107,10 +107,10 @@ static int config_changed(sd_bus_message * /*signal*/, void * /*userdata*/, sd_b
 /** The connection, opened and subscribed on first use, or null. The connection lock is held. */
 static sd_bus *config_bus_get()
 {
-    if (config_module.bus == nullptr && sd_bus_open_system(&config_module.bus) >= 0) {
-        // Without the match the cache is never told of changes; gets and sets work all the same.
-        sd_bus_match_signal(config_module.bus, nullptr, nullptr, config_service.path, config_service.interface,
-                            "PropertiesChanged", config_changed, nullptr);
+    if (config_module.bus == nullptr) {
+        open_subscribed(&config_module.bus, [](sd_bus *bus) {
+            match_signal(bus, config_service, "PropertiesChanged", config_changed);
+        }); // a failure leaves it null
     }
     return config_module.bus;
 }
@@ -127,7 +127,7 @@ static void config_bus_pump()
  */
 class config_property
 {
-  public:
+public:
     explicit config_property(const char *key)
     {
         const char *dot = strrchr(key, '.');
@@ -140,16 +140,10 @@ class config_property
         }
     }
 
-    [[nodiscard]] const char *interface() const
-    {
-        return interface_;
-    }
-    [[nodiscard]] const char *member() const
-    {
-        return member_;
-    }
+    [[nodiscard]] const char *interface() const { return interface_; }
+    [[nodiscard]] const char *member() const { return member_; }
 
-  private:
+private:
     char interface_[64] = {}; // room for the base and the longest group of the table
     const char *member_;
 };

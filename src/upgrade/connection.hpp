@@ -20,16 +20,13 @@ extern bus_module upgrade_module;
 int32_t upgrade_bus_acquire();
 void upgrade_bus_release();
 
-using upgrade_hold = module_hold<upgrade_bus_acquire, upgrade_bus_release>;
+using upgrade_hold = module_hold<upgrade_module, upgrade_bus_acquire, upgrade_bus_release>;
 
 /** One call on the held connection, to the upgrade service unless another is named. */
 class upgrade_call : upgrade_hold, public call_frame
 {
-  public:
-    explicit upgrade_call(const service &peer = upgrade_service)
-        : call_frame(peer, plain_texts, upgrade_module.bus, acquired())
-    {
-    }
+public:
+    explicit upgrade_call(const service &peer = upgrade_service) : call_frame(peer, plain_texts, bus(), acquired()) {}
 };
 
 } // namespace bdbus

@@ -64,10 +64,7 @@ static int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *e
 template <std::size_t... Slots>
 static void match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
 {
-    // A notice that cannot be matched is not delivered; every call works all the same.
-    (sd_bus_match_signal(bus, nullptr, nullptr, upgrade_service.path, upgrade_service.interface, upgrade_signals[Slots],
-                         upgrade_event<Slots>, nullptr),
-     ...);
+    (match_signal(bus, upgrade_service, upgrade_signals[Slots], upgrade_event<Slots>), ...);
 }
 
 void upgrade_events_match(sd_bus *bus)
@@ -85,5 +82,5 @@ int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table)
 
 int32_t bdbus_upgrade_signal_process(void)
 {
-    return bdbus::process_one<bdbus::upgrade_bus_acquire, bdbus::upgrade_bus_release>(bdbus::upgrade_module);
+    return bdbus::process_one<bdbus::upgrade_hold>();
 }

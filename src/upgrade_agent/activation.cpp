@@ -62,7 +62,10 @@ static int32_t check_rollback(const bdbus_upgrade_agent_context &context, int32_
     const int32_t result = poll(
         rollback_interval_ms,
         limit_s(context.target_caps.rollback_timeout, hpm1_image(&context).header_byte(header_rollback_timeout)),
-        [&rollback] { return bdbus_hpm1_query_rollback_status(&rollback); },
+        [&rollback] {
+            rollback.picmg_id = 0;
+            return bdbus_hpm1_query_rollback_status(&rollback);
+        },
         [&rollback] {
             return rollback.completion_code == BDBUS_HPM1_CC_TIMEOUT ||
                    rollback.completion_code == BDBUS_HPM1_CC_IN_PROGRESS;

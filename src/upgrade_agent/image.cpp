@@ -24,13 +24,12 @@ static bool sums_to_zero(const uint8_t *bytes, uint32_t length)
 bool action_record::checksum_holds() const
 {
     return sums_to_zero(bytes_, short_bytes) ||
-           (type() == BDBUS_HPM1_ACTION_UPLOAD && available_ >= upload_bytes && sums_to_zero(bytes_, upload_bytes));
+           (type() == BDBUS_HPM1_ACTION_UPLOAD && sums_to_zero(bytes_, upload_bytes));
 }
 
 bool action_record::is_whole() const
 {
-    return type() != BDBUS_HPM1_ACTION_UPLOAD ||
-           (available_ >= upload_bytes && image_length() <= available_ - upload_bytes);
+    return type() != BDBUS_HPM1_ACTION_UPLOAD || image_length() <= available_ - upload_bytes;
 }
 
 record_walk::record_walk(const bdbus_upgrade_agent_context *context)
@@ -46,11 +45,10 @@ walk_step record_walk::next()
     if (offset_ >= image_.records_end()) {
         return walk_step::end;
     }
-    const auto available = static_cast<uint32_t>(image_.records_end() - offset_);
-    if (available < action_record::short_bytes) {
+    record_ = action_record(image_.data() + offset_, static_cast<uint32_t>(image_.records_end() - offset_));
+    if (!record_.has_fixed_part()) {
         return walk_step::truncated;
     }
-    record_ = action_record(image_.data() + offset_, available);
     if (!record_.checksum_holds()) {
         return walk_step::bad_checksum;
     }

@@ -32,47 +32,29 @@ inline constexpr uint32_t vendor_header_offset = 40; // in an upload record: 6 b
 
 class hpm1_image
 {
-  public:
+public:
     /** The context's image; a null context is one without an image. */
     explicit hpm1_image(const bdbus_upgrade_agent_context *context);
 
-    [[nodiscard]] const uint8_t *data() const
-    {
-        return data_;
-    }
-    [[nodiscard]] uint32_t size() const
-    {
-        return size_;
-    }
+    [[nodiscard]] const uint8_t *data() const { return data_; }
+    [[nodiscard]] uint32_t size() const { return size_; }
 
     /** Whether fixed header, header checksum and digest are there: the least that the accessors below need. */
-    [[nodiscard]] bool has_header() const
-    {
-        return size_ >= header_fixed_bytes + 1 + digest_bytes;
-    }
+    [[nodiscard]] bool has_header() const { return size_ >= header_fixed_bytes + 1 + digest_bytes; }
 
     /** Whether the header ends before the digest, OEM data and checksum included. */
-    [[nodiscard]] bool has_whole_header() const
-    {
-        return has_header() && header_bytes() <= records_end();
-    }
+    [[nodiscard]] bool has_whole_header() const { return has_header() && header_bytes() <= records_end(); }
 
     [[nodiscard]] uint32_t header_bytes() const
     {
         return header_fixed_bytes + data_[header_oem_length] + (uint32_t{data_[header_oem_length + 1]} << 8) + 1;
     }
-    [[nodiscard]] uint32_t records_end() const
-    {
-        return size_ - digest_bytes;
-    }
+    [[nodiscard]] uint32_t records_end() const { return size_ - digest_bytes; }
 
     /** A byte of the fixed header, or 0 in a file that is too short to hold it. */
-    [[nodiscard]] uint8_t header_byte(uint32_t offset) const
-    {
-        return offset < size_ ? data_[offset] : uint8_t{0};
-    }
+    [[nodiscard]] uint8_t header_byte(uint32_t offset) const { return offset < size_ ? data_[offset] : uint8_t{0}; }
 
-  private:
+private:
     const uint8_t *data_;
     uint32_t size_;
 };
@@ -80,46 +62,34 @@ class hpm1_image
 /** One action record, from its first byte to the digest. */
 class action_record
 {
-  public:
+public:
     static constexpr uint32_t short_bytes = 3;   // backup and prepare: type, components, checksum
     static constexpr uint32_t upload_bytes = 34; // upload: the same, version, description, length; then the image data
 
     action_record() = default;
     action_record(const uint8_t *bytes, uint32_t available) : bytes_(bytes), available_(available) {}
 
-    [[nodiscard]] uint8_t type() const
-    {
-        return bytes_[0];
-    }
-    [[nodiscard]] uint8_t components() const
-    {
-        return bytes_[1];
-    }
-    [[nodiscard]] uint8_t component() const
-    {
-        return bdbus_hpm1_component_mask_to_id_conversion(components());
-    }
-    [[nodiscard]] const uint8_t *start() const
-    {
-        return bytes_;
-    }
+    [[nodiscard]] uint8_t type() const { return bytes_[0]; }
+    [[nodiscard]] uint8_t components() const { return bytes_[1]; }
+    [[nodiscard]] uint8_t component() const { return bdbus_hpm1_component_mask_to_id_conversion(components()); }
+    [[nodiscard]] const uint8_t *start() const { return bytes_; }
 
     /** Of an upload record. */
-    [[nodiscard]] const uint8_t *version() const
-    {
-        return bytes_ + 3;
-    }
-    [[nodiscard]] const uint8_t *image() const
-    {
-        return bytes_ + upload_bytes;
-    }
+    [[nodiscard]] const uint8_t *version() const { return bytes_ + 3; }
+    [[nodiscard]] const uint8_t *image() const { return bytes_ + upload_bytes; }
     [[nodiscard]] uint32_t image_length() const
     {
         return uint32_t{bytes_[30]} | uint32_t{bytes_[31]} << 8 | uint32_t{bytes_[32]} << 16 |
                uint32_t{bytes_[33]} << 24;
     }
 
-    /** Whether the record's checksum holds: over its first 3 bytes or, for an upload record only, over its first 34. */
+    /** Whether what comes before the image data lies before the digest. */
+    [[nodiscard]] bool has_fixed_part() const
+    {
+        return available_ >= short_bytes && (type() != BDBUS_HPM1_ACTION_UPLOAD || available_ >= upload_bytes);
+    }
+
+    /** Of a record with its fixed part: whether the checksum holds, over 3 bytes or, for an upload only, over 34. */
     [[nodiscard]] bool checksum_holds() const;
 
     /** Whether the whole record lies before the digest. */
@@ -131,7 +101,7 @@ class action_record
         return type() == BDBUS_HPM1_ACTION_UPLOAD ? upload_bytes + image_length() : short_bytes;
     }
 
-  private:
+private:
     const uint8_t *bytes_ = nullptr;
     uint32_t available_ = 0;
 };
@@ -142,16 +112,13 @@ enum class walk_step : uint8_t { record, end, truncated, bad_checksum };
 /** The walk over the action records. A record of unknown type is handed out; the walker must end there. */
 class record_walk
 {
-  public:
+public:
     explicit record_walk(const bdbus_upgrade_agent_context *context);
 
     walk_step next();
-    [[nodiscard]] const action_record &record() const
-    {
-        return record_;
-    }
+    [[nodiscard]] const action_record &record() const { return record_; }
 
-  private:
+private:
     hpm1_image image_;
     uint64_t offset_;
     action_record record_;

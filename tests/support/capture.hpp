@@ -8,7 +8,7 @@
 /** Everything that is written to stderr while this lives. */
 class stderr_capture
 {
-  public:
+public:
     stderr_capture();
     ~stderr_capture();
     stderr_capture(const stderr_capture &) = delete;
@@ -16,7 +16,7 @@ class stderr_capture
 
     [[nodiscard]] std::string text() const;
 
-  private:
+private:
     int saved_;
     int memory_;
 };

@@ -27,14 +27,8 @@ struct image_builder {
     std::string signature = "PICMGFWU";
     bytes records;
 
-    image_builder &backup(uint8_t mask)
-    {
-        return action(0, mask);
-    }
-    image_builder &prepare(uint8_t mask)
-    {
-        return action(1, mask);
-    }
+    image_builder &backup(uint8_t mask) { return action(0, mask); }
+    image_builder &prepare(uint8_t mask) { return action(1, mask); }
     image_builder &action(uint8_t type, uint8_t mask);
     image_builder &upload(uint8_t mask, const bytes &version, const bytes &data);
 
@@ -47,42 +41,30 @@ void seal(bytes &image);
 /** A file that goes away with the test. */
 class temporary_file
 {
-  public:
+public:
     explicit temporary_file(const bytes &content);
     ~temporary_file();
     temporary_file(const temporary_file &) = delete;
     temporary_file &operator=(const temporary_file &) = delete;
 
-    [[nodiscard]] const char *path() const
-    {
-        return path_.c_str();
-    }
+    [[nodiscard]] const char *path() const { return path_.c_str(); }
 
-  private:
+private:
     std::string path_;
 };
 
 /** A context with an image loaded from a file. */
 class agent_context
 {
-  public:
+public:
     explicit agent_context(const bytes &image);
-    ~agent_context()
-    {
-        bdbus_upgrade_agent_end(context_);
-    }
+    ~agent_context() { bdbus_upgrade_agent_end(context_); }
     agent_context(const agent_context &) = delete;
     agent_context &operator=(const agent_context &) = delete;
 
-    bdbus_upgrade_agent_context *operator->() const
-    {
-        return context_;
-    }
-    operator bdbus_upgrade_agent_context *() const
-    {
-        return context_;
-    }
+    bdbus_upgrade_agent_context *operator->() const { return context_; }
+    operator bdbus_upgrade_agent_context *() const { return context_; }
 
-  private:
+private:
     bdbus_upgrade_agent_context *context_;
 };

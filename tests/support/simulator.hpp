@@ -14,49 +14,19 @@ using nlohmann::json;
 
 class simulator
 {
-  public:
-    static void reset()
-    {
-        control("Reset");
-    }
-    static void set(const json &patch)
-    {
-        control("SetState", patch.dump());
-    }
-    static json state()
-    {
-        return json::parse(control("GetState"));
-    }
-    static void fault(const json &fault)
-    {
-        control("AddFault", fault.dump());
-    }
-    static void clear_faults()
-    {
-        control("ClearFaults");
-    }
-    static void emit(const json &signal)
-    {
-        control("Emit", signal.dump());
-    }
-    static void stop(const std::string &service)
-    {
-        control("Stop", service);
-    }
-    static void start(const std::string &service)
-    {
-        control("Start", service);
-    }
-    static void clear_calls()
-    {
-        control("ClearCalls");
-    }
+public:
+    static void reset() { control("Reset"); }
+    static void set(const json &patch) { control("SetState", patch.dump()); }
+    static json state() { return json::parse(control("GetState")); }
+    static void fault(const json &fault) { control("AddFault", fault.dump()); }
+    static void clear_faults() { control("ClearFaults"); }
+    static void emit(const json &signal) { control("Emit", signal.dump()); }
+    static void stop(const std::string &service) { control("Stop", service); }
+    static void start(const std::string &service) { control("Start", service); }
+    static void clear_calls() { control("ClearCalls"); }
 
     /** The calls that a service has received, oldest first. */
-    static json calls(const std::string &service)
-    {
-        return json::parse(control("Calls", service));
-    }
+    static json calls(const std::string &service) { return json::parse(control("Calls", service)); }
 
     /** Their members alone. */
     static std::vector<std::string> members(const std::string &service);
@@ -64,7 +34,7 @@ class simulator
     /** The bytes that the upgrade target received for a component. */
     static std::vector<uint8_t> received(uint8_t component);
 
-  private:
+private:
     template <typename... Argument>
     static std::string control(const char *member, const Argument &...argument);
 };
@@ -72,7 +42,7 @@ class simulator
 /** A test on a controller in its first state, with nothing said yet. */
 class controller_test : public testing::Test
 {
-  protected:
+protected:
     void SetUp() override;
 };
 
