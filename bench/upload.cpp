@@ -54,7 +54,7 @@ static bool bare_call(const char *member, const char *signature, uint8_t first, 
 {
     sd_bus_message *request = nullptr;
     sd_bus_message *reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     uint8_t code = 0xFF;
     uint8_t picmg = 0;
     const char *name = "com.brisemont.Upgrade1";

@@ -102,7 +102,7 @@ private:
     const call_texts &texts_;
     sd_bus *bus_;
     int32_t result_;
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_ = {}; // the value of SD_BUS_ERROR_NULL, whose spelling is C alone
     sd_bus_message *request_ = nullptr;
     sd_bus_message *reply_ = nullptr;
 };

@@ -35,7 +35,7 @@ using message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>
 template <typename... Values>
 message call(const char *member, const char *signature, Values... values)
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     sd_bus_message *reply = nullptr;
     if (sd_bus_call_method(control_bus(), control_name, control_path, control_name, member, &error, &reply, signature,
                            values...) < 0) {

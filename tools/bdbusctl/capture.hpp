@@ -15,22 +15,19 @@ inline constexpr const char *program_name = "bdbusctl";
 
 class capture
 {
-  public:
+public:
     capture();
     ~capture();
     capture(const capture &) = delete;
     capture &operator=(const capture &) = delete;
 
     // The standard error that was there before, for who must write to it meanwhile.
-    int original_stderr() const
-    {
-        return original_;
-    }
+    int original_stderr() const { return original_; }
 
     // Puts the standard error back and gives the lines that were caught.
     std::vector<std::string> end();
 
-  private:
+private:
     int original_;
     int memory_;
 };

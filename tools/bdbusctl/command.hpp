@@ -17,7 +17,7 @@ namespace bdbusctl
 
 class family
 {
-  public:
+public:
     family(CLI::App &program, session &run, const char *name, const char *description)
         : app_(*program.add_subcommand(name, description)), run_(run)
     {
@@ -44,7 +44,7 @@ class family
         command.callback([action, values, &run = run_] { action(run, *values); });
     }
 
-  private:
+private:
     CLI::App &add(const char *name, const char *description)
     {
         CLI::App *command = app_.add_subcommand(name, description);

@@ -44,7 +44,7 @@ std::array<uint8_t, digest_bytes> md5(std::span<const uint8_t> block)
 // Takes numbers off the front of bytes whose length was checked before.
 class cursor
 {
-  public:
+public:
     explicit cursor(bytes from) : rest_(from) {}
 
     bytes take(size_t count)
@@ -53,10 +53,7 @@ class cursor
         rest_ = rest_.subspan(count);
         return taken;
     }
-    uint8_t byte()
-    {
-        return take(1)[0];
-    }
+    uint8_t byte() { return take(1)[0]; }
     uint32_t little_endian(size_t count)
     {
         uint32_t number = 0;
@@ -73,13 +70,13 @@ class cursor
         return copied;
     }
 
-  private:
+private:
     bytes rest_;
 };
 
 class reader
 {
-  public:
+public:
     explicit reader(bytes file) : file_(file) {}
 
     image run()
@@ -89,16 +86,10 @@ class reader
         return std::move(result_);
     }
 
-  private:
-    void fault_at(size_t offset, std::string text)
-    {
-        result_.faults.push_back({offset, std::move(text)});
-    }
+private:
+    void fault_at(size_t offset, std::string text) { result_.faults.push_back({offset, std::move(text)}); }
 
-    size_t end_of_records() const
-    {
-        return file_.size() - digest_bytes;
-    }
+    size_t end_of_records() const { return file_.size() - digest_bytes; }
 
     // The offset of the first record; none when there is no header to follow.
     std::optional<size_t> read_header();
@@ -210,15 +201,9 @@ size_t reader::read_record(size_t offset)
 
 class writer
 {
-  public:
-    void byte(uint8_t value)
-    {
-        file_.push_back(value);
-    }
-    void put(bytes block)
-    {
-        file_.insert(file_.end(), block.begin(), block.end());
-    }
+public:
+    void byte(uint8_t value) { file_.push_back(value); }
+    void put(bytes block) { file_.insert(file_.end(), block.begin(), block.end()); }
     void text(std::string_view text, size_t room)
     {
         for (size_t index = 0; index < room; index++)
@@ -230,10 +215,7 @@ class writer
             byte(static_cast<uint8_t>(number));
     }
     // Makes the bytes from `start` on sum to 0.
-    void checksum(size_t start)
-    {
-        byte(static_cast<uint8_t>(-sum_of(bytes(file_).subspan(start))));
-    }
+    void checksum(size_t start) { byte(static_cast<uint8_t>(-sum_of(bytes(file_).subspan(start)))); }
 
     void action(uint8_t type, uint8_t components)
     {
@@ -249,7 +231,7 @@ class writer
         return std::move(file_);
     }
 
-  private:
+private:
     std::vector<uint8_t> file_;
 };
 

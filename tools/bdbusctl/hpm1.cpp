@@ -41,10 +41,11 @@ void capabilities(const session &run)
 }
 
 constexpr std::array selectors{"general", "current-version", "description", "rollback-version", "deferred-version"};
+constexpr uint8_t selector_count = uint8_t{selectors.size()};
 
 uint8_t parse_selector(const std::string &text)
 {
-    for (uint8_t selector = 0; selector < selectors.size(); selector++)
+    for (uint8_t selector = 0; selector < selector_count; selector++)
         if (text == selectors.at(selector))
             return selector;
     return static_cast<uint8_t>(parse_number(text, 0, UINT8_MAX));
@@ -106,7 +107,7 @@ void properties(const session &run, const property_arguments &given)
     } else {
         // The general properties tell whether there is such a component; the others may be missing.
         add(BDBUS_HPM1_PROPERTY_GENERAL, need_property(run, given.component, BDBUS_HPM1_PROPERTY_GENERAL));
-        for (uint8_t selector = BDBUS_HPM1_PROPERTY_CURRENT_VERSION; selector < selectors.size(); selector++)
+        for (uint8_t selector = BDBUS_HPM1_PROPERTY_CURRENT_VERSION; selector < selector_count; selector++)
             add(selector, ask_property(run, given.component, selector));
     }
     table.show(run);

@@ -34,10 +34,7 @@ using file_bytes = std::vector<uint8_t>;
 
 struct descriptor {
     explicit descriptor(int opened) : fd(opened) {}
-    ~descriptor()
-    {
-        close(fd);
-    }
+    ~descriptor() { close(fd); }
     descriptor(const descriptor &) = delete;
     descriptor &operator=(const descriptor &) = delete;
 
@@ -47,8 +44,7 @@ struct descriptor {
 file_bytes read_file(const std::string &path, uint64_t largest)
 {
     const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {
-    };
+    struct stat status = {};
     if (file.fd < 0 || fstat(file.fd, &status) < 0)
         fail_with_errno("cannot read " + path);
     if (!S_ISREG(status.st_mode))
@@ -70,8 +66,7 @@ file_bytes read_file(const std::string &path, uint64_t largest)
 // Under another name first, so that whoever opens the file finds all of it or the one that was there before.
 void write_file(const std::string &path, const file_bytes &bytes)
 {
-    struct stat status {
-    };
+    struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
         throw failure("cannot write " + path + ": not a regular file");
     std::string temporary = path + ".XXXXXX";
@@ -131,17 +126,21 @@ constexpr const char *date_format = "%Y-%m-%dT%H:%M:%SZ";
 
 uint32_t parse_time(const std::string &text)
 {
-    if (text == "now")
-        return static_cast<uint32_t>(time(nullptr));
     tm date{};
     if (const char *end = strptime(text.c_str(), date_format, &date); end && !*end)
         return static_cast<uint32_t>(timegm(&date));
     return static_cast<uint32_t>(parse_number(text, 0, UINT32_MAX));
 }
 
+uint32_t default_time()
+{
+    const char *reproducible = getenv("SOURCE_DATE_EPOCH");
+    return reproducible ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
+}
+
 std::string time_text(uint32_t seconds)
 {
-    const time_t since_1970 = seconds;
+    const auto since_1970 = static_cast<time_t>(seconds);
     tm date{};
     gmtime_r(&since_1970, &date);
     std::array<char, 32> text{};
@@ -181,7 +180,7 @@ component_source parse_component(std::string text)
             return std::string();
         const size_t value = start + key.size() + 2;
         const size_t end = std::min(text.find(key == "version" ? ",description=" : ",version=", value), text.size());
-        const std::string found = text.substr(value, end - value);
+        std::string found = text.substr(value, end - value);
         text.erase(start, end - start);
         return found;
     };
@@ -208,11 +207,10 @@ struct create_arguments {
         head.manufacturer_id = 41651;
         head.product_id = 4660;
         head.firmware = {1, 0};
-        const char *build_time = getenv("SOURCE_DATE_EPOCH");
-        head.time = parse_time(build_time ? build_time : "now");
     }
 
     hpm1_image::header head;
+    std::optional<uint32_t> time;
     std::string output;
     bool self_test = false;
     bool prepend_version = false;
@@ -246,7 +244,8 @@ void declare_create(CLI::App &command, create_arguments &given)
     add_parsed(command, "--rollback-timeout", head.rollback_timeout, parse_timeout, "Rounded up to 5 s [0]")
         ->type_name("SECONDS");
     command.add_option("--oem", given.oem_file, "OEM data of the header")->type_name("FILE");
-    add_parsed(command, "--time", head.time, parse_time, "Seconds since 1970, YYYY-MM-DDTHH:MM:SSZ or now [now]")
+    add_parsed(command, "--time", given.time, parse_time,
+               "Time stamp: seconds since 1970, or YYYY-MM-DDTHH:MM:SSZ [SOURCE_DATE_EPOCH, or now]")
         ->type_name("TIME");
     add_parsed(command, "--backup", given.backup, parse_components, "Back up first: numbers 0,2 or a mask 0x05")
         ->type_name("COMPONENTS");
@@ -259,7 +258,8 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
 {
     std::vector<hpm1_image::payload> payloads;
     uint8_t mask = 0;
-    uint64_t room = UINT32_MAX;
+    constexpr uint64_t around_payloads = uint64_t{128} * 1024; // header, OEM data and records, generously
+    uint64_t room = UINT32_MAX - around_payloads;
     for (const auto &text : given.components) {
         component_source source;
         try {
@@ -354,13 +354,12 @@ void show_image(const session &run, const std::string &path, const file_bytes &b
 void create(const session &run, const create_arguments &given)
 {
     hpm1_image::header head = given.head;
+    head.time = given.time ? *given.time : default_time();
     if (given.self_test)
         head.capabilities = self_test_capability;
     if (!given.oem_file.empty())
         head.oem_data = read_file(given.oem_file, UINT16_MAX);
     const file_bytes bytes = hpm1_image::build(head, given.backup, given.prepare, read_payloads(given));
-    if (bytes.size() > UINT32_MAX)
-        throw failure("the image would have over " + size_text(UINT32_MAX));
     write_file(given.output, bytes);
     if (run.wants_json())
         show_image(run, given.output, bytes, hpm1_image::read(bytes));

@@ -84,7 +84,7 @@ std::string help_hint(const CLI::App &program)
     return " (see " + command + " --help)";
 }
 
-void run_command(CLI::App &program, session &run, int argc, char **argv)
+void parse_and_run(CLI::App &program, session &run, int argc, char **argv)
 {
     try {
         program.parse(argc, argv);
@@ -100,14 +100,8 @@ void run_command(CLI::App &program, session &run, int argc, char **argv)
         throw failure("cannot write the output");
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+exit_status run_program(int argc, char **argv)
 {
-    open_standard_descriptors();
-    setlocale(LC_CTYPE, "");
-    openlog(program_name, LOG_PERROR, LOG_USER);
-
     session run;
     CLI::App program("The controller's services at a shell.", program_name);
     try {
@@ -117,13 +111,27 @@ int main(int argc, char **argv)
         add_upgrade(program, run);
         add_hpm1(program, run);
         add_image(program, run);
-        run_command(program, run, argc, argv);
-        return static_cast<int>(exit_status::done);
+        parse_and_run(program, run, argc, argv);
+        return exit_status::done;
     } catch (const failure &error) {
         run.report(error);
-        return static_cast<int>(error.status);
+        return error.status;
     } catch (const std::exception &error) {
         run.report(failure(error.what()));
-        return static_cast<int>(exit_status::failed);
+        return exit_status::failed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    open_standard_descriptors();
+    setlocale(LC_CTYPE, "");
+    openlog(program_name, LOG_PERROR, LOG_USER);
+    try {
+        return static_cast<int>(run_program(argc, argv));
+    } catch (...) {
+        return static_cast<int>(exit_status::failed); // not even the failure could be told
     }
 }

@@ -20,7 +20,7 @@ struct component_upload {
 
 class progress
 {
-  public:
+public:
     // `original_stderr`: where the standard error leads, which is captured meanwhile.
     progress(const session &run, int original_stderr, std::vector<component_upload> uploads);
 
@@ -31,7 +31,7 @@ class progress
     // Takes the bar away; with `completed` the uploads that were not seen to end have ended too.
     void end(bool completed);
 
-  private:
+private:
     using clock = std::chrono::steady_clock;
 
     void start(size_t upload);

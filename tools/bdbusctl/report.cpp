@@ -14,10 +14,7 @@ namespace
 {
 
 struct table_unref {
-    void operator()(libscols_table *table) const
-    {
-        scols_unref_table(table);
-    }
+    void operator()(libscols_table *table) const { scols_unref_table(table); }
 };
 using table_pointer = std::unique_ptr<libscols_table, table_unref>;
 

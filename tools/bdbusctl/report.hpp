@@ -25,15 +25,9 @@ struct cell {
     cell(number both) : text(std::to_string(both)), value(both)
     {
     }
-    static cell none()
-    {
-        return {"-", nullptr};
-    }
+    static cell none() { return {"-", nullptr}; }
     // The field is in the JSON only.
-    static cell hidden(json stored)
-    {
-        return {std::string(), std::move(stored)};
-    }
+    static cell hidden(json stored) { return {std::string(), std::move(stored)}; }
 
     std::string text;
     json value;
@@ -48,14 +42,14 @@ struct column {
 
 class report
 {
-  public:
+public:
     explicit report(std::vector<column> columns) : columns_(std::move(columns)) {}
     void add(std::vector<cell> row);
     void show(const session &run) const;
     void show_table(const session &run) const;
     json to_json() const;
 
-  private:
+private:
     std::vector<column> columns_;
     std::vector<std::vector<cell>> rows_;
 };
@@ -63,16 +57,13 @@ class report
 // One thing with named fields: lines of "label: value", or one JSON object.
 class record
 {
-  public:
+public:
     void add(const char *key, const char *label, cell value);
     void hide(const char *key, json value);
     void show(const session &run) const;
-    json to_json() const
-    {
-        return object_;
-    }
+    json to_json() const { return object_; }
 
-  private:
+private:
     report lines_{{{"field", "FIELD"}, {"value", "VALUE"}}};
     json object_ = json::object();
 };

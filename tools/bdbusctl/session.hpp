@@ -39,10 +39,7 @@ struct session {
     bool yes = false;
     bool verbose = false;
 
-    bool wants_json() const
-    {
-        return style != json_style::off;
-    }
+    bool wants_json() const { return style != json_style::off; }
     bool wants_color() const;
 
     // A result: one line, or the one JSON document.

@@ -22,10 +22,7 @@ struct component_property {
     uint8_t completion_code = 0;
     std::array<uint8_t, BDBUS_HPM1_PROPERTY_MAX> data{};
 
-    bool available() const
-    {
-        return completion_code == BDBUS_HPM1_CC_SUCCESS;
-    }
+    bool available() const { return completion_code == BDBUS_HPM1_CC_SUCCESS; }
     version_bytes version() const;
     std::string text() const;
 };

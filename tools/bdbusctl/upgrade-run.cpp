@@ -33,7 +33,7 @@ using steady = std::chrono::steady_clock;
 // A call on a thread of its own, which nobody has to wait for: the upload of a block has no time limit.
 class background_call
 {
-  public:
+public:
     explicit background_call(std::function<int32_t()> call)
     {
         std::thread([call = std::move(call), state = state_] {
@@ -42,16 +42,10 @@ class background_call
         }).detach();
     }
 
-    bool finished() const
-    {
-        return state_->finished.load(std::memory_order_acquire);
-    }
-    int32_t result() const
-    {
-        return state_->result;
-    }
+    bool finished() const { return state_->finished.load(std::memory_order_acquire); }
+    int32_t result() const { return state_->result; }
 
-  private:
+private:
     struct shared_state {
         std::atomic<bool> finished{false};
         int32_t result = 0;
@@ -63,58 +57,42 @@ class background_call
 // stay ignored.
 class held_signals
 {
-  public:
+public:
     held_signals()
     {
         sigemptyset(&set_);
         for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-            struct sigaction action {
-            };
+            struct sigaction action = {};
             if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
                 sigaddset(&set_, number);
         }
         pthread_sigmask(SIG_BLOCK, &set_, &before_);
     }
-    ~held_signals()
-    {
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
+    ~held_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     held_signals(const held_signals &) = delete;
     held_signals &operator=(const held_signals &) = delete;
 
     // Whether one came within the time.
-    bool wait(std::chrono::milliseconds time) const
+    bool wait(std::chrono::milliseconds duration) const
     {
-        const timespec timeout{0, std::chrono::nanoseconds(time).count()};
+        const timespec timeout{0, static_cast<long>(std::chrono::nanoseconds(duration).count())};
         return sigtimedwait(&set_, nullptr, &timeout) > 0;
     }
 
-  private:
+private:
     sigset_t set_{};
     sigset_t before_{};
 };
 
 // Stops the upgrade on the target. The agent goes on to its next component if it is just between two, so the target is
 // told again until the upload has ended.
-class abortion
+class target_abort
 {
-  public:
-    bool requested() const
-    {
-        return since_.has_value();
-    }
-    bool running() const
-    {
-        return call_ && !call_->finished();
-    }
-    bool succeeded() const
-    {
-        return call_ && call_->finished() && call_->result() == 0;
-    }
-    bool hopeless() const
-    {
-        return requested() && (impatient_ || steady::now() - *since_ > patience);
-    }
+public:
+    bool requested() const { return since_.has_value(); }
+    bool running() const { return call_ && !call_->finished(); }
+    bool succeeded() const { return call_ && call_->finished() && call_->result() == 0; }
+    bool hopeless() const { return requested() && (impatient_ || steady::now() - *since_ > patience); }
 
     void request()
     {
@@ -131,7 +109,7 @@ class abortion
         call_.emplace(bdbus_upgrade_agent_abort);
     }
 
-  private:
+private:
     static constexpr std::chrono::seconds patience{20};
     static constexpr std::chrono::seconds interval{1};
 
@@ -150,20 +128,17 @@ struct planned_component {
     uint32_t bytes = 0;
     std::optional<version_bytes> now;
 
-    std::string name() const
-    {
-        return format("%u %s", id, description.c_str());
-    }
+    std::string name() const { return format("%u %s", id, description.c_str()); }
 };
 
 class upgrade
 {
-  public:
+public:
     upgrade(const session &run, const upgrade_request &request) : run_(run), request_(request) {}
 
     void perform();
 
-  private:
+private:
     void check();
     void plan();
     void upload();
@@ -171,26 +146,17 @@ class upgrade
     void read_new_versions();
     void conclude();
 
-    void enter(const char *name)
-    {
-        stage_ = name;
-    }
+    void enter(const char *name) { stage_ = name; }
     void stage(const char *name, const std::function<int32_t()> &work);
     void judge(const outcome &seen);
     failure stage_failure(const outcome &seen) const;
     failure give_up();
-    bool anything_to_upgrade() const
-    {
-        return context_->upgrade_mask != 0;
-    }
+    bool anything_to_upgrade() const { return context_->upgrade_mask != 0; }
     report component_report() const;
     json document(const char *result) const;
 
     struct context_end {
-        void operator()(context *ended) const
-        {
-            bdbus_upgrade_agent_end(ended);
-        }
+        void operator()(context *ended) const { bdbus_upgrade_agent_end(ended); }
     };
 
     const session &run_;
@@ -234,10 +200,9 @@ void upgrade::check()
     context_->options = static_cast<uint8_t>((run_.verbose ? BDBUS_UPGRADE_AGENT_VERBOSE : 0) |
                                              (request_.force ? BDBUS_UPGRADE_AGENT_FORCE : 0) |
                                              (request_.skip_identity ? BDBUS_UPGRADE_AGENT_SKIP_IDENTITY : 0));
-    stage("integrity check", [this] {
-        bdbus_upgrade_agent_get_hpm1_header(context_.get()); // with the verbose option it tells about the image
-        return bdbus_upgrade_agent_validate_image_integrity(context_.get());
-    });
+    stage("integrity check", [this] { return bdbus_upgrade_agent_validate_image_integrity(context_.get()); });
+    // With the verbose option it tells about the image.
+    run_.watch([this] { return bdbus_upgrade_agent_get_hpm1_header(context_.get()) ? 0 : -1; });
     stage("target check", bdbus_upgrade_agent_target_check);
     stage("preparation", [this] { return bdbus_upgrade_agent_preparation_stage(context_.get()); });
     stage("pre-upgrade check", [this] { return bdbus_upgrade_agent_pre_upgrade_check(context_.get()); });
@@ -274,7 +239,7 @@ void upgrade::upload()
     const held_signals signals;
     capture caught;
     progress shown(run_, caught.original_stderr(), std::move(uploads));
-    abortion abort;
+    target_abort abort;
     context *const uploaded = context_.get();
     const background_call job([uploaded] { return bdbus_upgrade_agent_upgrade_stage(uploaded); });
     while ((!job.finished() || abort.running()) && !abort.hopeless()) {

@@ -1,0 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What nearly every file needs and takes long to compile.
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
