@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -132,19 +133,16 @@ public:
     {
         const char *dot = strrchr(key, '.');
         member_ = dot == nullptr ? key : dot + 1;
-        strcpy(interface_, config_service.interface);
-        if (dot != nullptr) {
-            const size_t base = strlen(interface_);
-            interface_[base] = '.';
-            memcpy(interface_ + base + 1, key, static_cast<size_t>(dot - key)); // its end is zero already
-        }
+        const int group = dot == nullptr ? 0 : static_cast<int>(dot - key);
+        snprintf(interface_, sizeof(interface_), group == 0 ? "%s%.*s" : "%s.%.*s", config_service.interface, group,
+                 key);
     }
 
     [[nodiscard]] const char *interface() const { return interface_; }
     [[nodiscard]] const char *member() const { return member_; }
 
 private:
-    char interface_[64] = {}; // room for the base and the longest group of the table
+    char interface_[64]; // room for the base and the longest group of the table
     const char *member_;
 };
 

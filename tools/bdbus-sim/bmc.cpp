@@ -4,10 +4,9 @@
 void add_bmc(simulator &simulator)
 {
     state_document &state = simulator.state;
-    // The result of the self test: 0x55 is passed.
+    // The results of the self test; 0x55 says that it has passed.
     state.add_section("bmc", {{"post", {0x55, 0}}}, {{"post", "ay"}});
 
-    simulator.add_service("Bmc1").add_object({}, {{"", "BmcPost", "ay", [&state](const call &) {
-                                                       return state.at("/bmc/post");
-                                                   }}});
+    property post("", "BmcPost", "ay", [&state](const call &) { return state.at("/bmc/post"); });
+    simulator.add_service("Bmc1").add_object({}, {post});
 }

@@ -14,18 +14,12 @@
 
 struct bus_closer {
     // Replies and signals that still wait are written first.
-    void operator()(sd_bus *bus) const
-    {
-        sd_bus_flush_close_unref(bus);
-    }
+    void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
 };
 using bus_ptr = std::unique_ptr<sd_bus, bus_closer>;
 
 struct message_releaser {
-    void operator()(sd_bus_message *message) const
-    {
-        sd_bus_message_unref(message);
-    }
+    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
 };
 using message_ptr = std::unique_ptr<sd_bus_message, message_releaser>;
 
@@ -34,7 +28,7 @@ int check(int result, const std::string &what);
 
 class bus_unreachable : public std::system_error
 {
-  public:
+public:
     explicit bus_unreachable(int error) : std::system_error(error, std::generic_category(), "system bus") {}
 };
 
@@ -44,7 +38,7 @@ bus_ptr open_system_bus(const char *description);
 // An error reply. The body is a text, a number, or null for none.
 class dbus_error : public std::runtime_error
 {
-  public:
+public:
     dbus_error(const std::string &error_name, json error_body)
         : std::runtime_error(error_name), name(error_name), body(std::move(error_body))
     {

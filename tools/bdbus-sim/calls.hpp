@@ -10,7 +10,7 @@
 
 class call_list
 {
-  public:
+public:
     // Byte arrays are shortened to their length and first bytes. The oldest entries go when the list is full.
     void add(const std::string &service, json call);
 
@@ -19,7 +19,7 @@ class call_list
 
     void clear();
 
-  private:
+private:
     struct entry {
         std::string service;
         std::string text;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "codec.hpp"
 
+#include "descriptor.hpp"
+
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <stdexcept>
 #include <string_view>
@@ -54,7 +55,7 @@ size_t type_length(std::string_view signature, int depth)
 
 class decoder
 {
-  public:
+public:
     explicit decoder(sd_bus_message *message) : message_(message) {}
 
     // All values up to the end of the message or of the container that was entered.
@@ -68,7 +69,7 @@ class decoder
         return values;
     }
 
-  private:
+private:
     json value(char type, const std::string &contents)
     {
         if (++count_ > decoded_values_max)
@@ -99,7 +100,7 @@ class decoder
         const void *data = nullptr;
         size_t size = 0;
         check(sd_bus_message_read_array(message_, 'y', &data, &size), "message");
-        auto first = static_cast<const uint8_t *>(data);
+        const auto *first = static_cast<const uint8_t *>(data);
         return json::binary(byte_vector(first, first + size));
     }
 
@@ -166,7 +167,7 @@ class decoder
 
 class encoder
 {
-  public:
+public:
     explicit encoder(sd_bus_message *message) : message_(message) {}
 
     void sequence(const std::string &signature, const json &values)
@@ -178,7 +179,7 @@ class encoder
             value(types[i], values[i]);
     }
 
-  private:
+private:
     void value(const std::string &type, const json &value)
     {
         switch (type.front()) {
@@ -214,7 +215,8 @@ class encoder
 
     void variant(const json &value)
     {
-        if (!value.is_object() || !value.contains("signature") || !value.contains("value"))
+        bool complete = value.is_object() && value.contains("signature") && value.contains("value");
+        if (!complete || !value["signature"].is_string())
             misfit("v", value);
         auto contents = value["signature"].get<std::string>();
         container('v', contents, json::array({value["value"]}));
@@ -355,12 +357,14 @@ void check_values(const std::string &signature, const json &values)
 {
     // A message needs a connection, if only one that nobody listens to.
     int ends[2];
-    check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
-    std::unique_ptr<int, void (*)(int *)> peer(&ends[1], [](int *fd) { close(*fd); });
+    check_errno(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
+    descriptor own(ends[0]);
+    descriptor peer(ends[1]);
     sd_bus *raw_bus = nullptr;
     check(sd_bus_new(&raw_bus), "message");
     std::unique_ptr<sd_bus, sd_bus *(*)(sd_bus *)> bus(raw_bus, sd_bus_close_unref);
-    check(sd_bus_set_fd(raw_bus, ends[0], ends[0]), "message");
+    int fd = own.release();
+    check(sd_bus_set_fd(raw_bus, fd, fd), "message");
     check(sd_bus_start(raw_bus), "message");
 
     sd_bus_message *raw_message = nullptr;

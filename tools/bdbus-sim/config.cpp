@@ -18,10 +18,7 @@ struct config_key {
         return "com.brisemont.Config1" + (dot == std::string::npos ? "" : "." + name.substr(0, dot));
     }
 
-    std::string member() const
-    {
-        return name.substr(name.rfind('.') + 1);
-    }
+    std::string member() const { return name.substr(name.rfind('.') + 1); }
 };
 
 std::vector<config_key> config_keys()
@@ -59,9 +56,7 @@ void announce(service &config, const json &before, const json &after)
 property row(state_document &state, const config_key &key)
 {
     std::string place = "/config/" + key.name;
-    property row{key.interface(), key.member(), key.type, [&state, place](const call &) {
-                     return state.at(place);
-                 }};
+    property row(key.interface(), key.member(), key.type, [&state, place](const call &) { return state.at(place); });
     if (key.writable)
         row.set = [&state, place](const call &what) {
             state.set(place, what.args[0]);

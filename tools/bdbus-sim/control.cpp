@@ -41,7 +41,7 @@ json get_received(const simulator &simulator, const call &what)
     const byte_vector &bytes = received(simulator, what);
     if (bytes.size() > most)
         throw std::invalid_argument("too large for a message, use SaveReceived");
-    return json::array({json::binary(bytes)});
+    return json::binary(bytes);
 }
 
 std::string calls_of(const simulator &simulator, const std::string &name)
@@ -63,34 +63,31 @@ void fill_control(service &control, simulator &simulator)
 {
     auto *sim = &simulator;
     auto *self = &control;
-    auto action = [](const char *member, const char *in, auto act) -> method {
-        return {member, in, "", [act](const call &what) {
-                    act(what);
-                    return json::array();
-                }};
+    auto text = [](const call &what) {
+        return what.arg<std::string>(0);
+    };
+    auto action = [](const char *member, const char *in, auto act) {
+        return method(member, in, "", [act](const call &what) {
+            act(what);
+            return json::array();
+        });
+    };
+    auto query = [](const char *member, const char *in, const char *out, auto ask) {
+        return method(member, in, out, [ask](const call &what) { return json::array({ask(what)}); });
     };
 
     control.add_object({
         action("Reset", "", [=](const call &) { sim->reset(); }),
         action("SetState", "s", [=](const call &what) { sim->state.patch(json_of(what)); }),
-        {"GetState", "", "s",
-         [=](const call &) {
-             return json::array({to_text(sim->state.all())});
-         }},
+        query("GetState", "", "s", [=](const call &) { return to_text(sim->state.all()); }),
         action("AddFault", "s", [=](const call &what) { sim->add_fault(json_of(what)); }),
         action("ClearFaults", "", [=](const call &) { sim->faults.clear(); }),
         action("Emit", "s", [=](const call &what) { emit(*sim, *self, json_of(what)); }),
-        {"Calls", "s", "s",
-         [=](const call &what) {
-             return json::array({calls_of(*sim, what.arg<std::string>(0))});
-         }},
+        query("Calls", "s", "s", [=](const call &what) { return calls_of(*sim, text(what)); }),
         action("ClearCalls", "", [=](const call &) { sim->calls.clear(); }),
-        {"GetReceived", "y", "ay",
-         [=](const call &what) {
-             return get_received(*sim, what);
-         }},
+        query("GetReceived", "y", "ay", [=](const call &what) { return get_received(*sim, what); }),
         action("SaveReceived", "ys", [=](const call &what) { save(received(*sim, what), what.arg<std::string>(1)); }),
-        action("Stop", "s", [=](const call &what) { sim->at(what.arg<std::string>(0)).stop(); }),
-        action("Start", "s", [=](const call &what) { sim->at(what.arg<std::string>(0)).start(); }),
+        action("Stop", "s", [=](const call &what) { sim->at(text(what)).stop(); }),
+        action("Start", "s", [=](const call &what) { sim->at(text(what)).start(); }),
     });
 }

@@ -3,17 +3,17 @@
 
 #include "bus.hpp"
 
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <exception>
-#include <utility>
 
-timer::timer(sd_event *loop, std::chrono::milliseconds delay, std::function<void()> action) : action_(std::move(action))
+timer::timer(event_loop &loop, std::chrono::milliseconds delay, std::function<void()> action)
+    : loop_(loop), action_(std::move(action))
 {
+    // From now, not from when the loop last woke up.
     constexpr uint64_t accuracy_us = 1;
-    auto delay_us = static_cast<uint64_t>(std::chrono::microseconds(delay).count());
-    check(sd_event_add_time_relative(loop, &source_, CLOCK_MONOTONIC, delay_us, accuracy_us, fire, this), "timer");
+    auto due = std::chrono::steady_clock::now().time_since_epoch() + delay;
+    auto due_us = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(due).count());
+    check(sd_event_add_time(loop.get(), &source_, CLOCK_MONOTONIC, due_us + 1, accuracy_us, fire, this), "timer");
 }
 
 timer::~timer()
@@ -21,16 +21,16 @@ timer::~timer()
     sd_event_source_disable_unref(source_);
 }
 
-int timer::fire(sd_event_source *source, uint64_t, void *self)
+int timer::fire(sd_event_source *, uint64_t, void *self)
 {
+    event_loop &loop = static_cast<timer *>(self)->loop_;
     auto action = std::exchange(static_cast<timer *>(self)->action_, nullptr);
     try {
         action();
-        return 0;
-    } catch (const std::exception &error) {
-        fprintf(stderr, "bdbus-sim: %s\n", error.what());
-        return sd_event_exit(sd_event_source_get_event(source), EXIT_FAILURE);
+    } catch (...) {
+        loop.fail(std::current_exception());
     }
+    return 0;
 }
 
 event_loop::event_loop()
@@ -45,5 +45,14 @@ event_loop::~event_loop()
 
 int event_loop::run()
 {
-    return check(sd_event_loop(loop_), "event loop");
+    int code = check(sd_event_loop(loop_), "event loop");
+    if (failure_)
+        std::rethrow_exception(failure_);
+    return code;
+}
+
+void event_loop::fail(std::exception_ptr failure)
+{
+    failure_ = std::move(failure);
+    sd_event_exit(loop_, EXIT_FAILURE);
 }

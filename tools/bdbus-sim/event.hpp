@@ -6,21 +6,27 @@
 #include <systemd/sd-event.h>
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
+#include <utility>
 
-// Runs its action once; destroying it before that cancels it. The action may destroy its own timer.
+class event_loop;
+
+// Runs its action once; destroying it before that cancels it. The action may destroy its own timer. What it throws ends
+// the loop.
 class timer
 {
-  public:
-    timer(sd_event *loop, std::chrono::milliseconds delay, std::function<void()> action);
+public:
+    timer(event_loop &loop, std::chrono::milliseconds delay, std::function<void()> action);
     timer(const timer &) = delete;
     timer &operator=(const timer &) = delete;
     ~timer();
 
-  private:
+private:
     static int fire(sd_event_source *source, uint64_t now, void *self);
 
+    event_loop &loop_;
     std::function<void()> action_;
     sd_event_source *source_ = nullptr;
 };
@@ -28,27 +34,27 @@ using timer_ptr = std::unique_ptr<timer>;
 
 class event_loop
 {
-  public:
+public:
     event_loop();
     event_loop(const event_loop &) = delete;
     event_loop &operator=(const event_loop &) = delete;
     ~event_loop();
 
-    sd_event *get() const
-    {
-        return loop_;
-    }
+    sd_event *get() const { return loop_; }
 
     timer_ptr after(std::chrono::milliseconds delay, std::function<void()> action)
     {
-        return std::make_unique<timer>(loop_, delay, std::move(action));
+        return std::make_unique<timer>(*this, delay, std::move(action));
     }
 
-    // Serves until somebody ends the loop; gives the code that it was ended with.
+    // Serves until somebody ends the loop; gives the code that it was ended with, or throws what a timer threw.
     int run();
 
-  private:
+    void fail(std::exception_ptr failure);
+
+private:
     sd_event *loop_ = nullptr;
+    std::exception_ptr failure_;
 };
 
 #endif

@@ -11,7 +11,7 @@ namespace
 {
 
 constexpr size_t all_faults_bytes_max = 8U << 20;
-constexpr uint64_t delay_max_ms = 24 * 3600 * 1000;
+constexpr uint64_t delay_max_ms = 24UL * 3600 * 1000;
 // A bus cuts the connection of a sender whose message is over its limit, usually 32 MiB.
 constexpr uint64_t oversize_max = 24U << 20;
 
@@ -118,6 +118,12 @@ bool is_common_method(const std::string &member)
     return member == "GetAll" || member == "Introspect";
 }
 
+bool answers_number(const method *method)
+{
+    return method != nullptr && !method->out.empty() &&
+           std::string("ynqiuxt").find(method->out[0]) != std::string::npos;
+}
+
 void check_target(fault &fault, const service *target)
 {
     if (target == nullptr)
@@ -134,7 +140,7 @@ void check_target(fault &fault, const service *target)
         refuse(fault.service + " has no such member: \"" + fault.member + '"');
     if (property_kind)
         check_property_fault(fault);
-    else if (fault.completion_code && (method == nullptr || !method->out.starts_with('y')))
+    else if (fault.completion_code && !answers_number(method))
         refuse(fault.member + " answers no completion code");
 }
 

@@ -49,7 +49,7 @@ struct fault {
 
 class fault_list
 {
-  public:
+public:
     // Throws std::invalid_argument for a fault that is malformed or does not fit the service that it names.
     void add(const json &description, const std::function<const ::service *(const std::string &)> &find_service);
 
@@ -58,7 +58,7 @@ class fault_list
     // The fault that acts on this call, if any; counts the call.
     fault take(const std::string &service, const call &what);
 
-  private:
+private:
     std::list<fault> faults_;
     size_t bytes_ = 0;
 };

@@ -202,14 +202,17 @@ uint8_t hpm1_target::perform(command number, const std::string &kind, std::funct
         return ok;
     }
     last_command_ = number;
-    running_ =
-        long_command{clock::now() + busy_time, polls, std::move(effect), loop_.after(busy_time, [this] { settle(); })};
+    auto time_is_up = [this] {
+        running_->time_is_up = true;
+        settle();
+    };
+    running_ = long_command{false, polls, std::move(effect), loop_.after(busy_time, time_is_up)};
     return in_progress;
 }
 
 void hpm1_target::settle()
 {
-    if (!running_ || running_->polls > 0 || clock::now() < running_->until)
+    if (!running_ || running_->polls > 0 || !running_->time_is_up)
         return;
     auto done = std::move(*running_);
     running_.reset();
@@ -238,7 +241,8 @@ hpm1_target::status_answer hpm1_target::status()
 void hpm1_target::set_progress(bool upgrading)
 {
     state_.set("/upgrade/in_progress", upgrading ? 1 : 0);
-    state_.set("/upgrade/component_id", transfer_ ? transfer_->component : 0);
+    if (!upgrading)
+        state_.set("/upgrade/component_id", 0);
 }
 
 uint8_t hpm1_target::initiate(uint8_t components, uint8_t action)
@@ -262,6 +266,7 @@ uint8_t hpm1_target::initiate(uint8_t components, uint8_t action)
     case upload_for_upgrade:
         if (!std::has_single_bit(components))
             return invalid_field;
+        set_progress(true);
         return perform(initiate_action, "upload",
                        [this, id = std::countr_zero(components)] { begin_upload(static_cast<uint8_t>(id)); });
     default:
@@ -282,7 +287,7 @@ void hpm1_target::begin_upload(uint8_t id)
     transfer_ = transfer{id};
     received_[id].clear();
     finished_ &= static_cast<uint8_t>(~(1U << id));
-    set_progress(true);
+    state_.set("/upgrade/component_id", id);
 }
 
 uint8_t hpm1_target::upload(uint8_t number, uint32_t length, const byte_vector &block)
@@ -293,10 +298,8 @@ uint8_t hpm1_target::upload(uint8_t number, uint32_t length, const byte_vector &
         return length_invalid;
     if (length > state_.get<uint32_t>("/target/max_block"))
         return state_.get<uint8_t>("/target/over_length_code");
-    if (number != transfer_->next_number) {
-        bool resent = number == static_cast<uint8_t>(transfer_->next_number - 1) && transfer_->last_block == block;
-        return resent ? ok : wrong_block;
-    }
+    if (number != static_cast<uint8_t>(transfer_->blocks))
+        return is_resent(number, block) ? ok : wrong_block;
     if (received_[transfer_->component].size() + length > image_bytes_max)
         return out_of_space;
     return perform(upload_block, "block", [this, block] { take_block(block); });
@@ -307,7 +310,14 @@ void hpm1_target::take_block(const byte_vector &block)
     byte_vector &image = received_[transfer_->component];
     image.insert(image.end(), block.begin(), block.end());
     transfer_->last_block = block;
-    transfer_->next_number++;
+    transfer_->blocks++;
+}
+
+// The last block once more, because its answer got lost. It is not stored twice.
+bool hpm1_target::is_resent(uint8_t number, const byte_vector &block) const
+{
+    return transfer_->blocks > 0 && number == static_cast<uint8_t>(transfer_->blocks - 1) &&
+           block == transfer_->last_block;
 }
 
 uint8_t hpm1_target::finish(uint8_t id, uint32_t image_length)
@@ -337,7 +347,6 @@ void hpm1_target::activate_components()
     for_each_component(finished_ & components_present(), [this](uint8_t id) { activate_component(id); });
     finished_ = 0;
     set_progress(false);
-    announce_firmware();
 }
 
 // What it runs now becomes the copy to go back to. With deferred activation the image waits for a restart, which is not
@@ -348,7 +357,7 @@ void hpm1_target::activate_component(uint8_t id)
     if (has_general(id, deferred_activation))
         return set_component(id, "deferred_version", next);
     set_component(id, "rollback_version", component(id)["version"]);
-    set_component(id, "version", next);
+    run_version(id, next);
     activated_ |= static_cast<uint8_t>(1U << id);
 }
 
@@ -371,35 +380,34 @@ uint8_t hpm1_target::roll_back()
     for_each_component(activated_, [&](uint8_t id) {
         if (!has_general(id, rollback_support))
             return;
-        json version = component(id)["version"];
-        set_component(id, "version", component(id)["rollback_version"]);
-        set_component(id, "rollback_version", version);
+        json given_up = component(id)["version"];
+        run_version(id, json(component(id)["rollback_version"]));
+        set_component(id, "rollback_version", given_up);
         rolled_back |= 1U << id;
     });
     if (rolled_back == 0)
         return not_in_this_state;
     state_.set("/target/rollback_status", rolled_back);
-    announce_firmware();
     return ok;
 }
 
-// The firmware's version is also in the configuration.
-void hpm1_target::announce_firmware()
+// The controller's own firmware shows its version in the configuration too.
+void hpm1_target::run_version(uint8_t id, const json &version)
 {
-    for (const json &component : state_.at("/target/components")) {
-        if (component["name"] != "BmcFw")
-            continue;
-        json version = component["version"];
-        state_.set("/config/Firmware.Major", version[0]);
-        state_.set("/config/Firmware.Minor", version[1]);
-    }
+    set_component(id, "version", version);
+    if (component(id)["name"] != "BmcFw")
+        return;
+    state_.set("/config/Firmware.Major", version[0]);
+    state_.set("/config/Firmware.Minor", version[1]);
 }
 
 uint8_t hpm1_target::abort()
 {
+    if (transfer_)
+        received_[transfer_->component].clear();
+    for_each_component(finished_, [this](uint8_t id) { received_[id].clear(); });
     running_.reset();
     transfer_.reset();
-    for_each_component(finished_, [this](uint8_t id) { received_[id].clear(); });
     finished_ = 0;
     set_progress(false);
     return ok;

@@ -12,14 +12,13 @@
 #include "state.hpp"
 
 #include <array>
-#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 
 class hpm1_target
 {
-  public:
+public:
     static constexpr uint8_t components_max = 8;
 
     // Completion codes of HPM.1 and IPMI.
@@ -50,21 +49,19 @@ class hpm1_target
     void reset();
 
     uint8_t components_present() const;
-    property_answer component_property(uint8_t component, uint8_t selector);
+    property_answer component_property(uint8_t id, uint8_t selector);
     uint8_t initiate(uint8_t components, uint8_t action);
     uint8_t upload(uint8_t number, uint32_t length, const byte_vector &block);
-    uint8_t finish(uint8_t component, uint32_t image_length);
+    uint8_t finish(uint8_t id, uint32_t image_length);
     uint8_t activate();
     uint8_t roll_back();
     uint8_t abort();
     status_answer status();
 
     // What the component received in its last upload.
-    const byte_vector &received(uint8_t component) const;
+    const byte_vector &received(uint8_t id) const;
 
-  private:
-    using clock = std::chrono::steady_clock;
-
+private:
     // The numbers of the commands that may take long.
     enum command : uint8_t {
         none = 0,
@@ -77,8 +74,8 @@ class hpm1_target
     // A command that was answered with "in progress". It ends when the time is up and the polls have come, and has its
     // effect then.
     struct long_command {
-        clock::time_point until;
-        uint64_t polls;
+        bool time_is_up;
+        uint32_t polls;
         std::function<void()> effect;
         timer_ptr due;
     };
@@ -86,26 +83,27 @@ class hpm1_target
     // An image on its way.
     struct transfer {
         uint8_t component;
-        uint8_t next_number = 0;
-        std::optional<byte_vector> last_block{};
+        uint64_t blocks = 0; // taken; their number goes on counting modulo 256
+        byte_vector last_block{};
     };
 
     uint8_t perform(command number, const std::string &kind, std::function<void()> effect);
     void settle();
     bool busy();
 
-    void begin_upload(uint8_t component);
+    void begin_upload(uint8_t id);
     void take_block(const byte_vector &block);
+    bool is_resent(uint8_t number, const byte_vector &block) const;
     void back_up(uint8_t components);
     void activate_components();
-    void activate_component(uint8_t component);
-    void announce_firmware();
-    json image_version(uint8_t component) const;
+    void activate_component(uint8_t id);
+    void run_version(uint8_t id, const json &version);
+    json image_version(uint8_t id) const;
 
-    bool present(uint8_t component) const;
+    bool present(uint8_t id) const;
     const json &component(uint8_t id) const;
     void set_component(uint8_t id, const std::string &key, json value);
-    bool has_general(uint8_t component, uint8_t bit) const;
+    bool has_general(uint8_t id, uint8_t bit) const;
     bool all_have(uint8_t components, uint8_t bit) const;
     void set_progress(bool upgrading);
 

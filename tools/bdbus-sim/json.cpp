@@ -2,8 +2,8 @@
 #include "json.hpp"
 
 #include <cerrno>
-#include <fstream>
-#include <iterator>
+#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -21,15 +21,19 @@ json parse_json(const std::string &text, const std::string &what)
     try {
         return json::parse(text, limit_depth);
     } catch (const json::exception &error) {
-        throw std::invalid_argument(what + ": " + error.what());
+        // Without the mark of the JSON library that begins its texts.
+        std::string why = error.what();
+        throw std::invalid_argument(what + ": " + why.substr(why.find(' ') + 1));
     }
 }
 
 json read_json_file(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file)
+    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rb"), fclose);
+    std::string text(json_text_max + 1, '\0');
+    if (file != nullptr)
+        text.resize(fread(text.data(), 1, text.size(), file.get()));
+    if (file == nullptr || ferror(file.get()) != 0)
         throw std::system_error(errno, std::generic_category(), path);
     return parse_json(text, path);
 }
@@ -49,7 +53,7 @@ object_reader::object_reader(const json &object, std::string what, const std::se
             refuse("no such key: \"" + key + '"');
 }
 
-json object_reader::value(const std::string &key, json otherwise) const
+json object_reader::value(const std::string &key, const json &otherwise) const
 {
     auto found = object_.find(key);
     return found == object_.end() ? otherwise : *found;

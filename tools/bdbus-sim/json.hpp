@@ -36,23 +36,20 @@ std::string to_text(const json &value, int indent = -1);
 // std::invalid_argument with a text that begins with `what`.
 class object_reader
 {
-  public:
+public:
     object_reader(const json &object, std::string what, const std::set<std::string> &keys);
 
-    bool has(const std::string &key) const
-    {
-        return object_.contains(key);
-    }
+    bool has(const std::string &key) const { return object_.contains(key); }
 
     // What a missing key stands for comes last.
-    json value(const std::string &key, json otherwise) const;
+    json value(const std::string &key, const json &otherwise) const;
     std::string text(const std::string &key, const std::string &otherwise = {}) const;
     bool flag(const std::string &key) const;
     std::optional<uint64_t> number(const std::string &key, uint64_t most = std::numeric_limits<uint64_t>::max()) const;
 
     [[noreturn]] void refuse(const std::string &why) const;
 
-  private:
+private:
     const json &object_;
     std::string what_;
 };

@@ -34,7 +34,7 @@ std::vector<std::string> cut_command(int &argc, char **argv)
 
 int parse_and_act(int argc, char **argv)
 {
-    CLI::App app("Simulated controller: its services on the system bus.");
+    CLI::App app("Simulated controller: its services on the system bus.", "bdbus-sim");
     std::string scenario;
     int status = done;
     std::function<void()> action = [&] {

@@ -2,6 +2,7 @@
 #include "run.hpp"
 
 #include "bus.hpp"
+#include "descriptor.hpp"
 #include "event.hpp"
 #include "simulator.hpp"
 
@@ -24,40 +25,6 @@
 namespace
 {
 
-class descriptor
-{
-  public:
-    explicit descriptor(int fd = -1) : fd_(fd) {}
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        reset();
-    }
-
-    int get() const
-    {
-        return fd_;
-    }
-
-    void reset()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
-
-int check_errno(int result, const std::string &what)
-{
-    if (result < 0)
-        throw std::system_error(errno, std::generic_category(), what);
-    return result;
-}
-
 struct pipe_ends {
     explicit pipe_ends(int (&fds)[2]) : read(fds[0]), write(fds[1]) {}
 
@@ -78,7 +45,7 @@ pipe_ends make_pipe()
 // The event loop takes them; a child gets the mask back that was found here.
 class blocked_signals
 {
-  public:
+public:
     explicit blocked_signals(std::initializer_list<int> signals)
     {
         sigset_t blocked;
@@ -88,12 +55,9 @@ class blocked_signals
         sigprocmask(SIG_BLOCK, &blocked, &before_);
     }
 
-    const sigset_t &before() const
-    {
-        return before_;
-    }
+    const sigset_t &before() const { return before_; }
 
-  private:
+private:
     sigset_t before_;
 };
 
@@ -101,14 +65,14 @@ class blocked_signals
 
 class cannot_execute : public std::system_error
 {
-  public:
+public:
     using std::system_error::system_error;
 };
 
 // A child that does not outlive this process, however it ends.
 class child
 {
-  public:
+public:
     // `prepare` runs in the child. Throws cannot_execute.
     child(
         const std::vector<std::string> &argv, const sigset_t &mask, const std::function<void()> &prepare = [] {})
@@ -129,24 +93,22 @@ class child
     child &operator=(const child &) = delete;
     ~child()
     {
-        if (pid_ == 0)
-            return;
-        kill(pid_, SIGKILL);
+        send(SIGKILL);
         wait();
     }
 
-    pid_t pid() const
+    pid_t pid() const { return pid_; }
+
+    void send(int signal) const
     {
-        return pid_;
+        if (pid_ != 0)
+            kill(pid_, signal);
     }
 
     // Somebody else has waited for it.
-    void forget()
-    {
-        pid_ = 0;
-    }
+    void forget() { pid_ = 0; }
 
-  private:
+private:
     [[noreturn]] static void execute(const std::vector<std::string> &argv, const sigset_t &mask,
                                      const std::function<void()> &prepare, pid_t parent, int failure)
     {
@@ -156,6 +118,7 @@ class child
         prepare();
         sigprocmask(SIG_SETMASK, &mask, nullptr);
         std::vector<char *> arguments;
+        arguments.reserve(argv.size() + 1);
         for (const std::string &argument : argv)
             arguments.push_back(const_cast<char *>(argument.c_str()));
         arguments.push_back(nullptr);
@@ -167,7 +130,7 @@ class child
 
     void wait()
     {
-        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
+        while (pid_ != 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
             continue;
         pid_ = 0;
     }
@@ -205,7 +168,7 @@ std::string bus_configuration(const std::string &address)
 
 class private_bus
 {
-  public:
+public:
     explicit private_bus(const sigset_t &mask)
         : address_(private_address()), configuration_(memfd_create("bdbus-sim-bus", MFD_CLOEXEC)), ready_(make_pipe()),
           daemon_(arguments(), mask, [this] { prepare(); })
@@ -214,12 +177,9 @@ class private_bus
         wait_until_ready();
     }
 
-    const std::string &address() const
-    {
-        return address_;
-    }
+    const std::string &address() const { return address_; }
 
-  private:
+private:
     std::vector<std::string> arguments()
     {
         check_errno(configuration_.get(), "memfd_create");
@@ -280,7 +240,7 @@ int pass_on(sd_event_source *, const signalfd_siginfo *info, void *userdata)
     // What a terminal sends has reached the command already.
     bool from_terminal = info->ssi_signo == SIGINT && info->ssi_code == SI_KERNEL;
     if (!from_terminal)
-        kill(static_cast<running_command *>(userdata)->process.pid(), static_cast<int>(info->ssi_signo));
+        static_cast<running_command *>(userdata)->process.send(static_cast<int>(info->ssi_signo));
     return 0;
 }
 

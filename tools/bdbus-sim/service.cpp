@@ -60,7 +60,7 @@ std::string arguments_xml(const std::string &signature, const std::string &direc
 {
     std::string xml;
     for (const std::string &type : split_signature(signature))
-        xml += "   <arg type=\"" + type + "\"" + direction + "/>\n";
+        xml.append("   <arg type=\"").append(type).append("\"").append(direction).append("/>\n");
     return xml;
 }
 
@@ -110,7 +110,7 @@ const char standard_interfaces_xml[] = R"( <interface name="org.freedesktop.DBus
 // Members by interface, the interfaces in the order in which the tables name them.
 class interface_texts
 {
-  public:
+public:
     template <typename Row>
     void add(const std::vector<Row> &rows)
     {
@@ -122,11 +122,11 @@ class interface_texts
     {
         std::string xml;
         for (const auto &[name, members] : texts_)
-            xml += " <interface name=\"" + name + "\">\n" + members + " </interface>\n";
+            xml.append(" <interface name=\"").append(name).append("\">\n").append(members).append(" </interface>\n");
         return xml;
     }
 
-  private:
+private:
     std::string &of(const std::string &interface)
     {
         auto found = std::find_if(texts_.begin(), texts_.end(), [&](auto &text) { return text.first == interface; });
@@ -140,9 +140,9 @@ class interface_texts
 
 // ---- tables
 
-service::service(event_loop &loop, const std::string &name, const std::string &path, call_list *calls,
-                 fault_list *faults)
-    : loop_(loop), name_(name), bus_name_("com.brisemont." + name), path_(path), calls_(calls), faults_(faults)
+service::service(event_loop &loop, std::string name, std::string path, call_list *calls, fault_list *faults)
+    : loop_(loop), name_(std::move(name)), bus_name_("com.brisemont." + name_), path_(std::move(path)), calls_(calls),
+      faults_(faults)
 {
 }
 

@@ -18,6 +18,7 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What a client asks. For "get" and "set", `interface` and `member` are the property's.
@@ -36,23 +37,40 @@ struct call {
     }
 };
 
-// Handlers answer with the reply's values, an array; they refuse with a dbus_error. An empty interface is the service's
-// own.
+// The rows of a service's tables. An empty interface is the service's own. Handlers refuse with a dbus_error.
+
 struct method {
+    using handler_function = std::function<json(const call &)>; // gives the reply's values, an array
+
+    method(std::string member_, std::string in_, std::string out_, handler_function handler_,
+           std::string interface_ = {})
+        : member(std::move(member_)), in(std::move(in_)), out(std::move(out_)), handler(std::move(handler_)),
+          interface(std::move(interface_))
+    {
+    }
+
     std::string member;
     std::string in;
     std::string out;
-    std::function<json(const call &)> handler;
-    std::string interface {
-    };
+    handler_function handler;
+    std::string interface;
 };
 
 struct property {
+    using getter = std::function<json(const call &)>;
+    using setter = std::function<void(const call &)>;
+
+    property(std::string interface_, std::string name_, std::string signature_, getter get_, setter set_ = nullptr)
+        : interface(std::move(interface_)), name(std::move(name_)), signature(std::move(signature_)),
+          get(std::move(get_)), set(std::move(set_))
+    {
+    }
+
     std::string interface;
     std::string name;
     std::string signature;
-    std::function<json(const call &)> get;
-    std::function<void(const call &)> set{}; // none: read-only
+    getter get;
+    setter set; // none: read-only
 };
 
 struct signal_row {
@@ -71,9 +89,9 @@ struct object_table {
 
 class service
 {
-  public:
+public:
     // With null lists the service is neither recorded nor disturbed.
-    service(event_loop &loop, const std::string &name, const std::string &path, call_list *calls, fault_list *faults);
+    service(event_loop &loop, std::string name, std::string path, call_list *calls, fault_list *faults);
 
     void add_object(object_table table);
 
@@ -81,22 +99,10 @@ class service
     void add_object(std::vector<method> methods, std::vector<property> properties = {},
                     std::vector<signal_row> signals = {});
 
-    const std::string &name() const
-    {
-        return name_;
-    }
-    const std::string &bus_name() const
-    {
-        return bus_name_;
-    }
-    const std::string &path() const
-    {
-        return path_;
-    }
-    bool running() const
-    {
-        return bus_ != nullptr;
-    }
+    const std::string &name() const { return name_; }
+    const std::string &bus_name() const { return bus_name_; }
+    const std::string &path() const { return path_; }
+    bool running() const { return bus_ != nullptr; }
 
     // Takes the name on the bus; nothing when it has it.
     void start();
@@ -113,7 +119,7 @@ class service
     const method *find_method(const std::string &member) const;
     const property *find_property(const std::string &interface, const std::string &member) const;
 
-  private:
+private:
     struct delayed_call {
         message_ptr message;
         call what;

@@ -17,7 +17,7 @@
 
 class simulator
 {
-  public:
+public:
     // A scenario is {"state": merge patch, "faults": [fault, …]}, both optional.
     simulator(event_loop &loop, const json &scenario);
 
@@ -40,7 +40,7 @@ class simulator
     fault_list faults;
     call_list calls;
 
-  private:
+private:
     void set_to_scenario();
 
     event_loop &loop_;

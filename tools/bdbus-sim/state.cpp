@@ -16,6 +16,11 @@ constexpr size_t elements_max = 65'536;
     throw std::invalid_argument((place.empty() ? "state" : place) + ": " + what);
 }
 
+std::string below(const std::string &place, const std::string &key)
+{
+    return place + "/" + key;
+}
+
 template <typename T>
 bool in_range(const json &value)
 {
@@ -89,7 +94,7 @@ void check_array(const std::string &place, const json &value, const json &elemen
         refuse(place,
                std::string("must have ") + (least == most ? "" : "at most ") + std::to_string(most) + " elements");
     for (size_t i = 0; i < value.size(); i++)
-        check_shape(place + "/" + std::to_string(i), value[i], element);
+        check_shape(below(place, std::to_string(i)), value[i], element);
 }
 
 void check_object(const std::string &place, const json &value, const json &shape)
@@ -108,7 +113,7 @@ void check_object(const std::string &place, const json &value, const json &shape
             rule = shape.find("*");
         if (rule == shape.end())
             refuse(place, "no such key: \"" + key + "\"");
-        check_shape(place + "/" + key, element, *rule);
+        check_shape(below(place, key), element, *rule);
     }
 }
 

@@ -22,7 +22,7 @@
 
 class state_document
 {
-  public:
+public:
     using listener = std::function<void(const json &before, const json &after)>;
 
     void add_section(const std::string &name, json defaults, json shape);
@@ -39,16 +39,10 @@ class state_document
     // state.
     void patch(const json &patch);
 
-    const json &all() const
-    {
-        return current_;
-    }
+    const json &all() const { return current_; }
 
     // The value at a place such as "/bmc/post".
-    const json &at(const std::string &pointer) const
-    {
-        return current_.at(json::json_pointer(pointer));
-    }
+    const json &at(const std::string &pointer) const { return current_.at(json::json_pointer(pointer)); }
 
     template <typename T>
     T get(const std::string &pointer) const
@@ -59,7 +53,7 @@ class state_document
     // For the services: the value is taken as it is.
     void set(const std::string &pointer, json value);
 
-  private:
+private:
     void replace(json next);
     void notify(const std::string &section, const json &before);
 

@@ -16,14 +16,12 @@ json code(uint8_t completion_code)
 }
 
 // A value of the component of that name; no bytes when the target has none.
-auto component_value(const state_document &state, const std::string &name, const std::string &key)
+json component_value(const state_document &state, const std::string &name, const std::string &key)
 {
-    return [&state, name, key](const call &) {
-        for (const json &component : state.at("/target/components"))
-            if (component["name"] == name)
-                return component[key];
-        return json::array();
-    };
+    for (const json &component : state.at("/target/components"))
+        if (component["name"] == name)
+            return component[key];
+    return json::array();
 }
 
 json capabilities(const state_document &state, const hpm1_target &target)
@@ -36,75 +34,75 @@ json capabilities(const state_document &state, const hpm1_target &target)
     return values;
 }
 
+json component_property(hpm1_target &target, const call &what)
+{
+    auto answer = target.component_property(what.arg<uint8_t>(1), what.arg<uint8_t>(2));
+    return json::array({answer.code, picmg_id, answer.bytes});
+}
+
+uint8_t upload(hpm1_target &target, const call &what)
+{
+    return target.upload(what.arg<uint8_t>(1), what.arg<uint32_t>(2), what.args[3].get_binary());
+}
+
+json upgrade_status(hpm1_target &target)
+{
+    auto status = target.status();
+    return json::array({hpm1_target::ok, picmg_id, status.command, status.last_code});
+}
+
+json rollback_status(const state_document &state)
+{
+    return json::array({state.at("/target/rollback_code"), picmg_id, state.at("/target/rollback_status")});
+}
+
+// The first argument of each is the PICMG identifier.
 std::vector<method> methods(const state_document &state, hpm1_target &target)
 {
+    const auto *s = &state;
     auto *t = &target;
     return {
-        {"GetTargetUpgradeCaps", "y", "yyyyyyyyy",
-         [=, &state](const call &) {
-             return capabilities(state, *t);
-         }},
-        {"GetComponentProps", "yyy", "yyay",
-         [=](const call &what) {
-             auto answer = t->component_property(what.arg<uint8_t>(1), what.arg<uint8_t>(2));
-             return json::array({answer.code, picmg_id, answer.bytes});
-         }},
-        {"AbortFirmwareUpgrade", "y", "yy",
-         [=](const call &) {
-             return code(t->abort());
-         }},
-        {"InitiateUpgradeAction", "yyy", "yy",
-         [=](const call &what) {
-             return code(t->initiate(what.arg<uint8_t>(1), what.arg<uint8_t>(2)));
-         }},
-        {"UploadFirmwareBlock", "yyuay", "yy",
-         [=](const call &what) {
-             return code(t->upload(what.arg<uint8_t>(1), what.arg<uint32_t>(2), what.args[3].get_binary()));
-         }},
-        {"FinishFirmwareUpload", "yyu", "yy",
-         [=](const call &what) {
-             return code(t->finish(what.arg<uint8_t>(1), what.arg<uint32_t>(2)));
-         }},
-        {"GetUpgradeStatus", "y", "yyyy",
-         [=](const call &) {
-             auto status = t->status();
-             return json::array({hpm1_target::ok, picmg_id, status.command, status.last_code});
-         }},
-        {"ActivateFirmware", "y", "yy",
-         [=](const call &) {
-             return code(t->activate());
-         }},
-        {"QueryRollbackStatus", "y", "yyy",
-         [&state](const call &) {
-             return json::array({state.at("/target/rollback_code"), picmg_id, state.at("/target/rollback_status")});
-         }},
-        {"InitiateManualRollback", "y", "yy",
-         [=](const call &) {
-             return code(t->roll_back());
-         }},
+        method("GetTargetUpgradeCaps", "y", "yyyyyyyyy", [=](const call &) { return capabilities(*s, *t); }),
+        method("GetComponentProps", "yyy", "yyay", [=](const call &what) { return component_property(*t, what); }),
+        method("AbortFirmwareUpgrade", "y", "yy", [=](const call &) { return code(t->abort()); }),
+        method("InitiateUpgradeAction", "yyy", "yy",
+               [=](const call &what) { return code(t->initiate(what.arg<uint8_t>(1), what.arg<uint8_t>(2))); }),
+        method("UploadFirmwareBlock", "yyuay", "yy", [=](const call &what) { return code(upload(*t, what)); }),
+        method("FinishFirmwareUpload", "yyu", "yy",
+               [=](const call &what) { return code(t->finish(what.arg<uint8_t>(1), what.arg<uint32_t>(2))); }),
+        method("GetUpgradeStatus", "y", "yyyy", [=](const call &) { return upgrade_status(*t); }),
+        method("ActivateFirmware", "y", "yy", [=](const call &) { return code(t->activate()); }),
+        method("QueryRollbackStatus", "y", "yyy", [=](const call &) { return rollback_status(*s); }),
+        method("InitiateManualRollback", "y", "yy", [=](const call &) { return code(t->roll_back()); }),
     };
+}
+
+json component_count(const state_document &state)
+{
+    return state.at("/target/components").size();
 }
 
 std::vector<property> properties(const state_document &state)
 {
-    auto value = [&state](const std::string &place) {
-        return [&state, place](const call &) {
-            return state.at(place);
-        };
+    const auto *s = &state;
+    auto row = [=](const std::string &name, const char *signature, const std::string &place) {
+        return property("", name, signature, [=](const call &) { return s->at(place); });
+    };
+    auto version = [=](const std::string &property_name, const std::string &component, const char *key) {
+        return property("", property_name, "ay", [=](const call &) { return component_value(*s, component, key); });
     };
 
-    std::vector<property> rows;
+    std::vector<property> rows = {
+        property("", "ComponentCount", "i", [=](const call &) { return component_count(*s); }),
+        row("UpgradeComponentId", "y", "/upgrade/component_id"),
+        row("UpgradeInProgress", "y", "/upgrade/in_progress"),
+    };
     for (const std::string name : component_names) {
-        rows.push_back({"", name + "Version", "ay", component_value(state, name, "version")});
-        rows.push_back({"", name + "RollbackFlag", "b", value("/upgrade/rollback_flags/" + name)});
+        rows.push_back(version(name + "Version", name, "version"));
+        rows.push_back(row(name + "RollbackFlag", "b", "/upgrade/rollback_flags/" + name));
     }
     for (const std::string name : backup_names)
-        rows.push_back({"", name + "BackupVersion", "ay", component_value(state, name, "rollback_version")});
-    rows.push_back({"", "ComponentCount", "i", [&state](const call &) {
-                        return json(state.at("/target/components").size());
-                    }});
-    rows.push_back({"", "UpgradeComponentId", "y", value("/upgrade/component_id")});
-    rows.push_back({"", "UpgradeInProgress", "y", value("/upgrade/in_progress")});
+        rows.push_back(version(name + "BackupVersion", name, "rollback_version"));
     return rows;
 }
 

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// An owner for a file descriptor, and failures of the C library as exceptions.
+#ifndef BDBUS_SIM_DESCRIPTOR_HPP
+#define BDBUS_SIM_DESCRIPTOR_HPP
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <utility>
+
+class descriptor
+{
+public:
+    explicit descriptor(int fd = -1) : fd_(fd) {}
+    descriptor(const descriptor &) = delete;
+    descriptor &operator=(const descriptor &) = delete;
+    ~descriptor() { reset(); }
+
+    int get() const { return fd_; }
+
+    // For somebody who closes it.
+    int release() { return std::exchange(fd_, -1); }
+
+    void reset()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+inline int check_errno(int result, const std::string &what)
+{
+    if (result < 0)
+        throw std::system_error(errno, std::generic_category(), what);
+    return result;
+}
+
+#endif

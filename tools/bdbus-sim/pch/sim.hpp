@@ -1,0 +1,3 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What nearly every file needs and takes long to compile.
+#include <nlohmann/json.hpp>
