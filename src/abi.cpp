@@ -47,6 +47,34 @@ static_assert(sizeof(bdbus_hpm1_rollback_status_rec) == 3);
 
 constexpr std::size_t word = sizeof(void *);
 
+BDBUS_AT(bdbus_sdr_event, assertion_mask, 2);
+BDBUS_AT(bdbus_sdr_event, deassertion_mask, 4);
+static_assert(sizeof(bdbus_sdr_hysteresis) == 2 && sizeof(bdbus_sdr_thresholds) == 7);
+
+BDBUS_AT(bdbus_sdr_record, sdr, 2);
+BDBUS_AT(bdbus_sdr_record, event_enable, 66);
+BDBUS_AT(bdbus_sdr_record, event_status, 72);
+BDBUS_AT(bdbus_sdr_record, hysteresis, 78);
+BDBUS_AT(bdbus_sdr_record, reading, 80);
+BDBUS_AT(bdbus_sdr_record, thresholds, 81);
+BDBUS_AT(bdbus_sdr_record, context, 88);
+static_assert(sizeof(bdbus_sdr_record) == 88 + word);
+
+BDBUS_AT(bdbus_sel_callback_table, sel_full, 2 * word);
+BDBUS_AT(bdbus_sel_new_entry, completion_code, 16);
+BDBUS_AT(bdbus_sel_new_entry, record_id, 18);
+BDBUS_AT(bdbus_sel_clear_request, confirm, 2);
+BDBUS_AT(bdbus_sel_clear_request, erase_progress, 7);
+BDBUS_AT(bdbus_sel_alloc_info, possible_units, 2);
+BDBUS_AT(bdbus_sel_alloc_info, max_record_size, 10);
+BDBUS_AT(bdbus_sel_entry, completion_code, 6);
+BDBUS_AT(bdbus_sel_entry, next_record_id, 8);
+BDBUS_AT(bdbus_sel_entry, data, 10);
+BDBUS_AT(bdbus_sel_info, entries, 2);
+BDBUS_AT(bdbus_sel_info, addition_timestamp, 8);
+BDBUS_AT(bdbus_sel_info, operation_support, 16);
+BDBUS_AT(bdbus_sel_reservation, reservation_id, 2);
+
 BDBUS_AT(bdbus_upgrade_agent_context, options, 1);
 BDBUS_AT(bdbus_upgrade_agent_context, image_size, 4);
 BDBUS_AT(bdbus_upgrade_agent_context, image_data, 8);

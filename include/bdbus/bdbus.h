@@ -9,6 +9,8 @@
 #include <bdbus/abp.h>
 #include <bdbus/config.h>
 #include <bdbus/hpm1.h>
+#include <bdbus/sdr.h>
+#include <bdbus/sel.h>
 #include <bdbus/upgrade.h>
 #include <bdbus/upgrade_agent.h>
 

@@ -16,7 +16,7 @@ call_frame::~call_frame()
 void call_frame::settle(int result, const char *text)
 {
     result_ = result;
-    if (failed()) {
+    if (failed() && text != nullptr) {
         complain(text, strerror(-result));
     }
 }
@@ -56,8 +56,14 @@ void call_frame::append_bytes(const uint8_t *data, uint32_t length)
 
 void call_frame::send(uint64_t timeout_us)
 {
-    if (!failed()) {
-        settle(sd_bus_call(bus_, request_, timeout_us, &error_, &reply_), texts_.send);
+    if (failed()) {
+        return;
+    }
+    const int sent = sd_bus_call(bus_, request_, timeout_us, &error_, &reply_);
+    if (texts_.send != nullptr) {
+        settle(sent, texts_.send);
+    } else {
+        issued(sent);
     }
 }
 

@@ -53,8 +53,8 @@ public:
 
     void append_bytes(const uint8_t *data, uint32_t length);
 
-    /** @param timeout_us 0 for sd-bus's default, no_timeout to wait for ever. */
     void send(uint64_t timeout_us);
+    static constexpr uint64_t default_timeout = 0; // sd-bus's own
     static constexpr uint64_t no_timeout = UINT64_MAX;
 
     /** Read values of the reply. Those before one that cannot be read are written. @return this call's result. */

@@ -7,16 +7,16 @@ namespace bdbus
 
 inline constexpr const char *connect_text = "Failed to connect to system bus";
 
-/** What a family prints when one of the steps of a call fails. */
+/** What a family prints when one of the steps of a call fails; a step without a text fails in silence. */
 struct call_texts {
-    const char *issue;  // the one-step call, with the text of the D-Bus error
-    const char *create; // a built request: the message, its plain values, its byte array, the call
-    const char *append;
-    const char *append_array;
-    const char *send;
-    const char *parse;    // the reply's values
-    const char *array;    // the reply's byte array
-    const char *property; // a property read; the property's name follows
+    const char *issue = nullptr;  // the one-step call, with the text of the D-Bus error
+    const char *create = nullptr; // a built request: the message, its plain values, its byte array
+    const char *append = nullptr;
+    const char *append_array = nullptr;
+    const char *send = nullptr;     // a built request's call, with the errno text; without one, as the one-step call
+    const char *parse = nullptr;    // the reply's values
+    const char *array = nullptr;    // the reply's byte array
+    const char *property = nullptr; // a property read; the property's name follows
 };
 
 /** The set that most families use. */

@@ -27,6 +27,7 @@ call read_call(sd_bus_message *message)
               .interface = text_or_empty(sd_bus_message_get_interface(message)),
               .member = text_or_empty(sd_bus_message_get_member(message)),
               .signature = text_or_empty(sd_bus_message_get_signature(message, true)),
+              .sender = text_or_empty(sd_bus_message_get_sender(message)),
               .args = json::array()};
     return what;
 }
@@ -269,6 +270,14 @@ void service::stop()
     bus_.reset();
 }
 
+std::string service::unique_name() const
+{
+    const char *name = nullptr;
+    if (running())
+        check(sd_bus_get_unique_name(bus_.get(), &name), bus_name_);
+    return text_or_empty(name);
+}
+
 void service::emit(const std::string &member, const std::string &signature, const json &args, std::string interface,
                    std::string path)
 {
@@ -312,11 +321,11 @@ void service::receive(sd_bus_message *message)
     try {
         read_arguments(what, message);
     } catch (const std::exception &error) {
-        record(what, message);
+        record(what);
         return send_error(message, standard_error("InvalidArgs", error.what()));
     }
 
-    record(what, message);
+    record(what);
     fault disturbance = faults_ == nullptr ? fault{} : faults_->take(name_, what);
     if (disturbance.delay.count() > 0)
         delay(message, std::move(what), std::move(disturbance));
@@ -324,7 +333,7 @@ void service::receive(sd_bus_message *message)
         answer(message, what, disturbance);
 }
 
-void service::record(const call &what, sd_bus_message *message)
+void service::record(const call &what)
 {
     if (calls_ == nullptr || what.interface == introspectable)
         return;
@@ -335,7 +344,7 @@ void service::record(const call &what, sd_bus_message *message)
                         {"member", what.member},
                         {"signature", what.signature},
                         {"args", what.args},
-                        {"sender", text_or_empty(sd_bus_message_get_sender(message))}});
+                        {"sender", what.sender}});
 }
 
 void service::delay(sd_bus_message *message, call what, fault disturbance)

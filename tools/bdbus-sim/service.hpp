@@ -28,6 +28,7 @@ struct call {
     std::string interface;
     std::string member;
     std::string signature;
+    std::string sender;
     json args;
 
     template <typename T>
@@ -104,6 +105,9 @@ public:
     const std::string &path() const { return path_; }
     bool running() const { return bus_ != nullptr; }
 
+    // The name of its connection; empty while the service is stopped.
+    std::string unique_name() const;
+
     // Takes the name on the bus; nothing when it has it.
     void start();
 
@@ -129,7 +133,7 @@ private:
 
     static int on_message(sd_bus_message *message, void *self, sd_bus_error *error);
     void receive(sd_bus_message *message);
-    void record(const call &what, sd_bus_message *message);
+    void record(const call &what);
     void delay(sd_bus_message *message, call what, fault disturbance);
 
     void answer(sd_bus_message *message, const call &what, const fault &disturbance);

@@ -13,13 +13,15 @@ std::string usual_path(const std::string &name)
 
 } // namespace
 
-simulator::simulator(event_loop &loop, const json &scenario)
-    : target(state, loop), loop_(loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
+simulator::simulator(event_loop &event_loop_, const json &scenario)
+    : loop(event_loop_), target(state, loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
 {
     add_bypass(*this);
     add_config(*this);
     add_bmc(*this);
     add_upgrade(*this);
+    add_sdr(*this);
+    add_sel(*this);
     fill_control(control_, *this);
 
     object_reader reader(scenario, "scenario", {"state", "faults"});
@@ -49,6 +51,8 @@ void simulator::set_to_scenario()
     calls.clear();
     target.reset();
     state.reset();
+    for (const auto &action : reset_actions_)
+        action();
     for (const json &fault : scenario_faults_)
         add_fault(fault);
 }
@@ -56,7 +60,7 @@ void simulator::set_to_scenario()
 service &simulator::add_service(const std::string &name, const std::string &path)
 {
     std::string own_path = path.empty() ? usual_path(name) : path;
-    return *services_.emplace_back(std::make_unique<service>(loop_, name, own_path, &calls, &faults));
+    return *services_.emplace_back(std::make_unique<service>(loop, name, own_path, &calls, &faults));
 }
 
 service *simulator::find(const std::string &name) const

@@ -11,8 +11,10 @@
 #include "service.hpp"
 #include "state.hpp"
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class simulator
@@ -33,8 +35,12 @@ public:
     service *find(const std::string &name) const;
     service &at(const std::string &name) const;
 
+    // For what a service keeps beside the state: the action is part of every reset.
+    void on_reset(std::function<void()> action) { reset_actions_.push_back(std::move(action)); }
+
     void add_fault(const json &description);
 
+    event_loop &loop;
     state_document state;
     hpm1_target target;
     fault_list faults;
@@ -43,9 +49,9 @@ public:
 private:
     void set_to_scenario();
 
-    event_loop &loop_;
     json scenario_faults_ = json::array();
     std::vector<std::unique_ptr<service>> services_;
+    std::vector<std::function<void()>> reset_actions_;
     service control_;
 };
 
@@ -54,6 +60,8 @@ void add_bypass(simulator &simulator);
 void add_config(simulator &simulator);
 void add_bmc(simulator &simulator);
 void add_upgrade(simulator &simulator);
+void add_sdr(simulator &simulator);
+void add_sel(simulator &simulator);
 
 void fill_control(service &control, simulator &simulator);
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "state.hpp"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <limits>
 #include <stdexcept>
@@ -60,12 +62,32 @@ void check_text(const std::string &place, const json &value, const std::string &
         refuse(place, "must be a text of at most " + std::to_string(most) + " bytes");
 }
 
+void check_shape(const std::string &place, const json &value, const json &shape);
 void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most);
 
+// Most of a state is bytes, so no text is made for those that fit.
 void check_bytes(const std::string &place, const json &value, const std::string &type)
 {
+    if (value.is_array() && std::all_of(value.begin(), value.end(), in_range<uint8_t>) &&
+        (type == "ay" || value.size() == std::stoul(type)))
+        return;
     size_t exact = type == "ay" ? 0 : std::stoul(type);
     check_array(place, value, "y", exact, type == "ay" ? elements_max : exact);
+}
+
+void check_tuple(const std::string &place, const json &value, const json &shape)
+{
+    if (!value.is_array() || value.size() != shape.size())
+        refuse(place, "must be an array of " + std::to_string(shape.size()) + " elements");
+    for (size_t i = 0; i < value.size(); i++)
+        check_shape(below(place, std::to_string(i)), value[i], shape[i]);
+}
+
+bool is_record_id(const std::string &key)
+{
+    uint16_t id = 0;
+    auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), id);
+    return error == std::errc() && id >= 1 && id <= 65'534 && key == std::to_string(id);
 }
 
 void check_object(const std::string &place, const json &value, const json &shape);
@@ -74,6 +96,8 @@ void check_shape(const std::string &place, const json &value, const json &shape)
 {
     if (shape.is_object())
         return check_object(place, value, shape);
+    if (shape.is_array() && shape.size() > 1)
+        return check_tuple(place, value, shape);
     if (shape.is_array())
         return check_array(place, value, shape.at(0), 0, elements_max);
 
@@ -102,7 +126,7 @@ void check_object(const std::string &place, const json &value, const json &shape
     if (!value.is_object())
         refuse(place, "must be an object");
     for (const auto &[key, element] : shape.items())
-        if (!key.ends_with('?') && key != "*" && !value.contains(key))
+        if (!key.ends_with('?') && key != "*" && key != "#" && !value.contains(key))
             refuse(place, "needs the key \"" + key + "\"");
 
     for (const auto &[key, element] : value.items()) {
@@ -111,6 +135,8 @@ void check_object(const std::string &place, const json &value, const json &shape
             rule = shape.find(key + "?");
         if (rule == shape.end())
             rule = shape.find("*");
+        if (rule == shape.end() && is_record_id(key))
+            rule = shape.find("#");
         if (rule == shape.end())
             refuse(place, "no such key: \"" + key + "\"");
         check_shape(below(place, key), element, *rule);

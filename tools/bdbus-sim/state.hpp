@@ -9,7 +9,9 @@
  *   "s", "s11"                text, of at most so many bytes
  *   "ay", "6y"                bytes as an array of numbers, any or exactly so many
  *   [shape]                   array of such values
- *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key
+ *   [shape, shape, …]         array of just these values
+ *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key and "#" for
+ *                             any record ID, a number from 1 to 65534 in decimal
  */
 #ifndef BDBUS_SIM_STATE_HPP
 #define BDBUS_SIM_STATE_HPP
@@ -52,6 +54,9 @@ public:
 
     // For the services: the value is taken as it is.
     void set(const std::string &pointer, json value);
+
+    // For a section's own service: it changes the section in place, and its listener is not called.
+    json &own(const std::string &section) { return current_.at(section); }
 
 private:
     void replace(json next);

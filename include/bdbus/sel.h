@@ -1,0 +1,139 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+/**
+ * @file sel.h
+ * The system event log (SEL) of service `com.brisemont.SystemEventLog1`.
+ *
+ * Each call mirrors the IPMI 2.0 command of the same name. Its record carries the request and takes the response, which
+ * begins with the command's completion code; a code other than 0 is in the record, and the function still succeeds.
+ *
+ * Results: positive when the reply was read. Otherwise the negative errno-style code of the step that failed, after one
+ * line on stderr; the record is then untouched, but for fields of a reply that broke off after them. -EINVAL for a null
+ * record, without a line and with nothing sent.
+ *
+ * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer. None of
+ * them but bdbus_sel_event_callbacks() may be called from a handler of the callback table.
+ */
+#ifndef BDBUS_SEL_H
+#define BDBUS_SEL_H
+
+#include <stdint.h>
+#include <systemd/sd-bus.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** The bytes of a log entry. */
+#define BDBUS_SEL_ENTRY_BYTES 16
+
+/**
+ * The handlers of the three notices; a null slot drops its notice.
+ *
+ * A handler runs inside bdbus_sel_event_process(), on its caller's thread. It gets the signal message, a null user-data
+ * pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the handler
+ * takes a reference.
+ */
+typedef struct bdbus_sel_callback_table {
+    sd_bus_message_handler_t sel_almost_full;
+    sd_bus_message_handler_t sel_cleared;
+    sd_bus_message_handler_t sel_full;
+} bdbus_sel_callback_table;
+
+/** Add SEL Entry. */
+typedef struct bdbus_sel_new_entry {
+    uint8_t data[BDBUS_SEL_ENTRY_BYTES]; /**< request: the entry */
+    uint8_t completion_code;             /**< reply */
+    uint16_t record_id;                  /**< reply: the entry's ID */
+} bdbus_sel_new_entry;
+
+/** Clear SEL. */
+typedef struct bdbus_sel_clear_request {
+    uint16_t reservation_id; /**< request: from bdbus_sel_reserve() */
+    uint8_t confirm[3];      /**< request: 'C', 'L', 'R' */
+    uint8_t action;          /**< request: 0xAA starts the erasure, 0x00 asks for its progress */
+    uint8_t completion_code; /**< reply */
+    uint8_t erase_progress;  /**< reply: bits 3:0, 0 in progress, 1 completed */
+} bdbus_sel_clear_request;
+
+/** Get SEL Allocation Info; all reply. */
+typedef struct bdbus_sel_alloc_info {
+    uint8_t completion_code;
+    uint16_t possible_units;     /**< number of possible allocation units */
+    uint16_t unit_size;          /**< bytes of a unit */
+    uint16_t free_units;         /**< number of free units */
+    uint16_t largest_free_block; /**< in units */
+    uint8_t max_record_size;     /**< in units */
+} bdbus_sel_alloc_info;
+
+/** Get SEL Entry. */
+typedef struct bdbus_sel_entry {
+    uint16_t reservation_id;             /**< request: only for partial reads; else 0 */
+    uint16_t record_id;                  /**< request: 0x0000 the first entry, 0xFFFF the last */
+    uint8_t offset;                      /**< request: into the entry */
+    uint8_t bytes_to_read;               /**< request: 0xFF for the whole entry */
+    uint8_t completion_code;             /**< reply */
+    uint16_t next_record_id;             /**< reply: 0xFFFF after the last entry */
+    uint8_t data[BDBUS_SEL_ENTRY_BYTES]; /**< reply: the bytes; more are cut, fewer leave the rest as it was */
+} bdbus_sel_entry;
+
+/** Get SEL Info; all reply. Times are IPMI time stamps: seconds since 1970, or since start-up below 0x20000000. */
+typedef struct bdbus_sel_info {
+    uint8_t completion_code;
+    uint8_t version;             /**< 0x51 for IPMI 1.5 and 2.0 */
+    uint16_t entries;            /**< number of entries */
+    uint16_t free_space;         /**< bytes */
+    uint32_t addition_timestamp; /**< of the most recent addition; 0xFFFFFFFF unknown */
+    uint32_t erase_timestamp;    /**< of the most recent erasure; 0xFFFFFFFF unknown */
+    uint8_t operation_support;   /**< bit 7 overflow, 3 delete, 2 partial add, 1 reserve, 0 allocation info */
+} bdbus_sel_info;
+
+/** Reserve SEL; all reply. */
+typedef struct bdbus_sel_reservation {
+    uint8_t completion_code;
+    uint16_t reservation_id;
+} bdbus_sel_reservation;
+
+/** Add an entry. @return as the file says. */
+int32_t bdbus_sel_add_entry(bdbus_sel_new_entry *rec);
+
+/** Erase the log, or ask how far the erasure is. @return as the file says. */
+int32_t bdbus_sel_clear(bdbus_sel_clear_request *rec);
+
+/** Ask for the allocation information. @return as the file says. */
+int32_t bdbus_sel_get_alloc_info(bdbus_sel_alloc_info *rec);
+
+/** Read an entry. @return as the file says. */
+int32_t bdbus_sel_get_entry(bdbus_sel_entry *rec);
+
+/** Ask for the log's information. @return as the file says. */
+int32_t bdbus_sel_get_info(bdbus_sel_info *rec);
+
+/** Reserve the log. @return as the file says. */
+int32_t bdbus_sel_reserve(bdbus_sel_reservation *rec);
+
+/**
+ * Register the callback table, replace it, or clear it with null.
+ *
+ * The library keeps the pointer only: the table must stay valid while it is registered. Takes no lock and opens no
+ * connection.
+ *
+ * @param table the table, or null.
+ * @return 0.
+ */
+int32_t bdbus_sel_event_callbacks(const bdbus_sel_callback_table *table);
+
+/**
+ * Dispatch at most one queued message to the callback table. Never waits. Notices queue, about 1 kB each, until they
+ * are taken off here; call it once early to be subscribed from then on.
+ *
+ * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
+ */
+int32_t bdbus_sel_event_process(void);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif

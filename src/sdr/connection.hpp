@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The family's connection, which callers share with the listener.
+//
+// A method call reads whatever has arrived on the socket into the connection's queue, where a poll of the descriptor
+// does not see it. So whoever releases the connection with messages in its queue wakes the listener.
+#pragma once
+
+#include "bus/call.hpp"
+#include "bus/connection.hpp"
+#include "sdr/store.hpp"
+
+namespace bdbus
+{
+
+inline constexpr service sdr_service = {
+    .name = "com.brisemont.SensorDataRepository1",
+    .path = "/com/brisemont/SensorDataRepository1",
+    .interface = "com.brisemont.SensorDataRepository1",
+};
+
+extern bus_module sdr_module;
+
+/** The store, or null before a successful init. */
+extern std::atomic<sdr_store *> sdr_records;
+
+/** Wake the listener for messages that are queued on the connection. The module lock is held. */
+void sdr_wake_listener();
+
+/** Set up the listener on the open connection: own name, the seven matches, the thread. @return 0, or a negative error
+ * number. */
+int32_t sdr_listener_start();
+
+/** The connection, held for one call, its reply's handling included. */
+class sdr_hold
+{
+public:
+    sdr_hold() : guard_(sdr_module.lock) {}
+    ~sdr_hold() { sdr_wake_listener(); }
+    sdr_hold(const sdr_hold &) = delete;
+    sdr_hold &operator=(const sdr_hold &) = delete;
+
+private:
+    mutex_guard guard_;
+};
+
+/** Building a call is silent, and a failed call tells the D-Bus error's text. */
+inline constexpr call_texts sdr_texts = {.issue = plain_texts.issue, .parse = plain_texts.parse};
+
+/** The reading of a record is silent too. */
+inline constexpr call_texts sdr_fetch_texts = {.issue = plain_texts.issue};
+
+class sdr_call : sdr_hold, public call_frame
+{
+public:
+    explicit sdr_call(const char *member, const call_texts &texts = sdr_texts)
+        : call_frame(sdr_service, texts, sdr_module.bus, 0)
+    {
+        create(member);
+    }
+};
+
+} // namespace bdbus

@@ -1,0 +1,268 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The listener: one thread that applies other clients' changes to the store and hands readings to the caller's
+// callback.
+//
+// It dispatches under the module lock, one message a turn, until nothing is queued, and waits without the lock for the
+// connection's descriptor and for callers that left messages in the queue.
+#include "sdr/connection.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+void (*bdbus_sdr_set_reading_and_event_status_callback)(bdbus_sdr_record *record) = nullptr;
+
+namespace bdbus
+{
+
+static constinit const char *own_name = nullptr; // unknown: every change counts as another client's
+static constinit int wake_fd = -1;
+
+/** The record whose reading the message in dispatch announced; the listener's own. */
+static constinit bdbus_sdr_record *read_record = nullptr;
+
+void sdr_wake_listener()
+{
+    uint64_t queued = 0;
+    if (sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 && queued > 0) {
+        eventfd_write(wake_fd, 1); // fails only when it is raised already
+    }
+}
+
+static sdr_store &store()
+{
+    return *sdr_records.load(std::memory_order_relaxed);
+}
+
+static bool is_own(const char *client)
+{
+    return own_name != nullptr && strcmp(client, own_name) == 0;
+}
+
+/** Read a byte array of exactly this length, or null. */
+static const uint8_t *read_exactly(sd_bus_message *signal, size_t length)
+{
+    const void *bytes = nullptr;
+    size_t count = 0;
+    const bool read = sd_bus_message_read_array(signal, 'y', &bytes, &count) >= 0 && count == length;
+    return read ? static_cast<const uint8_t *>(bytes) : nullptr;
+}
+
+// The handlers. A signal that cannot be read, or is for a record that is not stored, leaves no trace.
+
+static int on_record_added(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    if (sd_bus_message_read(signal, "s", &client) < 0) {
+        return 0;
+    }
+    const uint8_t *sdr = read_exactly(signal, BDBUS_SDR_BYTES);
+    if (sdr != nullptr && !is_own(client)) {
+        store().insert(static_cast<uint16_t>(sdr[0] | sdr[1] << 8), sdr, 0); // without memory it is not stored
+    }
+    return 0;
+}
+
+static int on_record_deleted(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    uint16_t id = 0;
+    if (sd_bus_message_read(signal, "sq", &client, &id) >= 0 && !is_own(client)) {
+        store().remove(id);
+    }
+    return 0;
+}
+
+/** EventSet and EventStatusSet: one field of the record takes the three values. */
+template <bdbus_sdr_event bdbus_sdr_record::*Field>
+static int on_event(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    uint16_t id = 0;
+    bdbus_sdr_event event = {};
+    if (sd_bus_message_read(signal, "sqyqq", &client, &id, &event.flags, &event.assertion_mask,
+                            &event.deassertion_mask) >= 0 &&
+        !is_own(client)) {
+        store().update(id, [&event](bdbus_sdr_record &record) {
+            record.*Field = event;
+            return true;
+        });
+    }
+    return 0;
+}
+
+static int on_hysteresis(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    uint16_t id = 0;
+    bdbus_sdr_hysteresis hysteresis = {};
+    if (sd_bus_message_read(signal, "sqyy", &client, &id, &hysteresis.positive, &hysteresis.negative) >= 0 &&
+        !is_own(client)) {
+        store().update(id, [&hysteresis](bdbus_sdr_record &record) {
+            record.hysteresis = hysteresis;
+            return true;
+        });
+    }
+    return 0;
+}
+
+static int on_reading(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    uint16_t id = 0;
+    uint8_t reading = 0;
+    if (sd_bus_message_read(signal, "sqy", &client, &id, &reading) < 0) {
+        return 0;
+    }
+    if (!is_own(client)) {
+        store().update(id, [reading](bdbus_sdr_record &record) {
+            record.reading = reading;
+            return true;
+        });
+    }
+    read_record = store().find(id);
+    return 0;
+}
+
+static int on_thresholds(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    const char *client = nullptr;
+    uint16_t id = 0;
+    if (sd_bus_message_read(signal, "sq", &client, &id) < 0) {
+        return 0;
+    }
+    const uint8_t *bytes = read_exactly(signal, sizeof(bdbus_sdr_thresholds));
+    if (bytes != nullptr && !is_own(client)) {
+        store().update(id, [bytes](bdbus_sdr_record &record) {
+            memcpy(&record.thresholds, bytes, sizeof(record.thresholds));
+            return true;
+        });
+    }
+    return 0;
+}
+
+static constexpr struct {
+    const char *member;
+    sd_bus_message_handler_t handler;
+} signals[] = {
+    {"RecordAdded", on_record_added},
+    {"RecordDeleted", on_record_deleted},
+    {"EventSet", on_event<&bdbus_sdr_record::event_enable>},
+    {"EventStatusSet", on_event<&bdbus_sdr_record::event_status>},
+    {"HysteresisSet", on_hysteresis},
+    {"ReadingSet", on_reading},
+    {"ThresholdSet", on_thresholds},
+};
+
+/** How long to wait for what. */
+struct wait_for {
+    int fd;
+    short events;
+    uint64_t until_us; // on the monotonic clock; 0: do not wait, UINT64_MAX: without end
+};
+
+static constexpr uint64_t us_per_s = 1'000'000;
+
+static uint64_t monotonic_us()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * us_per_s + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+/** Dispatch at most one message. The module lock is held. @return what to wait for before the next turn. */
+static wait_for dispatch_one()
+{
+    sd_bus *bus = sdr_module.bus;
+    const int processed = sd_bus_process(bus, nullptr);
+    if (processed > 0) {
+        return {.fd = -1, .events = 0, .until_us = 0};
+    }
+    if (processed < 0) {
+        // A connection that broke never comes back: there is nothing left to wait for. Other errors pass.
+        return {.fd = -1, .events = 0, .until_us = sd_bus_is_open(bus) > 0 ? monotonic_us() + us_per_s : UINT64_MAX};
+    }
+    wait_for wait = {.fd = sd_bus_get_fd(bus), .events = 0, .until_us = UINT64_MAX};
+    const int events = sd_bus_get_events(bus);
+    wait.events = static_cast<short>(events < 0 ? 0 : events);
+    sd_bus_get_timeout(bus, &wait.until_us); // leaves "without end" when it fails
+    return wait;
+}
+
+static void wait(const wait_for &what)
+{
+    pollfd fds[] = {{.fd = wake_fd, .events = POLLIN, .revents = 0},
+                    {.fd = what.fd, .events = what.events, .revents = 0}};
+    timespec limit = {};
+    if (what.until_us != UINT64_MAX) {
+        const uint64_t now = monotonic_us();
+        const uint64_t left = what.until_us > now ? what.until_us - now : 0;
+        limit = {.tv_sec = static_cast<time_t>(left / us_per_s), .tv_nsec = static_cast<long>(left % us_per_s * 1000)};
+    }
+    ppoll(fds, 2, what.until_us == UINT64_MAX ? nullptr : &limit, nullptr);
+    if (fds[0].revents != 0) {
+        eventfd_t raised = 0;
+        eventfd_read(wake_fd, &raised);
+    }
+}
+
+/** Hand the reading of the message just dispatched to the caller. No lock is held. */
+static void tell_reading()
+{
+    bdbus_sdr_record *record = read_record;
+    read_record = nullptr;
+    const auto callback = __atomic_load_n(&bdbus_sdr_set_reading_and_event_status_callback, __ATOMIC_ACQUIRE);
+    if (record != nullptr && callback != nullptr) {
+        callback(record);
+    }
+}
+
+static void *listen(void * /*argument*/)
+{
+    for (;;) {
+        wait_for next = {};
+        {
+            const mutex_guard guard(sdr_module.lock);
+            next = dispatch_one();
+        }
+        tell_reading();
+        if (next.until_us != 0) {
+            wait(next);
+        }
+    }
+    return nullptr;
+}
+
+/** Create the thread, with no signal of the process delivered to it. */
+static int create_thread()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread = {};
+    const int error = pthread_create(&thread, nullptr, listen, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return error;
+}
+
+int32_t sdr_listener_start()
+{
+    if (wake_fd < 0) {
+        wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (wake_fd < 0) {
+            return -errno;
+        }
+        sd_bus_get_unique_name(sdr_module.bus, &own_name);
+        for (const auto &[member, handler] : signals) {
+            match_signal(sdr_module.bus, sdr_service, member, handler);
+        }
+    }
+    return -create_thread();
+}
+
+} // namespace bdbus

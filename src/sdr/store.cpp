@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "sdr/store.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace bdbus
+{
+
+/** Reads that may be lost to a writer before a reader waits for it. */
+static constexpr int read_attempts = 64;
+
+void sdr_cell::load(bdbus_sdr_record &out) const
+{
+    auto *bytes = reinterpret_cast<unsigned char *>(&out);
+#pragma GCC unroll 32
+    for (std::size_t i = 0; i < count; i++) {
+        const uintptr_t value = words[i].load(std::memory_order_relaxed);
+        memcpy(bytes + i * sizeof(value), &value, sizeof(value));
+    }
+}
+
+void sdr_cell::store(const bdbus_sdr_record &record)
+{
+    const auto *bytes = reinterpret_cast<const unsigned char *>(&record);
+#pragma GCC unroll 32
+    for (std::size_t i = 0; i < count; i++) {
+        uintptr_t value = 0;
+        memcpy(&value, bytes + i * sizeof(value), sizeof(value));
+        words[i].store(value, std::memory_order_relaxed);
+    }
+}
+
+sdr_store *sdr_store::create()
+{
+    auto *store = static_cast<sdr_store *>(calloc(1, sizeof(sdr_store)));
+    if (store != nullptr) {
+        pthread_mutex_init(&store->lock_, nullptr);
+    }
+    return store;
+}
+
+bool sdr_store::read(uint16_t key, bdbus_sdr_record &out) const
+{
+    const sdr_slot &slot = slots_[key];
+    for (int attempt = 0; attempt < read_attempts; attempt++) {
+        const uint32_t before = slot.sequence.load(std::memory_order_acquire);
+        const sdr_cell *cell = slot.cell.load(std::memory_order_acquire);
+        if (cell == nullptr) {
+            return false;
+        }
+        if ((before & 1) != 0) {
+            continue;
+        }
+        cell->load(out);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (slot.sequence.load(std::memory_order_relaxed) == before) {
+            return true;
+        }
+    }
+    const mutex_guard guard(lock_);
+    const sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
+    if (cell != nullptr) {
+        cell->load(out);
+    }
+    return cell != nullptr;
+}
+
+bdbus_sdr_record *sdr_store::find(uint16_t key) const
+{
+    return reinterpret_cast<bdbus_sdr_record *>(slots_[key].cell.load(std::memory_order_acquire));
+}
+
+/** Have the slot hold this record in this cell, or nothing when the cell is null. */
+void sdr_store::write(sdr_slot &slot, sdr_cell *cell, const bdbus_sdr_record &record)
+{
+    const uint32_t sequence = slot.sequence.load(std::memory_order_relaxed);
+    slot.sequence.store(sequence + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    if (cell != nullptr) {
+        cell->store(record);
+    }
+    slot.cell.store(cell, std::memory_order_release);
+    slot.sequence.store(sequence + 2, std::memory_order_release);
+}
+
+sdr_cell *sdr_store::take_cell()
+{
+    sdr_cell *cell = free_cells_;
+    if (cell != nullptr) {
+        free_cells_ = reinterpret_cast<sdr_cell *>(cell->words[0].load(std::memory_order_relaxed));
+        return cell;
+    }
+    return static_cast<sdr_cell *>(malloc(sizeof(sdr_cell)));
+}
+
+static uint16_t little_endian(const uint8_t *bytes)
+{
+    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+}
+
+/** Fill a record from its SDR (IPMI 2.0, full sensor record); the numbers are offsets in it. */
+static void derive(bdbus_sdr_record &record, uint16_t key, const uint8_t *sdr)
+{
+    record.record_id = key;
+    memcpy(record.sdr, sdr, sizeof(record.sdr));
+    record.sdr[0] = static_cast<uint8_t>(key);
+    record.sdr[1] = static_cast<uint8_t>(key >> 8);
+    record.event_enable = {
+        .flags = static_cast<uint8_t>(sdr[10] << 6), // scanning and event generation at power-up become bits 6 and 7
+        .assertion_mask = little_endian(sdr + 14),
+        .deassertion_mask = little_endian(sdr + 16),
+    };
+    record.reading = sdr[31];
+    record.thresholds = {
+        .readable_mask = sdr[18],
+        .lower_noncritical = sdr[41],
+        .lower_critical = sdr[40],
+        .lower_nonrecoverable = sdr[39],
+        .upper_noncritical = sdr[38],
+        .upper_critical = sdr[37],
+        .upper_nonrecoverable = sdr[36],
+    };
+    record.hysteresis = {.positive = sdr[42], .negative = sdr[43]};
+}
+
+int32_t sdr_store::insert(uint16_t key, const uint8_t *sdr, uintptr_t context)
+{
+    const mutex_guard guard(lock_);
+    sdr_slot &slot = slots_[key];
+    sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
+    bdbus_sdr_record record = {};
+    if (cell != nullptr) {
+        cell->load(record);
+    } else {
+        cell = take_cell();
+        if (cell == nullptr) {
+            return -ENOMEM;
+        }
+    }
+    derive(record, key, sdr);
+    if (context != 0) {
+        record.context = context;
+    }
+    write(slot, cell, record);
+    return 0;
+}
+
+bool sdr_store::remove(uint16_t key)
+{
+    const mutex_guard guard(lock_);
+    sdr_slot &slot = slots_[key];
+    sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
+    if (cell == nullptr) {
+        return false;
+    }
+    write(slot, nullptr, {});
+    cell->words[0].store(reinterpret_cast<uintptr_t>(free_cells_), std::memory_order_relaxed);
+    free_cells_ = cell;
+    return true;
+}
+
+} // namespace bdbus
