@@ -44,6 +44,18 @@ static bool eventually(const std::function<bool()> &condition, milliseconds limi
     return true;
 }
 
+/** Assign the reading callback while the listener may read it. */
+static void set_callback(void (*callback)(bdbus_sdr_record *record))
+{
+    __atomic_store_n(&bdbus_sdr_set_reading_and_event_status_callback, callback, __ATOMIC_RELEASE);
+}
+
+/** The ID of a stored record that other threads may be writing. */
+static uint16_t id_of(const bdbus_sdr_record *record)
+{
+    return __atomic_load_n(&record->record_id, __ATOMIC_RELAXED);
+}
+
 static bool is_stored(uint16_t id)
 {
     uint8_t reading = 0;
@@ -195,7 +207,7 @@ protected:
 
     void TearDown() override
     {
-        bdbus_sdr_set_reading_and_event_status_callback = nullptr;
+        set_callback(nullptr);
         const stderr_capture said;
         bdbus_sdr_delete(id_);
     }
@@ -407,8 +419,8 @@ std::atomic<int> called_reading;
 
 void count_call(bdbus_sdr_record *record)
 {
-    called_with = record->record_id;
-    called_reading = record->reading;
+    called_with = id_of(record);
+    called_reading = __atomic_load_n(&record->reading, __ATOMIC_RELAXED);
     called++;
 }
 
@@ -416,8 +428,8 @@ void call_back(bdbus_sdr_record *record)
 {
     bdbus_sdr_record copy = {};
     const bdbus_sdr_event event = {static_cast<uint8_t>(called + 1), 1, 1};
-    EXPECT_EQ(bdbus_sdr_get(record->record_id, &copy), 0);
-    EXPECT_EQ(bdbus_sdr_event_status_set(record->record_id, &event), 0);
+    EXPECT_EQ(bdbus_sdr_get(id_of(record), &copy), 0);
+    EXPECT_EQ(bdbus_sdr_event_status_set(id_of(record), &event), 0);
     called++;
 }
 } // namespace
@@ -425,7 +437,7 @@ void call_back(bdbus_sdr_record *record)
 TEST_F(sdr, hands_every_reading_to_the_callback_once)
 {
     called = 0;
-    bdbus_sdr_set_reading_and_event_status_callback = count_call;
+    set_callback(count_call);
     announce("ReadingSet", "sqy", {id_, 55});
     ASSERT_TRUE(eventually([] { return called == 1; }));
     EXPECT_EQ(called_with, id_);
@@ -435,7 +447,7 @@ TEST_F(sdr, hands_every_reading_to_the_callback_once)
     EXPECT_EQ(called_reading, 56);
     announce("ReadingSet", "sqy", {unknown_id, 1});
     announce("HysteresisSet", "sqyy", {id_, 1, 1});
-    bdbus_sdr_set_reading_and_event_status_callback = call_back;
+    set_callback(call_back);
     announce("ReadingSet", "sqy", {id_, 57});
     ASSERT_TRUE(eventually([] { return called == 3; })) << "a callback may call the family back";
     EXPECT_TRUE(eventually([this] {
@@ -447,7 +459,7 @@ TEST_F(sdr, hands_every_reading_to_the_callback_once)
 TEST_F(sdr, misses_no_signal_that_came_in_with_a_reply)
 {
     called = 0;
-    bdbus_sdr_set_reading_and_event_status_callback = count_call;
+    set_callback(count_call);
     for (int i = 0; i < 300; i++) { // the service announces each reading right before it replies
         ASSERT_EQ(bdbus_sdr_reading_set(id_, static_cast<uint8_t>(i)), 0);
     }
@@ -483,9 +495,9 @@ TEST_F(sdr, stays_whole_in_a_storm)
     const char *seconds = getenv("BDBUS_STORM_SECONDS");
     const auto end = steady_clock::now() + milliseconds(seconds != nullptr ? atoi(seconds) * 1000 : 1000);
     const stderr_capture said; // of deletions that race
-    bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
-        is_stored(record->record_id);
-    };
+    set_callback([](bdbus_sdr_record *record) { is_stored(id_of(record)); });
+    const bdbus_sdr_thresholds even = {};
+    bdbus_sdr_threshold_set(id_, &even);
     std::atomic<int> torn = 0;
     std::atomic<long> reads = 0;
     std::vector<std::thread> threads;
@@ -510,8 +522,6 @@ TEST_F(sdr, stays_whole_in_a_storm)
             reads++;
         });
     }
-    const bdbus_sdr_thresholds even = {};
-    bdbus_sdr_threshold_set(id_, &even);
     run([this](int i) {
         const auto value = static_cast<uint8_t>(i);
         const bdbus_sdr_thresholds same = {value, value, value, value, value, value, value};
