@@ -165,7 +165,7 @@ TEST_F(agent_activation, polls_the_rollback_status_up_to_the_longer_limit)
     EXPECT_EQ(activate({.image_units = 1}), 0);
     EXPECT_EQ(take_sleeps(), std::vector<int64_t>(7, 1000));
     for (const json &call : simulator::calls("Upgrade1")) {
-        EXPECT_EQ(call["args"], json({0})) << "the identifier of a reply is never sent on";
+        EXPECT_EQ(call["args"], json::array({0})) << "the identifier of a reply is never sent on";
     }
 
     for (const auto &[target, image, expected] :

@@ -2,6 +2,7 @@
 #include "support/capture.hpp"
 
 #include <sys/mman.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -32,7 +33,7 @@ std::string stderr_capture::text() const
 static std::mutex log_mutex;
 static std::vector<log_entry> log_entries;
 
-static void log_message(int priority, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) static void log_message(int priority, const char *format, va_list arguments)
 {
     char text[1024];
     vsnprintf(text, sizeof(text), format, arguments);
@@ -48,7 +49,7 @@ extern "C" void syslog(int priority, const char *format, ...)
     va_end(arguments);
 }
 
-extern "C" void __syslog_chk(int priority, int /*flag*/, const char *format, ...)
+extern "C" __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
