@@ -14,9 +14,9 @@
 #include <cstring>
 #include <vector>
 
-static constexpr size_t header_bytes = 35;
-static constexpr size_t record_bytes = 34;
-static constexpr size_t digest_bytes = 16;
+static constexpr uint32_t header_bytes = 35;
+static constexpr uint32_t record_bytes = 34;
+static constexpr uint32_t digest_bytes = 16;
 
 static int fail(const char *what)
 {

@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 
 class lost_bus : public testing::Test
 {
@@ -38,19 +39,43 @@ protected:
         setenv("DBUS_SYSTEM_BUS_ADDRESS", std::string(line.data(), static_cast<size_t>(got) - 1).c_str(), 1);
     }
 
-    void TearDown() override { end_daemon(); }
-
-    void end_daemon()
+    void TearDown() override
     {
-        if (daemon_ > 0) {
-            kill(daemon_, SIGTERM);
-            waitpid(daemon_, nullptr, 0);
-            daemon_ = -1;
+        end(controller_);
+        end(daemon_);
+    }
+
+    void end_daemon() { end(daemon_); }
+
+    /** A simulated controller on this bus; it goes with the bus. */
+    void start_controller()
+    {
+        controller_ = fork();
+        if (controller_ == 0) {
+            dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+            execl(getenv("BDBUS_SIM"), "bdbus-sim", nullptr);
+            _exit(127);
         }
+        const stderr_capture said; // until it is there
+        int32_t count = 0;
+        for (int i = 0; i < 500 && bdbus_upgrade_component_count(&count) < 0; i++) {
+            usleep(20'000);
+        }
+        ASSERT_GT(count, 0);
     }
 
 private:
+    static void end(pid_t &child)
+    {
+        if (child > 0) {
+            kill(child, SIGTERM);
+            waitpid(child, nullptr, 0);
+            child = -1;
+        }
+    }
+
     pid_t daemon_ = -1;
+    pid_t controller_ = -1;
 };
 
 TEST_F(lost_bus, fails_every_later_call_with_its_line_and_blocks_nobody)
@@ -76,4 +101,37 @@ TEST_F(lost_bus, fails_every_later_call_with_its_line_and_blocks_nobody)
     const std::string text = said.text().substr(before);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;
     EXPECT_NE(text.find("Failed to connect to system bus: "), std::string::npos);
+}
+
+static double cpu_seconds()
+{
+    timespec used = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+// BDBUS_IDLE_SECONDS makes it look for longer.
+using lost_bus_sensors = lost_bus;
+
+TEST_F(lost_bus_sensors, stay_readable_and_the_listener_idle)
+{
+    start_controller();
+    ASSERT_EQ(bdbus_sdr_init(), 0);
+    bdbus_sdr_record record = {};
+    ASSERT_EQ(bdbus_sdr_get(1, &record), 0);
+    end_daemon();
+
+    const stderr_capture said;
+    const char *given = getenv("BDBUS_IDLE_SECONDS");
+    const int seconds = given != nullptr ? atoi(given) : 2;
+    usleep(200'000);
+    const double before = cpu_seconds();
+    usleep(static_cast<useconds_t>(seconds) * 1'000'000);
+    EXPECT_LT(cpu_seconds() - before, 0.01 * seconds);
+    EXPECT_LT(bdbus_sdr_reading_set(1, static_cast<uint8_t>(record.reading + 1)), 0);
+    bdbus_sdr_record after = {};
+    EXPECT_EQ(bdbus_sdr_get(1, &after), 0);
+    EXPECT_EQ(after.reading, static_cast<uint8_t>(record.reading + 1));
+    const std::string text = said.text();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
 }

@@ -464,6 +464,17 @@ TEST_F(sdr, misses_no_signal_that_came_in_with_a_reply)
         ASSERT_EQ(bdbus_sdr_reading_set(id_, static_cast<uint8_t>(i)), 0);
     }
     EXPECT_TRUE(eventually([] { return called == 300; }, milliseconds(500))) << called;
+    for (int i = 1; i <= 300; i++) { // another client's, with the reply to a call and nothing after it
+        const auto value = static_cast<uint8_t>(i);
+        fault("SetHysteresis",
+              {{"signal", {{"member", "ReadingSet"}, {"signature", "sqy"}, {"args", {":9.99", id_, value}}}}});
+        const bdbus_sdr_hysteresis changed = {value, static_cast<uint8_t>(i >> 8)};
+        ASSERT_EQ(bdbus_sdr_hysteresis_set(id_, &changed), 0);
+        uint8_t reading = 0;
+        ASSERT_TRUE(eventually([&] { return bdbus_sdr_reading_get(id_, &reading) == 0 && reading == value; },
+                               milliseconds(1000)))
+            << i;
+    }
 }
 
 TEST_F(sdr, answers_getters_while_a_call_hangs_and_while_the_service_is_away)
@@ -495,7 +506,9 @@ TEST_F(sdr, stays_whole_in_a_storm)
     const char *seconds = getenv("BDBUS_STORM_SECONDS");
     const auto end = steady_clock::now() + milliseconds(seconds != nullptr ? atoi(seconds) * 1000 : 1000);
     const stderr_capture said; // of deletions that race
-    set_callback([](bdbus_sdr_record *record) { is_stored(id_of(record)); });
+    const auto look_back = [](bdbus_sdr_record *record) {
+        is_stored(id_of(record));
+    };
     const bdbus_sdr_thresholds even = {};
     bdbus_sdr_threshold_set(id_, &even);
     std::atomic<int> torn = 0;
@@ -532,6 +545,10 @@ TEST_F(sdr, stays_whole_in_a_storm)
         if (bdbus_sdr_add(sensor(1).data(), 64, &id, 1) == 0) {
             bdbus_sdr_delete(id);
         }
+    });
+    run([&](int i) { // a callback that comes and goes
+        set_callback(i % 3 == 0 ? nullptr : i % 3 == 1 ? count_call : +look_back);
+        std::this_thread::yield();
     });
     run([this](int i) {
         announce(i % 2 == 0 ? "RecordAdded" : "RecordDeleted", i % 2 == 0 ? "say" : "sq",

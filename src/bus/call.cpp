@@ -9,8 +9,8 @@ namespace bdbus
 call_frame::~call_frame()
 {
     sd_bus_error_free(&error_);
-    sd_bus_message_unref(reply_);
     sd_bus_message_unref(request_);
+    sd_bus_message_unref(reply_);
 }
 
 void call_frame::settle(int result, const char *text)
@@ -67,14 +67,20 @@ void call_frame::send(uint64_t timeout_us)
     }
 }
 
+const void *call_frame::read_array(size_t &count)
+{
+    const void *bytes = nullptr;
+    count = 0;
+    if (!failed()) {
+        settle(sd_bus_message_read_array(reply_, 'y', &bytes, &count), texts_.array);
+    }
+    return bytes;
+}
+
 int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
 {
-    if (failed()) {
-        return result_;
-    }
-    const void *bytes = nullptr;
     size_t count = 0;
-    settle(sd_bus_message_read_array(reply_, 'y', &bytes, &count), texts_.array);
+    const void *bytes = read_array(count);
     if (failed()) {
         return result_;
     }
@@ -86,6 +92,13 @@ int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
         *length = static_cast<uint32_t>(count);
     }
     return result_;
+}
+
+const uint8_t *call_frame::read_exactly(uint32_t length)
+{
+    size_t count = 0;
+    const void *bytes = read_array(count);
+    return !failed() && count == length ? static_cast<const uint8_t *>(bytes) : nullptr;
 }
 
 void call_frame::get_property(const char *name, const char *type)

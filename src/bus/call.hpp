@@ -77,6 +77,9 @@ public:
      */
     int32_t read_bytes(uint8_t *out, uint32_t room, uint32_t *length = nullptr);
 
+    /** Read a byte array of the reply that must have this length. @return its bytes, the reply's own, or null. */
+    const uint8_t *read_exactly(uint32_t length);
+
     /** Ask for an array property; read_bytes() follows. */
     void get_property(const char *name, const char *type);
 
@@ -94,6 +97,7 @@ public:
     }
 
 private:
+    const void *read_array(size_t &count);
     void settle(int result, const char *text);
     void issued(int result);
     void got_property(int result, const char *name);

@@ -96,17 +96,12 @@ static int32_t sdr_fetch(uint16_t id, sdr_store &store, uint16_t &key)
         return call.result();
     }
     uint8_t status = 0;
-    if (call.read<"y">(&status) < 0 || status != 0) {
+    uint16_t next = no_more_records;
+    if (call.read<"yq">(&status, &next) < 0 || status != 0) {
         return -EINVAL;
     }
-    uint16_t next = no_more_records;
-    uint8_t sdr[BDBUS_SDR_BYTES];
-    uint32_t length = 0;
-    call.read<"q">(&next);
-    if (call.read_bytes(sdr, sizeof(sdr), &length) < 0) {
-        return call.result();
-    }
-    if (length != sizeof(sdr)) {
+    const uint8_t *sdr = call.read_exactly(BDBUS_SDR_BYTES);
+    if (sdr == nullptr) {
         return -EINVAL;
     }
     key = static_cast<uint16_t>(sdr[0] | sdr[1] << 8);
@@ -128,17 +123,24 @@ private:
 /** Read the repository, until its end, a record that cannot be read, or an ID that comes again. */
 static void sdr_fetch_all(sdr_store &store)
 {
+    static constexpr int calls_in_a_row = 256;
     id_set seen;
     uint16_t id = first_record;
-    while (id != no_more_records && !seen.has(id)) {
-        seen.add(id);
-        uint16_t key = id;
-        const int32_t next = sdr_fetch(id, store, key);
-        if (next < 0) {
-            return;
+    for (;;) {
+        const listener_pause pause;
+        for (int i = 0; i < calls_in_a_row; i++) {
+            if (id == no_more_records || seen.has(id)) {
+                return;
+            }
+            seen.add(id);
+            uint16_t key = id;
+            const int32_t next = sdr_fetch(id, store, key);
+            if (next < 0) {
+                return;
+            }
+            seen.add(key);
+            id = static_cast<uint16_t>(next);
         }
-        seen.add(key);
-        id = static_cast<uint16_t>(next);
     }
 }
 
@@ -184,12 +186,7 @@ int32_t bdbus_sdr_init(void)
 int32_t bdbus_sdr_get(uint16_t record_id, bdbus_sdr_record *out)
 {
     const bdbus::sdr_store *store = bdbus::sdr_records.load(std::memory_order_acquire);
-    bdbus_sdr_record record;
-    if (out == nullptr || store == nullptr || !store->read(record_id, record)) {
-        return -EINVAL;
-    }
-    *out = record;
-    return 0;
+    return out != nullptr && store != nullptr && store->read(record_id, *out) ? 0 : -EINVAL;
 }
 
 int32_t bdbus_sdr_event_get(uint16_t record_id, bdbus_sdr_event *out)

@@ -30,6 +30,19 @@ void sdr_wake_listener();
  * number. */
 int32_t sdr_listener_start();
 
+/**
+ * Many calls in a row: the listener does not wake for each reply of a connection that its caller is reading anyway.
+ * What the calls leave in the queue is dispatched as ever.
+ */
+class listener_pause
+{
+public:
+    listener_pause();
+    ~listener_pause();
+    listener_pause(const listener_pause &) = delete;
+    listener_pause &operator=(const listener_pause &) = delete;
+};
+
 /** The connection, held for one call, its reply's handling included. */
 class sdr_hold
 {

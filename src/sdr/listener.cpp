@@ -21,6 +21,7 @@ namespace bdbus
 
 static constinit const char *own_name = nullptr; // unknown: every change counts as another client's
 static constinit int wake_fd = -1;
+static constinit std::atomic<bool> paused{false};
 
 /** The record whose reading the message in dispatch announced; the listener's own. */
 static constinit bdbus_sdr_record *read_record = nullptr;
@@ -28,9 +29,21 @@ static constinit bdbus_sdr_record *read_record = nullptr;
 void sdr_wake_listener()
 {
     uint64_t queued = 0;
-    if (sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 && queued > 0) {
+    if (!paused.load(std::memory_order_relaxed) && sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 &&
+        queued > 0) {
         eventfd_write(wake_fd, 1); // fails only when it is raised already
     }
+}
+
+listener_pause::listener_pause()
+{
+    paused.store(true, std::memory_order_relaxed);
+}
+
+listener_pause::~listener_pause()
+{
+    paused.store(false, std::memory_order_relaxed);
+    eventfd_write(wake_fd, 1);
 }
 
 static sdr_store &store()
@@ -196,7 +209,7 @@ static wait_for dispatch_one()
 static void wait(const wait_for &what)
 {
     pollfd fds[] = {{.fd = wake_fd, .events = POLLIN, .revents = 0},
-                    {.fd = what.fd, .events = what.events, .revents = 0}};
+                    {.fd = paused.load(std::memory_order_relaxed) ? -1 : what.fd, .events = what.events, .revents = 0}};
     timespec limit = {};
     if (what.until_us != UINT64_MAX) {
         const uint64_t now = monotonic_us();

@@ -10,15 +10,11 @@ namespace bdbus
 /** Reads that may be lost to a writer before a reader waits for it. */
 static constexpr int read_attempts = 64;
 
-void sdr_cell::load(bdbus_sdr_record &out) const
-{
-    auto *bytes = reinterpret_cast<unsigned char *>(&out);
-#pragma GCC unroll 32
-    for (std::size_t i = 0; i < count; i++) {
-        const uintptr_t value = words[i].load(std::memory_order_relaxed);
-        memcpy(bytes + i * sizeof(value), &value, sizeof(value));
-    }
-}
+/**
+ * Cells that are allocated together: so many that the allocator maps them apart from its heap, where single ones among
+ * the bus's messages would leave holes that every later message is fitted around. Pages are touched as they are used.
+ */
+static constexpr uint32_t cells_at_once = 2048;
 
 void sdr_cell::store(const bdbus_sdr_record &record)
 {
@@ -40,28 +36,18 @@ sdr_store *sdr_store::create()
     return store;
 }
 
-bool sdr_store::read(uint16_t key, bdbus_sdr_record &out) const
+bool sdr_store::read_again(const sdr_slot &slot, bdbus_sdr_record &out) const
 {
-    const sdr_slot &slot = slots_[key];
     for (int attempt = 0; attempt < read_attempts; attempt++) {
-        const uint32_t before = slot.sequence.load(std::memory_order_acquire);
-        const sdr_cell *cell = slot.cell.load(std::memory_order_acquire);
-        if (cell == nullptr) {
-            return false;
-        }
-        if ((before & 1) != 0) {
-            continue;
-        }
-        cell->load(out);
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (slot.sequence.load(std::memory_order_relaxed) == before) {
-            return true;
+        const outcome next = try_read(slot, out);
+        if (next != outcome::lost) {
+            return next == outcome::copied;
         }
     }
     const mutex_guard guard(lock_);
     const sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
     if (cell != nullptr) {
-        cell->load(out);
+        cell->load().put(out);
     }
     return cell != nullptr;
 }
@@ -91,7 +77,14 @@ sdr_cell *sdr_store::take_cell()
         free_cells_ = reinterpret_cast<sdr_cell *>(cell->words[0].load(std::memory_order_relaxed));
         return cell;
     }
-    return static_cast<sdr_cell *>(malloc(sizeof(sdr_cell)));
+    if (unused_count_ == 0) {
+        unused_cells_ = static_cast<sdr_cell *>(malloc(cells_at_once * sizeof(sdr_cell)));
+        if (unused_cells_ == nullptr) {
+            return nullptr;
+        }
+        unused_count_ = cells_at_once;
+    }
+    return &unused_cells_[--unused_count_];
 }
 
 static uint16_t little_endian(const uint8_t *bytes)
@@ -131,7 +124,7 @@ int32_t sdr_store::insert(uint16_t key, const uint8_t *sdr, uintptr_t context)
     sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
     bdbus_sdr_record record = {};
     if (cell != nullptr) {
-        cell->load(record);
+        cell->load().put(record);
     } else {
         cell = take_cell();
         if (cell == nullptr) {

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 namespace bdbus
 {
@@ -23,12 +24,28 @@ namespace bdbus
 struct sdr_cell {
     using word = std::atomic<uintptr_t>;
     static constexpr std::size_t count = sizeof(bdbus_sdr_record) / sizeof(word);
-    static_assert(count * sizeof(word) == sizeof(bdbus_sdr_record) && word::is_always_lock_free);
+    static_assert(count * sizeof(word) == sizeof(bdbus_sdr_record) && count % 2 == 0 && word::is_always_lock_free);
 
     word words[count];
 
-    void load(bdbus_sdr_record &out) const;
+    /** A copy of the words that a compiler can keep in registers. */
+    struct copy {
+        using pair = uintptr_t __attribute__((vector_size(2 * sizeof(uintptr_t))));
+        pair pairs[count / 2];
+
+        void put(bdbus_sdr_record &out) const { memcpy(&out, pairs, sizeof(out)); }
+    };
+    [[nodiscard]] copy load() const { return load(std::make_index_sequence<count / 2>()); }
+
     void store(const bdbus_sdr_record &record);
+
+private:
+    template <std::size_t... I>
+    [[nodiscard]] copy load(std::index_sequence<I...> /*pairs*/) const
+    {
+        return {{copy::pair{words[2 * I].load(std::memory_order_relaxed),
+                            words[2 * I + 1].load(std::memory_order_relaxed)}...}};
+    }
 };
 
 struct sdr_slot {
@@ -42,8 +59,12 @@ public:
     /** An empty store, or null without memory. It lives to the end of the process. */
     static sdr_store *create();
 
-    /** Copy a record out. @return whether the ID is stored. */
-    bool read(uint16_t key, bdbus_sdr_record &out) const;
+    /** Copy a record out; `out` is written when there is one. @return whether the ID is stored. */
+    bool read(uint16_t key, bdbus_sdr_record &out) const
+    {
+        const outcome first = try_read(slots_[key], out);
+        return first == outcome::lost ? read_again(slots_[key], out) : first == outcome::copied;
+    }
 
     /** The stored record itself, for the reading callback; null when the ID is not stored. */
     [[nodiscard]] bdbus_sdr_record *find(uint16_t key) const;
@@ -62,7 +83,7 @@ public:
             return false;
         }
         bdbus_sdr_record record;
-        cell->load(record);
+        cell->load().put(record);
         if (change(record)) {
             write(slots_[key], cell, record);
         }
@@ -76,12 +97,33 @@ public:
     bool remove(uint16_t key);
 
 private:
+    enum class outcome : uint8_t { absent, copied, lost };
+
+    static outcome try_read(const sdr_slot &slot, bdbus_sdr_record &out)
+    {
+        const uint32_t before = slot.sequence.load(std::memory_order_acquire);
+        const sdr_cell *cell = slot.cell.load(std::memory_order_acquire);
+        if (cell == nullptr) {
+            return outcome::absent;
+        }
+        const sdr_cell::copy copy = cell->load();
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if ((before & 1) != 0 || slot.sequence.load(std::memory_order_relaxed) != before) {
+            return outcome::lost;
+        }
+        copy.put(out);
+        return outcome::copied;
+    }
+
+    bool read_again(const sdr_slot &slot, bdbus_sdr_record &out) const;
     static void write(sdr_slot &slot, sdr_cell *cell, const bdbus_sdr_record &record);
     sdr_cell *take_cell();
 
     mutable pthread_mutex_t lock_;
     sdr_slot slots_[0x10000];
     sdr_cell *free_cells_; // each one's first word points to the next
+    sdr_cell *unused_cells_;
+    uint32_t unused_count_;
 };
 
 } // namespace bdbus

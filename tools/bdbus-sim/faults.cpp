@@ -49,6 +49,22 @@ reply read_reply(const json &object)
     return instead;
 }
 
+announcement read_signal(const json &object)
+{
+    object_reader description(object, "fault: \"signal\"", {"member", "signature", "args", "interface", "path"});
+    announcement signal{description.text("member"), description.text("signature"),
+                        description.value("args", json::array()), description.text("interface"),
+                        description.text("path")};
+    if (sd_bus_member_name_is_valid(signal.member.c_str()) <= 0)
+        description.refuse("\"member\" must be the name of a signal");
+    if (!signal.interface.empty() && sd_bus_interface_name_is_valid(signal.interface.c_str()) <= 0)
+        description.refuse("\"interface\" must be the name of an interface");
+    if (!signal.path.empty() && sd_bus_object_path_is_valid(signal.path.c_str()) <= 0)
+        description.refuse("\"path\" must be an object path");
+    check_values(signal.signature, signal.args);
+    return signal;
+}
+
 void check_action(const object_reader &description)
 {
     int given = description.flag("no_reply") + description.flag("die");
@@ -56,7 +72,7 @@ void check_action(const object_reader &description)
         given += description.has(action);
     if (given > 1)
         refuse("more than one action");
-    if (given == 0 && !description.has("delay_ms"))
+    if (given == 0 && !description.has("delay_ms") && !description.has("signal"))
         refuse("no action");
     if (description.has("carry_out") && !description.has("completion_code"))
         refuse("\"carry_out\" goes with \"completion_code\"");
@@ -77,6 +93,8 @@ void read_action(fault &fault, const object_reader &description)
     fault.die = description.flag("die");
     if (description.has("return_after_ms"))
         fault.return_after = duration(description, "return_after_ms");
+    if (description.has("signal"))
+        fault.signal = read_signal(description.value("signal", {}));
     if (description.has("error"))
         fault.error = read_error(description.value("error", {}));
     if (description.has("reply"))
@@ -88,7 +106,7 @@ fault read_fault(const json &object)
     object_reader description(object, "fault",
                               {"service", "member", "interface", "kind", "skip", "count", "error", "no_reply", "reply",
                                "truncate", "oversize", "completion_code", "carry_out", "die", "return_after_ms",
-                               "delay_ms"});
+                               "delay_ms", "signal"});
     fault fault;
     fault.service = description.text("service");
     fault.kind = description.text("kind");

@@ -21,6 +21,15 @@ struct reply {
     json values = json::array();
 };
 
+// What a service says by itself; an empty interface or path is the service's own.
+struct announcement {
+    std::string member;
+    std::string signature;
+    json args = json::array();
+    std::string interface;
+    std::string path;
+};
+
 struct fault {
     std::string service{};
     std::string kind{};
@@ -32,6 +41,7 @@ struct fault {
     size_t bytes = 0;               // of its description
 
     std::chrono::milliseconds delay{};
+    std::optional<announcement> signal{};
     std::optional<dbus_error> error{};
     bool no_reply = false;
     std::optional<reply> instead{};
@@ -43,7 +53,8 @@ struct fault {
     std::optional<std::chrono::milliseconds> return_after{};
 
     // The reply to give in place of the one that `normal` makes; `normal` is only called when the call is to be carried
-    // out. Throws the fault's error. `no_reply`, `delay` and `die` are the service's to carry out.
+    // out. Throws the fault's error. `no_reply`, `delay`, `signal` and `die` are the service's to carry
+    // out.
     reply apply(const std::string &normal_signature, const std::function<reply()> &normal) const;
 };
 

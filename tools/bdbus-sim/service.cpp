@@ -278,21 +278,24 @@ std::string service::unique_name() const
     return text_or_empty(name);
 }
 
+void service::announce(const announcement &signal)
+{
+    const std::string &interface = signal.interface.empty() ? bus_name_ : signal.interface;
+    const std::string &path = signal.path.empty() ? path_ : signal.path;
+    sd_bus_message *raw = nullptr;
+    check(sd_bus_message_new_signal(bus_.get(), &raw, path.c_str(), interface.c_str(), signal.member.c_str()),
+          "signal " + path + " " + interface + " " + signal.member);
+    message_ptr message(raw);
+    encode(raw, signal.signature, signal.args);
+    check(sd_bus_send(bus_.get(), raw, nullptr), "signal");
+}
+
 void service::emit(const std::string &member, const std::string &signature, const json &args, std::string interface,
                    std::string path)
 {
     if (!running())
         return;
-    if (interface.empty())
-        interface = bus_name_;
-    if (path.empty())
-        path = path_;
-    sd_bus_message *raw = nullptr;
-    check(sd_bus_message_new_signal(bus_.get(), &raw, path.c_str(), interface.c_str(), member.c_str()),
-          "signal " + path + " " + interface + " " + member);
-    message_ptr message(raw);
-    encode(raw, signature, args);
-    check(sd_bus_send(bus_.get(), raw, nullptr), "signal");
+    announce({member, signature, args, std::move(interface), std::move(path)});
 
     // The services' connections are not in step with one another. An answer of the bus says that it has passed the
     // signal on, so whatever is sent after it, on whichever connection, comes after it.
@@ -366,9 +369,11 @@ void service::answer(sd_bus_message *message, const call &what, const fault &dis
 {
     if (disturbance.die)
         return die(disturbance);
-    if (disturbance.no_reply)
-        return;
     try {
+        if (disturbance.signal)
+            announce(*disturbance.signal);
+        if (disturbance.no_reply)
+            return;
         const method *method = find_method(what.member);
         send(message, what, disturbance.apply(method == nullptr ? "" : method->out, [&] { return carry_out(what); }));
     } catch (const dbus_error &error) {

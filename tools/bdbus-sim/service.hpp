@@ -136,6 +136,7 @@ private:
     void record(const call &what);
     void delay(sd_bus_message *message, call what, fault disturbance);
 
+    void announce(const announcement &signal);
     void answer(sd_bus_message *message, const call &what, const fault &disturbance);
     void die(const fault &disturbance);
     reply carry_out(const call &what);
