@@ -48,7 +48,7 @@ _bdbusctl()
         'hpm1 properties')
             words='general current-version description rollback-version deferred-version'
             ;;
-        'upgrade run' | 'image info' | 'image verify')
+        'upgrade run' | 'image info' | 'image verify' | 'sdr add')
             compopt -o default
             ;;
         esac

@@ -44,6 +44,16 @@ def hand_made_image(components, device=32):
     return image + hashlib.md5(image).digest()
 
 
+def hand_made_sensor(reading, name=b'\xc5a\xe9b\x1bc', m=1, b=0, exponents=0, units=0, linearization=0, record_type=1):
+    """A full sensor record from the standard's field table; `name` begins with its type and length."""
+    sdr = bytearray(64)
+    sdr[2:4] = 0x51, record_type
+    sdr[10], sdr[12], sdr[13], sdr[20], sdr[21] = 3, 2, 1, units, 4  # scanned voltage in V, threshold events
+    sdr[23], sdr[24], sdr[25], sdr[26], sdr[27] = linearization, m & 0xFF, m >> 2 & 0xC0, b & 0xFF, b >> 2 & 0xC0
+    sdr[29], sdr[31], sdr[47:47 + len(name)] = exponents, reading, name
+    return bytes(sdr[:64])
+
+
 class Tools(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
@@ -150,7 +160,8 @@ class Tools(unittest.TestCase):
 
     def test_json_is_always_valid_and_no_bus_is_status_3(self):
         for words in ('config list', 'config get Firmware.Major', 'upgrade versions', 'upgrade status', 'hpm1 capabilities',
-                      'hpm1 components', 'hpm1 status', 'hpm1 self-test', 'hpm1 rollback-status', 'hpm1 properties 1'):
+                      'hpm1 components', 'hpm1 status', 'hpm1 self-test', 'hpm1 rollback-status', 'hpm1 properties 1',
+                      'sdr list', 'sdr show 0x1', 'sel list', 'sel info', 'sel alloc'):
             done = on_controller('for style in short pretty; do $ctl --json=$style $1 || exit; done', words)
             self.assert_status(done, 0)
             first, second = done.stdout.split('\n', 1)
@@ -162,8 +173,119 @@ class Tools(unittest.TestCase):
 
     def test_usage_errors_are_status_2_and_say_so(self):
         for words in ((), ('nothing',), ('config', 'get'), ('config', 'set', 'Generic_Index', 'x', '-y'), ('hpm1', 'properties', '256'),
-                      ('bypass', 'global-reset', '256', '-y'), ('--json=xml', 'config', 'list')):
+                      ('bypass', 'global-reset', '256', '-y'), ('--json=xml', 'config', 'list'), ('sdr', 'show', '65536'), ('sdr', 'set-thresholds', '1'), ('sdr', 'set-event', '1'),
+                      ('sdr', 'watch', '--count', '0'), ('sel', 'add'), ('sel', 'add', '00'), ('sel', 'add', '--sensor-type', '1', '0' * 32)):
             self.assert_status(run(CTL, *words, env=NO_BUS), 2)
+
+    def test_sensors_are_decoded_whatever_their_records_hold(self):
+        records = {  # reading and unit, or None and the text of the raw one; then the name
+            hand_made_sensor(119, m=8, exponents=0xD0): (0.952, 'V', 'aéb?c'),
+            hand_made_sensor(2, m=-300, b=5, exponents=0xF2): (-10, 'V', 'aéb?c'),
+            hand_made_sensor(5, m=1, b=-512, exponents=0x1E): (-1.2, 'V', 'aéb?c'),
+            hand_made_sensor(0xF0, units=0x80, m=2): (-32, 'V', 'aéb?c'),
+            hand_made_sensor(0xF0, units=0x40): (-15, 'V', 'aéb?c'),
+            hand_made_sensor(50, units=0x01): (50, '% V', 'aéb?c'),
+            hand_made_sensor(7, units=0x18): (7, 'V/s', 'aéb?c'),
+            hand_made_sensor(4, linearization=7): (0.25, 'V', 'aéb?c'),
+            hand_made_sensor(16, linearization=10): (4, 'V', 'aéb?c'),
+            hand_made_sensor(0, linearization=7): (None, 'V', 'aéb?c'),  # 1/0
+            hand_made_sensor(9, linearization=0x70): (None, 'V', 'aéb?c'),
+            hand_made_sensor(9, units=0xC0): (None, 'V', 'aéb?c'),
+            hand_made_sensor(9, record_type=0xC0): (None, None, ''),
+            hand_made_sensor(1, name=b'\x84\x29\xdc\xa6'): (1, 'V', 'IPMI'),
+            hand_made_sensor(1, name=b'\x46\x12\xab\xc9'): (1, 'V', '12 -.9'),
+            hand_made_sensor(1, name=b'\xdf' + b'x' * 40): (1, 'V', 'x' * 16),
+            hand_made_sensor(1, name=b'\x9f' + b'\xff' * 40): (1, 'V', '_' * 21),
+            b'\xff' * 64: (None, None, ''),
+        }
+        paths = [self.file(f'{index}.sdr', sdr) for index, sdr in enumerate(records)]
+        done = on_controller('''for file; do $ctl -j sdr add "$file" || exit; done; $ctl -j sdr list
+                             $ctl -j sdr show 130 && $ctl -j sdr show 135 && $ctl sdr show 135 && $ctl sdr list''', *paths)
+        self.assert_status(done, 0)
+        *added, listed, other, nonsense = [json.loads(line) for line in done.stdout.splitlines()[:len(paths) + 3]]
+        shown = {row['id']: row for row in listed}
+        self.assertEqual(len(shown), 117 + len(paths))
+        for (sdr, expected), answer in zip(records.items(), added):
+            row = shown[answer['id']]
+            self.assertEqual((row['reading'], row['unit'], row['name']), expected, sdr.hex())
+            self.assertEqual(row['reading_raw'], sdr[31])
+        self.assertEqual((other['record_type'], nonsense['sdr_hex']), (0xC0, '8700' + 'ff' * 62))
+        self.assertFalse(set(done.stdout) & set(map(chr, [*range(10), *range(11, 32), *range(0x7F, 0xA0)])))
+        self.assertIn('54 +12V voltage 12.06 V 11.40 11.04 10.80 12.60 12.96 13.20 ok', ' '.join(done.stdout.split()))
+        for wrong in (b'', b'x' * 63, b'x' * 65):
+            done = run(CTL, 'sdr', 'add', '-', input=wrong.decode(), env=NO_BUS)
+            self.assert_status(done, 1, '64 bytes')
+
+    def test_a_sensor_is_changed(self):
+        def last_call(words, member):
+            done = on_controller('$ctl -j --yes $1 | tail -1 && $sim calls SensorDataRepository1', 'sdr ' + words)
+            self.assert_status(done, 0)
+            shown, calls = done.stdout.split('\n', 1)
+            return json.loads(shown), [call['args'] for call in json.loads(calls) if call['member'] == member]
+        for words, member, args, field, value in (
+                ('set-reading 1 44.4', 'SetReading', [1, 84], 'state', 'upper critical'),
+                ('set-reading 1 -10', 'SetReading', [1, 30], 'state', 'lower non-recoverable'),
+                ('set-reading 1 --raw 0x51', 'SetReading', [1, 0x51], 'reading', 41),
+                ('set-hysteresis 54 0.12 0.06', 'SetHysteresis', [54, 2, 1], 'hysteresis_positive', 0.12),
+                ('set-event 1 --flags 0', 'SetEvent', [1, 0, 0x7A95, 0x7A95], 'enable_flags', 0),
+                ('set-event 1 --status --assertions 0x80', 'SetEventStatus', [1, 0, 0x80, 0], 'status_assertions_names',
+                 ['upper non-critical going high']),
+                ('delete 1', 'DeleteSdr', [1], 'name', 'Inlet Temp')):
+            shown, calls = last_call(words, member)
+            self.assertEqual((calls, shown[field]), ([args], value), words)
+        shown, calls = last_call('set-thresholds 3 --upper-critical 86 --lower-noncritical 4', 'SetThresholds')
+        self.assertEqual((shown['lower_noncritical'], shown['upper_critical'], shown['lower_critical']), (4, 86, None))
+        self.assertEqual(calls[0][1]['hex'], '390400005056' + '5a')
+        for words, status, said in (('sdr show 999', 1, 'no such sensor'), ('sdr set-reading 1 216', 2, 'VALUE: '),
+                                    ('sdr delete 1', 2, '--yes')):
+            self.assert_status(on_controller('$ctl $1', words), status, said)
+        fault = '{"service":"SensorDataRepository1","member":"GetSdr","skip":2,"error":{"name":"com.brisemont.Busy","message":"busy"}}'
+        done = on_controller('$sim fault "$1"; $ctl -j sdr list', fault)
+        self.assert_status(done, 1, 'busy')
+        self.assertEqual([row['id'] for row in json.loads(done.stdout)['sensors']], [1, 2])
+
+    def test_watching_shows_readings_and_notices_until_told_to_end(self):
+        done = on_controller('''$sim set '{"sdr":{"moving_ms":20}}'; $ctl --json=pretty sdr watch --count 3
+            $ctl sdr watch >"$1" & until [ -s "$1" ]; do sleep 0.02; done; kill -TERM $!; wait $! || exit
+            $ctl -j sel watch --count 3 & watch=$!; $sim set '{"sel":{"capacity":2}}'
+            while kill -0 $watch 2>/dev/null; do
+                $ctl -y sel clear; $ctl sel add --sensor-type 1; $ctl sel add --sensor-type 1; done >/dev/null
+            wait $watch''', os.path.join(self.folder.name, 'seen'))
+        self.assert_status(done, 0)
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual([line['state'] for line in lines[:3]], ['ok'] * 3)
+        self.assertEqual({line['notice'] for line in lines[3:]}, {'cleared', 'almost-full', 'full'})
+
+    def test_the_event_log_is_read_written_and_cleared(self):
+        event = '--sensor-type 8 --sensor 0xf2 --offset 3 --deasserted --time 0x20000000 --data2 7 --generator 0x1234'
+        done = on_controller('''$ctl -j sel list; $ctl -j sel add $1; $ctl sel add 0000 e5 00112233445566778899aabbcc
+                             $ctl -j sel list; $ctl -j --yes sel clear; $ctl -j sel list; $ctl sel clear''', event)
+        self.assert_status(done, 2)
+        before, added, _, after, cleared, empty = done.stdout.splitlines()[:6]
+        rows = json.loads(after)
+        self.assertEqual((rows[:20], json.loads(added)['id'], json.loads(cleared), json.loads(empty)),
+                         (json.loads(before), 21, {'erased': True}, []))
+        fields = ('time', 'timestamp', 'sensor_type_name', 'event', 'direction', 'data_hex')
+        for row, expected in (
+                (rows[0], (None, 4, 'event logging', 'log cleared', 'asserted', '02ffff')),
+                (rows[9], ('2026-01-01T07:16:00Z', 1767251760, 'temperature', 'upper non-critical going high', 'deasserted', '574c4e')),
+                (rows[16], ('2026-01-01T08:57:00Z', 1767257820, None, 'OEM record 0xc0', None, '010500000000')),
+                (rows[20], ('1987-01-05T18:48:32Z', 0x20000000, 'power supply', 'input lost', 'deasserted', '0307ff')),
+                (rows[21], (None, None, None, 'OEM record 0xe5', None, '00112233445566778899aabbcc'))):
+            self.assertEqual(tuple(row[field] for field in fields), expected)
+        self.assertEqual(rows[20]['entry_hex'], '15000200000020' + '3412' + '04' + '08f2ef' + '0307ff')
+
+    def test_a_log_that_cannot_be_read_to_its_end_is_shown_so_far(self):
+        for reply, said in (('"reply":{"signature":"yqay","values":[0,2,[9,0]]}', 'circle'), ('"completion_code":197', '0xc5'),
+                            ('"reply":{"signature":"","values":[]}', 'parse')):
+            fault = '{"service":"SystemEventLog1","member":"GetSelEntry","skip":2,"count":0,%s}' % reply
+            done = on_controller('$sim fault "$1"; $ctl -j sel list; $sim reset; $sim fault "$1"; $ctl sel list', fault)
+            self.assert_status(done, 1, said)
+            document, table = done.stdout.split('\n', 1)
+            self.assertEqual([row['id'] for row in json.loads(document)['entries']][:2], [1, 2])
+            self.assertIn('power supply', table)
+        fault = '{"service":"SystemEventLog1","member":"ClearSel","skip":1,"completion_code":129}'
+        self.assert_status(on_controller('$sim fault "$1"; $ctl -y sel clear', fault), 1, 'is being erased')
 
     def test_a_scenario_sets_the_scene(self):
         scenario = self.file('scene.json', json.dumps({

@@ -87,5 +87,7 @@ void add_config(CLI::App &program, session &run);
 void add_upgrade(CLI::App &program, session &run);
 void add_hpm1(CLI::App &program, session &run);
 void add_image(CLI::App &program, session &run);
+void add_sdr(CLI::App &program, session &run);
+void add_sel(CLI::App &program, session &run);
 
 } // namespace bdbusctl

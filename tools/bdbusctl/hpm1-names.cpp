@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "hpm1-names.hpp"
 
+#include "ipmi-names.hpp"
 #include "text.hpp"
 
 #include <bdbus/hpm1.h>
@@ -14,39 +15,6 @@ namespace bdbusctl
 
 namespace
 {
-
-struct code_name {
-    uint8_t code;
-    std::string_view name;
-};
-
-constexpr std::array generic_completions{
-    code_name{0x00, "success"},
-    code_name{0xC0, "node busy"},
-    code_name{0xC1, "invalid command"},
-    code_name{0xC2, "command invalid for the logical unit"},
-    code_name{0xC3, "timeout while processing"},
-    code_name{0xC4, "out of space"},
-    code_name{0xC5, "reservation canceled or invalid"},
-    code_name{0xC6, "request data truncated"},
-    code_name{0xC7, "request data length invalid"},
-    code_name{0xC8, "request data field length limit exceeded"},
-    code_name{0xC9, "parameter out of range"},
-    code_name{0xCA, "cannot return the requested number of bytes"},
-    code_name{0xCB, "requested sensor, data or record not present"},
-    code_name{0xCC, "invalid data field in request"},
-    code_name{0xCD, "command illegal for the sensor or record type"},
-    code_name{0xCE, "response could not be provided"},
-    code_name{0xCF, "duplicated request"},
-    code_name{0xD0, "response could not be provided: repository in update mode"},
-    code_name{0xD1, "response could not be provided: firmware in update mode"},
-    code_name{0xD2, "response could not be provided: initialization in progress"},
-    code_name{0xD3, "destination unavailable"},
-    code_name{0xD4, "insufficient privilege level"},
-    code_name{0xD5, "not supported in present state"},
-    code_name{0xD6, "sub-function disabled or unavailable"},
-    code_name{0xFF, "unspecified error"},
-};
 
 struct command_completion {
     hpm1_command command;
@@ -111,23 +79,6 @@ constexpr std::array<std::string_view, 8> component_capabilities{
     "activation-followup", "reserved-6", "reserved-7",
 };
 
-template <size_t size>
-std::string_view find_name(const std::array<code_name, size> &names, uint8_t code, std::string_view otherwise)
-{
-    const auto *const found =
-        std::find_if(names.begin(), names.end(), [code](const code_name &entry) { return entry.code == code; });
-    return found == names.end() ? otherwise : found->name;
-}
-
-std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits)
-{
-    std::vector<std::string> set;
-    for (size_t bit = 0; bit < names.size(); bit++)
-        if (bits >> bit & 1)
-            set.emplace_back(names[bit]);
-    return set;
-}
-
 bool is_absent(std::span<const uint8_t> version)
 {
     return std::all_of(version.begin(), version.end(), [](uint8_t byte) { return byte == 0xFF; });
@@ -152,8 +103,7 @@ std::string completion_name(hpm1_command command, uint8_t code)
             return std::string(entry.name);
     if (code == BDBUS_HPM1_CC_IN_PROGRESS)
         return "command in progress";
-    const bool of_command = code >= 0x80 && code <= 0xBE;
-    return std::string(find_name(generic_completions, code, of_command ? "command-specific code" : "unknown code"));
+    return completion_name(code);
 }
 
 cell completion_cell(hpm1_command command, uint8_t code)
@@ -177,16 +127,6 @@ std::vector<std::string> global_capability_names(uint8_t bits)
 std::vector<std::string> component_capability_names(uint8_t bits)
 {
     return bit_names(component_capabilities, bits);
-}
-
-cell list_cell(const std::vector<std::string> &names)
-{
-    return {names.empty() ? "-" : join(names, ", "), names};
-}
-
-std::string hex_text(uint8_t byte)
-{
-    return format("0x%02x", byte);
 }
 
 std::vector<std::string> component_numbers(uint8_t mask)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The names of HPM.1 and IPMI 2.0 for the codes and bits of an upgrade.
+// The names of HPM.1 for the codes and bits of an upgrade.
 #pragma once
 
 #include "report.hpp"
@@ -40,12 +40,6 @@ std::string self_test_name(uint8_t result1, uint8_t result2);
 // The names of the bits that are set, from bit 0 up.
 std::vector<std::string> global_capability_names(uint8_t bits);
 std::vector<std::string> component_capability_names(uint8_t bits);
-
-// A list of names: separated by commas in a table, an array in JSON.
-cell list_cell(const std::vector<std::string> &names);
-
-// "0x2a"
-std::string hex_text(uint8_t byte);
 
 // The numbers of the components in a mask.
 std::vector<std::string> component_numbers(uint8_t mask);

@@ -122,8 +122,6 @@ uint8_t parse_timeout(const std::string &text)
     return static_cast<uint8_t>((seconds + hpm1_image::timeout_unit_s - 1) / hpm1_image::timeout_unit_s);
 }
 
-constexpr const char *date_format = "%Y-%m-%dT%H:%M:%SZ";
-
 uint32_t parse_time(const std::string &text)
 {
     tm date{};
@@ -136,16 +134,6 @@ uint32_t default_time()
 {
     const char *reproducible = getenv("SOURCE_DATE_EPOCH");
     return reproducible ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
-}
-
-std::string time_text(uint32_t seconds)
-{
-    const auto since_1970 = static_cast<time_t>(seconds);
-    tm date{};
-    gmtime_r(&since_1970, &date);
-    std::array<char, 32> text{};
-    strftime(text.data(), text.size(), date_format, &date);
-    return text.data();
 }
 
 // Hex is a mask, decimal a list of component numbers.

@@ -110,6 +110,8 @@ exit_status run_program(int argc, char **argv)
         add_config(program, run);
         add_upgrade(program, run);
         add_hpm1(program, run);
+        add_sdr(program, run);
+        add_sel(program, run);
         add_image(program, run);
         parse_and_run(program, run, argc, argv);
         return exit_status::done;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "report.hpp"
 
+#include "text.hpp"
+
 #include <libsmartcols/libsmartcols.h>
 #include <unistd.h>
 
@@ -27,6 +29,11 @@ pointer made(pointer thing)
 }
 
 } // namespace
+
+cell list_cell(const std::vector<std::string> &names)
+{
+    return {names.empty() ? "-" : join(names, ", "), names};
+}
 
 void report::add(std::vector<cell> row)
 {

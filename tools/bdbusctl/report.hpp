@@ -34,6 +34,9 @@ struct cell {
     std::string color; // of libsmartcols, or empty
 };
 
+// A list of names: separated by commas in a table, an array in JSON.
+cell list_cell(const std::vector<std::string> &names);
+
 struct column {
     const char *key;
     const char *title = nullptr; // null: in the JSON only

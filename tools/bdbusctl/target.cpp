@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "target.hpp"
 
+#include "ipmi-names.hpp"
 #include "text.hpp"
 
 #include <algorithm>
@@ -50,10 +51,7 @@ bdbus_hpm1_target_caps_rec ask_capabilities(const session &run)
 
 failure completion_failure(const std::string &message, hpm1_command command, uint8_t code)
 {
-    failure error(message + ": completion code " + completion_cell(command, code).text);
-    error.error["completion_code"] = code;
-    error.error["completion_name"] = completion_name(command, code);
-    return error;
+    return completion_failure(message, code, completion_name(command, code));
 }
 
 void need_success(const std::string &intent, hpm1_command command, uint8_t code)

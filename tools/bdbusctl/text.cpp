@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <stdexcept>
 
 namespace bdbusctl
@@ -62,6 +63,21 @@ std::string size_text(uint64_t bytes)
     for (; amount >= 1024 && unit + 1 < units.size(); unit++)
         amount /= 1024;
     return format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, units.at(unit));
+}
+
+std::string time_text(uint32_t seconds)
+{
+    const auto since_1970 = static_cast<time_t>(seconds);
+    tm date{};
+    gmtime_r(&since_1970, &date);
+    std::array<char, 32> text{};
+    strftime(text.data(), text.size(), date_format, &date);
+    return text.data();
+}
+
+std::string hex_text(uint8_t byte)
+{
+    return format("0x%02x", byte);
 }
 
 uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest)

@@ -21,8 +21,15 @@ std::string join(const std::vector<std::string> &parts, std::string_view separat
 // Two hex digits a byte, nothing between.
 std::string hex_digits(std::span<const uint8_t> bytes);
 
+// "0x2a"
+std::string hex_text(uint8_t byte);
+
 // "12.3 MiB"
 std::string size_text(uint64_t bytes);
+
+// Seconds since 1970 as "2026-01-02T03:04:05Z".
+inline constexpr const char *date_format = "%Y-%m-%dT%H:%M:%SZ";
+std::string time_text(uint32_t seconds);
 
 // Decimal or 0x hex, nothing else around it; std::invalid_argument names what is wrong.
 uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest);

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+
+namespace bdbusctl
+{
+
+// While it lives, the signals that end a program wait to be asked for. Those that the program was started to ignore
+// stay ignored.
+class held_signals
+{
+public:
+    held_signals()
+    {
+        sigemptyset(&set_);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+            struct sigaction action = {};
+            if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+                sigaddset(&set_, number);
+        }
+        pthread_sigmask(SIG_BLOCK, &set_, &before_);
+    }
+    ~held_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    held_signals(const held_signals &) = delete;
+    held_signals &operator=(const held_signals &) = delete;
+
+    // Whether one came within the time.
+    bool wait(std::chrono::milliseconds duration) const
+    {
+        const timespec timeout{0, static_cast<long>(std::chrono::nanoseconds(duration).count())};
+        return sigtimedwait(&set_, nullptr, &timeout) > 0;
+    }
+
+private:
+    sigset_t set_{};
+    sigset_t before_{};
+};
+
+} // namespace bdbusctl
