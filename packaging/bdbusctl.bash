@@ -48,6 +48,12 @@ _bdbusctl()
         'hpm1 properties')
             words='general current-version description rollback-version deferred-version'
             ;;
+        'raid locate')
+            words='vd pd start stop'
+            ;;
+        'raid spare')
+            words='add remove'
+            ;;
         'upgrade run' | 'image info' | 'image verify' | 'sdr add')
             compopt -o default
             ;;

@@ -75,6 +75,95 @@ BDBUS_AT(bdbus_sel_info, addition_timestamp, 8);
 BDBUS_AT(bdbus_sel_info, operation_support, 16);
 BDBUS_AT(bdbus_sel_reservation, reservation_id, 2);
 
+BDBUS_AT(bdbus_storectrl_vd_progress_list, vd_ids, 1);
+BDBUS_AT(bdbus_storectrl_vd_progress_list, sizes, 72);
+BDBUS_AT(bdbus_storectrl_vd_progress_list, progress, 584);
+BDBUS_AT(bdbus_storectrl_vd_progress_list, status, 1032);
+static_assert(sizeof(bdbus_storectrl_vd_progress_list) == 1040);
+
+BDBUS_AT(bdbus_storectrl_pd_progress_list, pd_ids, 2);
+BDBUS_AT(bdbus_storectrl_pd_progress_list, sizes, 264);
+BDBUS_AT(bdbus_storectrl_pd_progress_list, progress, 1288);
+BDBUS_AT(bdbus_storectrl_pd_progress_list, status, 2184);
+static_assert(sizeof(bdbus_storectrl_pd_progress_list) == 2192);
+
+BDBUS_AT(bdbus_storectrl_vd_list, vd_ids, 1);
+BDBUS_AT(bdbus_storectrl_vd_list, sizes, 72);
+BDBUS_AT(bdbus_storectrl_vd_list, status, 584);
+static_assert(sizeof(bdbus_storectrl_vd_list) == 592);
+
+BDBUS_AT(bdbus_storectrl_unconfig_list, pd_ids, 2);
+BDBUS_AT(bdbus_storectrl_unconfig_list, reserved, 258);
+BDBUS_AT(bdbus_storectrl_unconfig_list, sizes, 4360);
+BDBUS_AT(bdbus_storectrl_unconfig_list, status, 5384);
+static_assert(sizeof(bdbus_storectrl_unconfig_list) == 5392);
+
+BDBUS_AT(bdbus_storectrl_drive_group_list, head2, 1);
+BDBUS_AT(bdbus_storectrl_drive_group_list, column1, 2);
+BDBUS_AT(bdbus_storectrl_drive_group_list, column2, 66);
+BDBUS_AT(bdbus_storectrl_drive_group_list, head3, 130);
+BDBUS_AT(bdbus_storectrl_drive_group_list, column3, 131);
+BDBUS_AT(bdbus_storectrl_drive_group_list, column4, 195);
+BDBUS_AT(bdbus_storectrl_drive_group_list, status, 260);
+static_assert(sizeof(bdbus_storectrl_drive_group_list) == 264);
+
+BDBUS_AT(bdbus_storectrl_hot_spare_list, head3, 2);
+BDBUS_AT(bdbus_storectrl_hot_spare_list, pd_ids, 4);
+BDBUS_AT(bdbus_storectrl_hot_spare_list, column1, 260);
+BDBUS_AT(bdbus_storectrl_hot_spare_list, column2, 388);
+BDBUS_AT(bdbus_storectrl_hot_spare_list, status, 516);
+static_assert(sizeof(bdbus_storectrl_hot_spare_list) == 520);
+
+BDBUS_AT(bdbus_storectrl_raid_levels, column1, 1);
+BDBUS_AT(bdbus_storectrl_raid_levels, head2, 9);
+BDBUS_AT(bdbus_storectrl_raid_levels, column2, 10);
+BDBUS_AT(bdbus_storectrl_raid_levels, column3, 18);
+BDBUS_AT(bdbus_storectrl_raid_levels, column4, 26);
+BDBUS_AT(bdbus_storectrl_raid_levels, status, 36);
+static_assert(sizeof(bdbus_storectrl_raid_levels) == 40);
+
+BDBUS_AT(bdbus_storectrl_min_pd, min_pd, 2);
+BDBUS_AT(bdbus_storectrl_min_pd, status, 4);
+static_assert(sizeof(bdbus_storectrl_min_pd) == 8);
+
+BDBUS_AT(bdbus_storectrl_max_size, pd_count, 3);
+BDBUS_AT(bdbus_storectrl_max_size, pd_ids, 4);
+BDBUS_AT(bdbus_storectrl_max_size, max_size, 264);
+BDBUS_AT(bdbus_storectrl_max_size, status, 272);
+static_assert(sizeof(bdbus_storectrl_max_size) == 280);
+
+BDBUS_AT(bdbus_storectrl_oob_init, text, 4);
+BDBUS_AT(bdbus_storectrl_oob_init, state, 36);
+BDBUS_AT(bdbus_storectrl_oob_init, status, 40);
+static_assert(sizeof(bdbus_storectrl_oob_init) == 44);
+
+BDBUS_AT(bdbus_storectrl_vd_query, selector, 16);
+static_assert(sizeof(bdbus_storectrl_vd_query) == 17);
+
+BDBUS_AT(bdbus_storectrl_vd, param4, 3);
+BDBUS_AT(bdbus_storectrl_vd, size, 8);
+BDBUS_AT(bdbus_storectrl_vd, text, 16);
+BDBUS_AT(bdbus_storectrl_vd, option1, 32);
+BDBUS_AT(bdbus_storectrl_vd, option9, 40);
+BDBUS_AT(bdbus_storectrl_vd, value, 44);
+BDBUS_AT(bdbus_storectrl_vd, pd_count, 48);
+BDBUS_AT(bdbus_storectrl_vd, pd_ids, 50);
+static_assert(sizeof(bdbus_storectrl_vd) == 312);
+
+BDBUS_AT(bdbus_storectrl_locate_vd, ids, 2);
+BDBUS_AT(bdbus_storectrl_locate_vd, values, 130);
+static_assert(sizeof(bdbus_storectrl_locate_vd) == 194);
+
+BDBUS_AT(bdbus_storectrl_locate_pd, pd_ids, 2);
+BDBUS_AT(bdbus_storectrl_locate_pd, values, 258);
+static_assert(sizeof(bdbus_storectrl_locate_pd) == 386);
+
+BDBUS_AT(bdbus_storectrl_vd_ids, vd_ids, 1);
+static_assert(sizeof(bdbus_storectrl_vd_ids) == 65);
+
+BDBUS_AT(bdbus_storectrl_spare_target, pd_id, 2);
+static_assert(sizeof(bdbus_storectrl_spare_target) == 4);
+
 BDBUS_AT(bdbus_upgrade_agent_context, options, 1);
 BDBUS_AT(bdbus_upgrade_agent_context, image_size, 4);
 BDBUS_AT(bdbus_upgrade_agent_context, image_data, 8);

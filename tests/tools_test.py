@@ -158,10 +158,49 @@ class Tools(unittest.TestCase):
         self.assert_status(done, 0)
         self.assertIn('1', json.dumps(json.loads(done.stdout)))
 
+    def test_drives_are_made_shown_located_and_deleted(self):
+        done = on_controller("""
+            $ctl -j raid create -y --param1 1 --size 100 --text 'boot "1"' --option9 7 267 268
+            $ctl -j raid vd-info --text 'boot "1"'; $ctl -j raid max-size --param1 1 267 268; $ctl -j raid vd --brief
+            $ctl -j raid locate pd start 257=9 258; $ctl -j raid locate vd start 3=4; $ctl -j raid locate pd stop 258
+            $ctl -j raid spare add 257 -y; $ctl -j raid spare remove 265 --dedicated -y; $ctl -j raid unconfigured
+            $ctl -j raid oob-state --param -1 --text other; $ctl -j raid groups; $ctl -j raid spares
+            $sim state | tr -d ' \n'; echo; $ctl -j raid delete -y 0 3; $ctl -j raid clear -y; $ctl -j raid vd""")
+        (created, info, room, drives, *located, in_use, removed, free, oob, groups, spares, state, deleted, cleared,
+         none) = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual([created, *located, removed, deleted, cleared], [{'answer': 0}] * 7)
+        self.assertEqual((info['size'], info['param1'], info['option9'], info['pd_ids']), (100, 1, 7, [267, 268]))
+        self.assertEqual(room, {'max_size': 3814697 - 100, 'status': 0})
+        self.assertEqual([drive['id'] for drive in drives['drives']], [0, 1, 2, 3])
+        self.assertNotEqual(in_use['answer'], 0)
+        self.assertEqual([drive['id'] for drive in free['drives']], [265])
+        self.assertNotEqual(oob['status'], 0)
+        self.assertEqual([row['column3'] for row in groups['groups']], [0, 1, 2, 3])
+        self.assertEqual([row['id'] for row in spares['drives']], [266])
+        raid = state['raid']
+        self.assertEqual(raid['virtual_drives']['3']['locate'], 4)
+        self.assertEqual([raid['physical_drives'][drive].get('locate') for drive in ('257', '258')], [9, None])
+        self.assertEqual(none, {'count': 0, 'status': 0, 'drives': []})
+
+        done = on_controller("""$ctl raid clear; echo $?; $ctl raid create 267; echo $?
+            $sim fault '{"service":"RAIDMgmt","member":"GetDriveGroupList","truncate":3}'; $ctl -j raid groups; echo $?
+            $sim fault '{"service":"RAIDMgmt","member":"GetMinPdNeeded",
+                         "error":{"name":"a.b","message":"\\u001b[2J\\"\\n"}}'; $ctl -j raid min-pd; echo $?; $sim calls""")
+        said = done.stdout.splitlines()
+        self.assertEqual(said[:2] + said[3:6:2], ['2', '2', '1', '1'])
+        self.assertIn('array item', json.loads(said[2])['error']['reason'])
+        self.assertNotIn('\x1b', done.stdout + done.stderr)
+        self.assertIn('[2J"', json.loads(said[4])['error']['message'])
+        self.assertNotIn('ClearConfiguration', done.stdout)
+        for words in (('create',), ('delete', '256', '-y'), ('locate', 'pd', 'blink', '1'), ('vd-info', '--text', 'x' * 17),
+                      ('spare', 'add', '1', '--param1', '2', '-y'), ('locate', 'vd', 'start', *map(str, range(65)))):
+            self.assert_status(run(CTL, 'raid', *words, env=NO_BUS), 2, 'bdbusctl: ')
+
     def test_json_is_always_valid_and_no_bus_is_status_3(self):
         for words in ('config list', 'config get Firmware.Major', 'upgrade versions', 'upgrade status', 'hpm1 capabilities',
                       'hpm1 components', 'hpm1 status', 'hpm1 self-test', 'hpm1 rollback-status', 'hpm1 properties 1',
-                      'sdr list', 'sdr show 0x1', 'sel list', 'sel info', 'sel alloc'):
+                      'sdr list', 'sdr show 0x1', 'sel list', 'sel info', 'sel alloc', 'raid vd', 'raid pd', 'raid levels',
+                      'raid vd-info', 'raid min-pd'):
             done = on_controller('for style in short pretty; do $ctl --json=$style $1 || exit; done', words)
             self.assert_status(done, 0)
             first, second = done.stdout.split('\n', 1)

@@ -11,6 +11,7 @@
 #include <bdbus/hpm1.h>
 #include <bdbus/sdr.h>
 #include <bdbus/sel.h>
+#include <bdbus/storectrl.h>
 #include <bdbus/upgrade.h>
 #include <bdbus/upgrade_agent.h>
 

@@ -47,10 +47,10 @@ void call_frame::create(const char *member)
     }
 }
 
-void call_frame::append_bytes(const uint8_t *data, uint32_t length)
+void call_frame::append_raw(char code, const void *data, size_t bytes)
 {
     if (!failed()) {
-        settle(sd_bus_message_append_array(request_, 'y', data, length), texts_.append_array);
+        settle(sd_bus_message_append_array(request_, code, data, bytes), texts_.append_array);
     }
 }
 
@@ -67,29 +67,32 @@ void call_frame::send(uint64_t timeout_us)
     }
 }
 
-const void *call_frame::read_array(size_t &count)
+const void *call_frame::read_array(char code, size_t &bytes)
 {
-    const void *bytes = nullptr;
-    count = 0;
+    const void *data = nullptr;
+    bytes = 0;
     if (!failed()) {
-        settle(sd_bus_message_read_array(reply_, 'y', &bytes, &count), texts_.array);
+        settle(sd_bus_message_read_array(reply_, code, &data, &bytes), texts_.array);
+    }
+    return data;
+}
+
+size_t call_frame::read_raw(char code, void *out, size_t room)
+{
+    size_t bytes = 0;
+    const void *data = read_array(code, bytes);
+    const size_t taken = bytes < room ? bytes : room;
+    if (!failed() && taken > 0) {
+        memcpy(out, data, taken);
     }
     return bytes;
 }
 
 int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
 {
-    size_t count = 0;
-    const void *bytes = read_array(count);
-    if (failed()) {
-        return result_;
-    }
-    const size_t taken = count < room ? count : room;
-    if (taken > 0) {
-        memcpy(out, bytes, taken);
-    }
-    if (length != nullptr) {
-        *length = static_cast<uint32_t>(count);
+    const size_t whole = read_raw('y', out, room);
+    if (!failed() && length != nullptr) {
+        *length = static_cast<uint32_t>(whole);
     }
     return result_;
 }
@@ -97,7 +100,7 @@ int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
 const uint8_t *call_frame::read_exactly(uint32_t length)
 {
     size_t count = 0;
-    const void *bytes = read_array(count);
+    const void *bytes = read_array('y', count);
     return !failed() && count == length ? static_cast<const uint8_t *>(bytes) : nullptr;
 }
 

@@ -51,7 +51,14 @@ public:
         }
     }
 
-    void append_bytes(const uint8_t *data, uint32_t length);
+    /** Append an array: the first elements of what the caller has. */
+    template <typename Element>
+    void append_array(const Element *elements, uint32_t count)
+    {
+        append_raw(code_of<Element>(), elements, count * sizeof(Element));
+    }
+
+    void append_bytes(const uint8_t *data, uint32_t length) { append_array(data, length); }
 
     void send(uint64_t timeout_us);
     static constexpr uint64_t default_timeout = 0; // sd-bus's own
@@ -80,6 +87,13 @@ public:
     /** Read a byte array of the reply that must have this length. @return its bytes, the reply's own, or null. */
     const uint8_t *read_exactly(uint32_t length);
 
+    /** Read an array of the reply into a record's column: as many elements as fit; a shorter one leaves the rest. */
+    template <typename Element, size_t Capacity>
+    void read_column(Element (&column)[Capacity])
+    {
+        read_raw(code_of<Element>(), column, sizeof(column));
+    }
+
     /** Ask for an array property; read_bytes() follows. */
     void get_property(const char *name, const char *type);
 
@@ -97,7 +111,14 @@ public:
     }
 
 private:
-    const void *read_array(size_t &count);
+    void append_raw(char code, const void *data, size_t bytes);
+
+    /** @return the array's elements, the reply's own, and its length in bytes. */
+    const void *read_array(char code, size_t &bytes);
+
+    /** Copy as much of an array as there is room for. @return its whole length in bytes. */
+    size_t read_raw(char code, void *out, size_t room);
+
     void settle(int result, const char *text);
     void issued(int result);
     void got_property(int result, const char *name);

@@ -42,6 +42,14 @@ consteval bool travels_as(char code)
     }
 }
 
+/** The type code of the elements of an array. */
+template <typename Element>
+consteval char code_of()
+{
+    static_assert(travels_as<Element>('y') || travels_as<Element>('q') || travels_as<Element>('t'));
+    return travels_as<Element>('y') ? 'y' : travels_as<Element>('q') ? 'q' : 't';
+}
+
 /** Whether a list of types is exactly what a signature of basic types names. */
 template <signature Sig, typename... Values>
 consteval bool fits()

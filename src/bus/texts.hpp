@@ -10,12 +10,12 @@ inline constexpr const char *connect_text = "Failed to connect to system bus";
 /** What a family prints when one of the steps of a call fails; a step without a text fails in silence. */
 struct call_texts {
     const char *issue = nullptr;  // the one-step call, with the text of the D-Bus error
-    const char *create = nullptr; // a built request: the message, its plain values, its byte array
+    const char *create = nullptr; // a built request: the message, its plain values, its arrays
     const char *append = nullptr;
     const char *append_array = nullptr;
     const char *send = nullptr;     // a built request's call, with the errno text; without one, as the one-step call
     const char *parse = nullptr;    // the reply's values
-    const char *array = nullptr;    // the reply's byte array
+    const char *array = nullptr;    // the reply's arrays
     const char *property = nullptr; // a property read; the property's name follows
 };
 
@@ -29,6 +29,26 @@ inline constexpr call_texts plain_texts = {
     .parse = "Failed to parse response message",
     .array = "Failed to read array message",
     .property = "Failed to get property",
+};
+
+/** RAID management: the set of its queries and of the operations that are called in one step. */
+inline constexpr call_texts raid_texts = {
+    .issue = plain_texts.issue,
+    .create = "Failed to create bus message",
+    .append = "Failed to append to bus message element",
+    .append_array = "Failed to append to bus message array",
+    .send = "Failed to bus call",
+    .parse = plain_texts.parse,
+    .array = "Failed to parse response message array item",
+};
+
+/** RAID management: the set of the operations that are built. */
+inline constexpr call_texts raid_request_texts = {
+    .create = raid_texts.create,
+    .append = raid_texts.append,
+    .append_array = raid_texts.append_array,
+    .send = raid_texts.send,
+    .parse = "Failed to read message",
 };
 
 /** Print the one line of a failed step. */

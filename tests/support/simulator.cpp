@@ -123,6 +123,9 @@ void expect_every_failure_is_told(const failing_call &subject)
         {"an empty reply", {{"reply", {{"signature", ""}, {"values", json::array()}}}}, subject.parse_text + ": "},
     };
     for (const auto &one : cases) {
+        if (subject.waits_without_limit && one.action.contains("no_reply")) {
+            continue;
+        }
         SCOPED_TRACE(one.name);
         json fault = one.action;
         fault.update({{"service", subject.service}, {"member", subject.member}, {"count", 1}});

@@ -60,5 +60,6 @@ struct failing_call {
     std::string issue_text;     // of a call that got no reply, or an error
     bool prints_error_text;     // or the errno text
     std::string parse_text;     // of a reply that cannot be read
+    bool waits_without_limit = false;
 };
 void expect_every_failure_is_told(const failing_call &subject);

@@ -22,6 +22,7 @@ simulator::simulator(event_loop &event_loop_, const json &scenario)
     add_upgrade(*this);
     add_sdr(*this);
     add_sel(*this);
+    add_raid(*this);
     fill_control(control_, *this);
 
     object_reader reader(scenario, "scenario", {"state", "faults"});

@@ -62,6 +62,7 @@ void add_bmc(simulator &simulator);
 void add_upgrade(simulator &simulator);
 void add_sdr(simulator &simulator);
 void add_sel(simulator &simulator);
+void add_raid(simulator &simulator);
 
 void fill_control(service &control, simulator &simulator);
 

@@ -46,6 +46,7 @@ const leaf_type leaf_types[] = {
     {"q", "a number from 0 to 65535", in_range<uint16_t>},
     {"i", "a number from -2147483648 to 2147483647", in_range<int32_t>},
     {"u", "a number from 0 to 4294967295", in_range<uint32_t>},
+    {"t", "a number from 0 to 18446744073709551615", in_range<uint64_t>},
 };
 
 void check_leaf(const std::string &place, const json &value, const std::string &type)
@@ -83,11 +84,11 @@ void check_tuple(const std::string &place, const json &value, const json &shape)
         check_shape(below(place, std::to_string(i)), value[i], shape[i]);
 }
 
-bool is_record_id(const std::string &key)
+bool is_number(const std::string &key, unsigned least, unsigned most)
 {
-    uint16_t id = 0;
-    auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), id);
-    return error == std::errc() && id >= 1 && id <= 65'534 && key == std::to_string(id);
+    unsigned number = 0;
+    auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), number);
+    return error == std::errc() && number >= least && number <= most && key == std::to_string(number);
 }
 
 void check_object(const std::string &place, const json &value, const json &shape);
@@ -126,7 +127,7 @@ void check_object(const std::string &place, const json &value, const json &shape
     if (!value.is_object())
         refuse(place, "must be an object");
     for (const auto &[key, element] : shape.items())
-        if (!key.ends_with('?') && key != "*" && key != "#" && !value.contains(key))
+        if (!key.ends_with('?') && key != "*" && !key.starts_with('#') && !value.contains(key))
             refuse(place, "needs the key \"" + key + "\"");
 
     for (const auto &[key, element] : value.items()) {
@@ -135,8 +136,10 @@ void check_object(const std::string &place, const json &value, const json &shape
             rule = shape.find(key + "?");
         if (rule == shape.end())
             rule = shape.find("*");
-        if (rule == shape.end() && is_record_id(key))
+        if (rule == shape.end() && is_number(key, 1, 65'534))
             rule = shape.find("#");
+        if (rule == shape.end() && is_number(key, 0, 255))
+            rule = shape.find("#y");
         if (rule == shape.end())
             refuse(place, "no such key: \"" + key + "\"");
         check_shape(below(place, key), element, *rule);

@@ -5,13 +5,14 @@
  * A section comes with its defaults and its shape. The shape has the form of the document, with the type of each value
  * in its place:
  *
- *   "b", "y", "q", "i", "u"   boolean, or a number in the range of that D-Bus type
+ *   "b"                       true or false
+ *   "y", "q", "i", "u", "t"   number in the range of that D-Bus type
  *   "s", "s11"                text, of at most so many bytes
  *   "ay", "6y"                bytes as an array of numbers, any or exactly so many
  *   [shape]                   array of such values
  *   [shape, shape, …]         array of just these values
- *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key and "#" for
- *                             any record ID, a number from 1 to 65534 in decimal
+ *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key, "#" for
+ *                             any record ID, a number from 1 to 65534 in decimal, "#y" for one from 0 to 255
  */
 #ifndef BDBUS_SIM_STATE_HPP
 #define BDBUS_SIM_STATE_HPP

@@ -5,8 +5,6 @@
 
 #include <bdbus/abp.h>
 
-#include <algorithm>
-
 namespace bdbusctl
 {
 
@@ -29,16 +27,11 @@ void declare_two(CLI::App &command, values &given)
     add_number(command, "SECOND", given.second, "0 to 255; its meaning is the service's")->required();
 }
 
-// A failed call answers 0 as well: only the line that it prints tells it from a service that did.
 void change(const session &run, const std::string &what, const std::function<int32_t()> &call)
 {
     run.confirm("This sets the " + what + ".");
-    const outcome seen = run.watch(call);
-    if (std::any_of(seen.lines.begin(), seen.lines.end(),
-                    [](const std::string &line) { return line.starts_with("Failed to "); }))
-        throw failed_call("cannot set the " + what, seen);
     record answer;
-    answer.add("answer", "Answer", seen.result);
+    answer.add("answer", "Answer", run.answer("set the " + what, call));
     answer.show(run);
 }
 

@@ -89,5 +89,6 @@ void add_hpm1(CLI::App &program, session &run);
 void add_image(CLI::App &program, session &run);
 void add_sdr(CLI::App &program, session &run);
 void add_sel(CLI::App &program, session &run);
+void add_raid(CLI::App &program, session &run);
 
 } // namespace bdbusctl

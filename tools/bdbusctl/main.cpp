@@ -113,6 +113,7 @@ exit_status run_program(int argc, char **argv)
         add_sdr(program, run);
         add_sel(program, run);
         add_image(program, run);
+        add_raid(program, run);
         parse_and_run(program, run, argc, argv);
         return exit_status::done;
     } catch (const failure &error) {

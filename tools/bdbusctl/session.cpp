@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -72,6 +73,15 @@ int32_t session::call(const std::string &intent, const std::function<int32_t()> 
 {
     const outcome seen = watch(call);
     if (seen.result < 0)
+        throw failed_call("cannot " + intent, seen);
+    return seen.result;
+}
+
+int32_t session::answer(const std::string &intent, const std::function<int32_t()> &call) const
+{
+    const outcome seen = watch(call);
+    if (std::any_of(seen.lines.begin(), seen.lines.end(),
+                    [](const std::string &line) { return line.starts_with("Failed to "); }))
         throw failed_call("cannot " + intent, seen);
     return seen.result;
 }

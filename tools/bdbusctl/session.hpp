@@ -58,6 +58,9 @@ struct session {
     outcome watch(const std::function<int32_t()> &call) const;
     // The same for a call whose negative result is a failure: "cannot <intent>: <reason>".
     int32_t call(const std::string &intent, const std::function<int32_t()> &call) const;
+    // The same for a call that hands on the service's own number, and answers 0 when it fails: only the line that it
+    // prints tells that.
+    int32_t answer(const std::string &intent, const std::function<int32_t()> &call) const;
     void show_details(const outcome &seen) const;
 
     void report(const failure &error) const;

@@ -1,0 +1,35 @@
+#!/bin/bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
+# What a RAID query costs beside the same sd-bus calls written by hand, the connection of each call included: instructions in user space
+# (callgrind, the slope between two numbers of calls, so that starting up does not count); and that calls leave nothing behind.
+# Usage: raid-cost.sh BDBUS_SIM RAID
+set -euo pipefail
+sim=$1
+raid=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+instructions() { # MODE QUERY CALLS
+    "$sim" run -- valgrind --tool=callgrind --callgrind-out-file=/dev/null "$raid" "$@" 2>"$work/log" ||
+        { cat "$work/log" >&2; exit 1; }
+    sed -n 's/.*Collected : //p' "$work/log"
+}
+
+per_call() { # MODE QUERY
+    echo $((($(instructions "$1" "$2" 600) - $(instructions "$1" "$2" 200)) / 400))
+}
+
+status=0
+for query in list drives size; do
+    bare=$(per_call bare "$query")
+    library=$(per_call library "$query")
+    awk -v query="$query" -v bare="$bare" -v library="$library" 'BEGIN {
+        printf "instructions a query (%s): by hand %d, library %d: %+.2f %%\n", query, bare, library, (library / bare - 1) * 100
+        exit library > bare * 1.03
+    }' || status=1
+done
+read -r fds_before fds_after bytes_before bytes_after < <("$sim" run -- "$raid" growth 10000)
+printf '30,000 queries: descriptors %d, then %d; resident memory %d KiB, then %d KiB\n' \
+    "$fds_before" "$fds_after" "$((bytes_before / 1024))" "$((bytes_after / 1024))"
+((fds_after == fds_before && bytes_after <= bytes_before + 65536)) || status=1
+exit $status

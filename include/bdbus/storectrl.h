@@ -1,0 +1,329 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+/**
+ * @file storectrl.h
+ * The storage controller behind the RAID management service `com.brisemont.RAIDMgmt`: eleven queries, eleven
+ * operations.
+ *
+ * Every call opens a connection of its own, asks the service once and closes it. What goes through unchanged is the
+ * service's to explain: fields that are named by their position, the units of sizes, status codes and answers.
+ *
+ * Queries return their record by value. It starts zeroed and is filled in the order of the reply: lists come as columns
+ * whose entries of one index describe one thing. An array shorter than its column leaves the rest zero, of a longer
+ * one the surplus is dropped. `status` is the service's result, the last item of a reply. A query that fails prints one
+ * line on stderr; every field that it could not read is zero, `status` too. Records that are both argument and result
+ * come back with their outputs alone, the inputs zero.
+ *
+ * Operations return the service's answer, as it stands. One that failed returns 0 too and prints one line on stderr, so
+ * a program that must tell the two apart looks at stderr; the controller may have carried it out all the same.
+ *
+ * Arguments are sent unchecked, with two exceptions that keep to the record: a count beyond the columns' capacity is
+ * sent as that capacity, with as many entries; a text without a NUL is sent up to the end of its room.
+ *
+ * Threads: any thread may call. Calls of this family wait for one another, also while one waits for its answer. Those
+ * that say so wait for theirs without limit: a service that never answers one of them blocks the whole family.
+ * The others give up after sd-bus's default time-out.
+ */
+#ifndef BDBUS_STORECTRL_H
+#define BDBUS_STORECTRL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** The capacities of the columns. */
+#define BDBUS_STORECTRL_VD_MAX 64    /**< virtual drives */
+#define BDBUS_STORECTRL_PD_MAX 128   /**< physical drives */
+#define BDBUS_STORECTRL_GROUP_MAX 64 /**< drive groups */
+#define BDBUS_STORECTRL_LEVEL_MAX 8  /**< RAID levels */
+
+/** The progress values of a drive. */
+#define BDBUS_STORECTRL_PROGRESS_COLUMNS 7
+
+/** The room of the texts, in bytes. */
+#define BDBUS_STORECTRL_TEXT_MAX 16
+#define BDBUS_STORECTRL_OOB_TEXT_MAX 32
+
+/** The virtual drives, with what they are busy with. */
+typedef struct bdbus_storectrl_vd_progress_list {
+    uint8_t count; /**< entries, as the service counts them */
+    uint8_t vd_ids[BDBUS_STORECTRL_VD_MAX];
+    uint64_t sizes[BDBUS_STORECTRL_VD_MAX];
+    uint8_t progress[BDBUS_STORECTRL_PROGRESS_COLUMNS][BDBUS_STORECTRL_VD_MAX]; /**< in the order of the reply */
+    int32_t status;
+} bdbus_storectrl_vd_progress_list;
+
+/** The physical drives, with what they are busy with. */
+typedef struct bdbus_storectrl_pd_progress_list {
+    uint8_t count; /**< entries, as the service counts them */
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX];
+    uint64_t sizes[BDBUS_STORECTRL_PD_MAX];
+    uint8_t progress[BDBUS_STORECTRL_PROGRESS_COLUMNS][BDBUS_STORECTRL_PD_MAX]; /**< in the order of the reply */
+    int32_t status;
+} bdbus_storectrl_pd_progress_list;
+
+/** The virtual drives. */
+typedef struct bdbus_storectrl_vd_list {
+    uint8_t count; /**< entries, as the service counts them */
+    uint8_t vd_ids[BDBUS_STORECTRL_VD_MAX];
+    uint64_t sizes[BDBUS_STORECTRL_VD_MAX];
+    int32_t status;
+} bdbus_storectrl_vd_list;
+
+/** The physical drives that no virtual drive uses. */
+typedef struct bdbus_storectrl_unconfig_list {
+    uint8_t count; /**< entries, as the service counts them */
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX];
+    uint8_t reserved[4096]; /**< always zero */
+    uint64_t sizes[BDBUS_STORECTRL_PD_MAX];
+    int32_t status;
+} bdbus_storectrl_unconfig_list;
+
+/** The drive groups. */
+typedef struct bdbus_storectrl_drive_group_list {
+    uint8_t head1;
+    uint8_t head2;
+    uint8_t column1[BDBUS_STORECTRL_GROUP_MAX];
+    uint8_t column2[BDBUS_STORECTRL_GROUP_MAX];
+    uint8_t head3;
+    uint8_t column3[BDBUS_STORECTRL_GROUP_MAX];
+    uint8_t column4[BDBUS_STORECTRL_GROUP_MAX];
+    int32_t status;
+} bdbus_storectrl_drive_group_list;
+
+/** The hot spares. */
+typedef struct bdbus_storectrl_hot_spare_list {
+    uint8_t head1;
+    uint8_t head2;
+    uint8_t head3;
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX];
+    uint8_t column1[BDBUS_STORECTRL_PD_MAX];
+    uint8_t column2[BDBUS_STORECTRL_PD_MAX];
+    int32_t status;
+} bdbus_storectrl_hot_spare_list;
+
+/** The RAID levels that the controller offers. */
+typedef struct bdbus_storectrl_raid_levels {
+    uint8_t head1;
+    uint8_t column1[BDBUS_STORECTRL_LEVEL_MAX];
+    uint8_t head2;
+    uint8_t column2[BDBUS_STORECTRL_LEVEL_MAX];
+    uint8_t column3[BDBUS_STORECTRL_LEVEL_MAX];
+    uint8_t column4[BDBUS_STORECTRL_LEVEL_MAX];
+    int32_t status;
+} bdbus_storectrl_raid_levels;
+
+/** How many physical drives a virtual drive needs. */
+typedef struct bdbus_storectrl_min_pd {
+    uint8_t param1; /**< input */
+    uint8_t param2; /**< input */
+    uint8_t min_pd; /**< output: the fewest drives */
+    int32_t status; /**< output */
+} bdbus_storectrl_min_pd;
+
+/** How large a new virtual drive can be. */
+typedef struct bdbus_storectrl_max_size {
+    uint8_t param1;                          /**< input */
+    uint8_t param2;                          /**< input */
+    uint8_t param3;                          /**< input */
+    uint8_t pd_count;                        /**< input: the entries of pd_ids that are sent */
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX]; /**< input: the drives that it would use */
+    uint64_t max_size;                       /**< output */
+    int32_t status;                          /**< output */
+} bdbus_storectrl_max_size;
+
+/** Whether the controller can be managed out of band yet. */
+typedef struct bdbus_storectrl_oob_init {
+    int32_t param;                           /**< input */
+    char text[BDBUS_STORECTRL_OOB_TEXT_MAX]; /**< input, NUL-terminated */
+    uint8_t state;                           /**< output */
+    int32_t status;                          /**< output */
+} bdbus_storectrl_oob_init;
+
+/** Which virtual drive is asked for. */
+typedef struct bdbus_storectrl_vd_query {
+    char text[BDBUS_STORECTRL_TEXT_MAX]; /**< NUL-terminated */
+    uint8_t selector;
+} bdbus_storectrl_vd_query;
+
+/**
+ * A virtual drive: what bdbus_storectrl_get_virtual_drive_info() tells of one, or what
+ * bdbus_storectrl_create_virtual_drive() makes. All is sent but `value`.
+ */
+typedef struct bdbus_storectrl_vd {
+    uint8_t param1;
+    uint8_t param2; /**< zero in the information */
+    uint8_t param3; /**< zero in the information */
+    uint8_t param4; /**< zero in the information */
+    uint64_t size;
+    char text[BDBUS_STORECTRL_TEXT_MAX]; /**< NUL-terminated; empty in the information */
+    uint8_t option1;
+    uint8_t option2;
+    uint8_t option3;
+    uint8_t option4;
+    uint8_t option5;
+    uint8_t option6;
+    uint8_t option7; /**< zero in the information */
+    uint8_t option8; /**< zero in the information */
+    uint8_t option9;
+    int32_t value;    /**< in the information only; not sent */
+    uint8_t pd_count; /**< the drives that it uses: entries of pd_ids, as the service counts them or as they are sent */
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX];
+} bdbus_storectrl_vd;
+
+/** Virtual drives to locate. */
+typedef struct bdbus_storectrl_locate_vd {
+    uint8_t count; /**< entries that are sent */
+    uint16_t ids[BDBUS_STORECTRL_VD_MAX];
+    uint8_t values[BDBUS_STORECTRL_VD_MAX]; /**< one for each drive; sent by the start call only */
+} bdbus_storectrl_locate_vd;
+
+/** Physical drives to locate. */
+typedef struct bdbus_storectrl_locate_pd {
+    uint8_t count; /**< entries that are sent */
+    uint16_t pd_ids[BDBUS_STORECTRL_PD_MAX];
+    uint8_t values[BDBUS_STORECTRL_PD_MAX]; /**< one for each drive; sent by the start call only */
+} bdbus_storectrl_locate_pd;
+
+/** Virtual drives to delete. */
+typedef struct bdbus_storectrl_vd_ids {
+    uint8_t count; /**< entries that are sent */
+    uint8_t vd_ids[BDBUS_STORECTRL_VD_MAX];
+} bdbus_storectrl_vd_ids;
+
+/** A physical drive that is to be a dedicated hot spare, and of what. */
+typedef struct bdbus_storectrl_spare_target {
+    uint8_t param1;
+    uint16_t pd_id;
+} bdbus_storectrl_spare_target;
+
+/** List the virtual drives with their progress. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_vd_progress_list bdbus_storectrl_get_vd_list_w_progress_status(void);
+
+/** List the physical drives with their progress. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_pd_progress_list bdbus_storectrl_get_pd_list_w_progress_status(void);
+
+/** List the virtual drives. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_vd_list bdbus_storectrl_get_virtual_drive_list(void);
+
+/** List the physical drives that are free. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_unconfig_list bdbus_storectrl_get_unconfig_drive_list(void);
+
+/** List the drive groups. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_drive_group_list bdbus_storectrl_get_drive_group_list(void);
+
+/** List the hot spares. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_hot_spare_list bdbus_storectrl_get_hot_spare_drive_list(void);
+
+/** List the RAID levels on offer. @return the list; zero from the first field that could not be read. */
+bdbus_storectrl_raid_levels bdbus_storectrl_get_available_raid_level(void);
+
+/**
+ * Ask how many physical drives a virtual drive needs.
+ *
+ * @param query its `param1` and `param2` are sent.
+ * @return a record with `min_pd` and `status` alone; zero from the first of them that could not be read.
+ */
+bdbus_storectrl_min_pd bdbus_storectrl_get_min_pd_needed(bdbus_storectrl_min_pd query);
+
+/**
+ * Ask how large a new virtual drive on some drives can be. Waits for the answer without limit.
+ *
+ * @param query its parameters, its `pd_count` and the first so many of its `pd_ids` are sent.
+ * @return a record with `max_size` and `status` alone; zero from the first of them that could not be read.
+ */
+bdbus_storectrl_max_size bdbus_storectrl_get_max_available_size(bdbus_storectrl_max_size query);
+
+/**
+ * Ask how far the controller's out-of-band initialisation is.
+ *
+ * @param query its `param` and `text` are sent.
+ * @return a record with `state` and `status` alone; zero from the first of them that could not be read.
+ */
+bdbus_storectrl_oob_init bdbus_storectrl_get_ctrl_oob_init_state(bdbus_storectrl_oob_init query);
+
+/**
+ * Ask about one virtual drive.
+ *
+ * @param query its `text` and `selector` are sent.
+ * @return the drive; zero from the first field that could not be read.
+ */
+bdbus_storectrl_vd bdbus_storectrl_get_virtual_drive_info(bdbus_storectrl_vd_query query);
+
+/** Clear the controller's configuration. @return the service's answer, or 0 after a line on stderr. */
+int32_t bdbus_storectrl_clear_configuration(void);
+
+/** Make a physical drive a global hot spare. @return the service's answer, or 0 after a line on stderr. */
+int32_t bdbus_storectrl_assign_global_hot_spare_drive(uint16_t pd_id);
+
+/** Have a global hot spare no longer be one. @return the service's answer, or 0 after a line on stderr. */
+int32_t bdbus_storectrl_remove_global_hot_spare_drive(uint16_t pd_id);
+
+/** Have a dedicated hot spare no longer be one. @return the service's answer, or 0 after a line on stderr. */
+int32_t bdbus_storectrl_remove_dedicated_hot_spare_drive(uint16_t pd_id);
+
+/**
+ * Make a physical drive a dedicated hot spare.
+ *
+ * @param target sent first.
+ * @param param2 sent after it.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_assign_dedicated_hot_spare_drive(bdbus_storectrl_spare_target target, uint8_t param2);
+
+/**
+ * Have virtual drives show where they are. Waits for the answer without limit.
+ *
+ * @param drives its count and the first so many of its ids and values are sent.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_start_locate_vd(bdbus_storectrl_locate_vd drives);
+
+/**
+ * End that. Waits for the answer without limit.
+ *
+ * @param drives its count and the first so many of its ids are sent.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_stop_locate_vd(bdbus_storectrl_locate_vd drives);
+
+/**
+ * Have physical drives show where they are. Waits for the answer without limit.
+ *
+ * @param drives its count and the first so many of its ids and values are sent.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_start_locate_pd(bdbus_storectrl_locate_pd drives);
+
+/**
+ * End that. Waits for the answer without limit.
+ *
+ * @param drives its count and the first so many of its ids are sent.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_stop_locate_pd(bdbus_storectrl_locate_pd drives);
+
+/**
+ * Delete virtual drives, with all that they hold. Waits for the answer without limit.
+ *
+ * @param drives its count and the first so many of its ids are sent.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_delete_virtual_drive(bdbus_storectrl_vd_ids drives);
+
+/**
+ * Create a virtual drive. Waits for the answer without limit.
+ *
+ * @param drive all of it is sent but `value`, of its `pd_ids` the first `pd_count`.
+ * @return the service's answer, or 0 after a line on stderr.
+ */
+int32_t bdbus_storectrl_create_virtual_drive(bdbus_storectrl_vd drive);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif
