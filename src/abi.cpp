@@ -47,6 +47,26 @@ static_assert(sizeof(bdbus_hpm1_rollback_status_rec) == 3);
 
 constexpr std::size_t word = sizeof(void *);
 
+BDBUS_AT(bnetwork_node_list, names, word);
+static_assert(sizeof(bnetwork_node_list) == 2 * word && sizeof(*bnetwork_node_list::names) == 64);
+
+BDBUS_AT(bnetwork_node, pci_sub_id, 4);
+BDBUS_AT(bnetwork_node, pci_vendor_id, 8);
+BDBUS_AT(bnetwork_node, pci_sub_vendor_id, 12);
+BDBUS_AT(bnetwork_node, chassis_id, 16);
+BDBUS_AT(bnetwork_node, chassis_id_subtype, 48);
+BDBUS_AT(bnetwork_node, port_id, 52);
+BDBUS_AT(bnetwork_node, port_id_subtype, 84);
+BDBUS_AT(bnetwork_node, port_descr, 88);
+BDBUS_AT(bnetwork_node, sys_name, 216);
+BDBUS_AT(bnetwork_node, sys_descr, 248);
+BDBUS_AT(bnetwork_node, ttl, 376);
+BDBUS_AT(bnetwork_node, reserved, 380);
+BDBUS_AT(bnetwork_node, lldp_enabled, 384);
+BDBUS_AT(bnetwork_node, lldp_support, 388);
+BDBUS_AT(bnetwork_node, link_status, 392);
+static_assert(sizeof(bnetwork_node) == 396);
+
 BDBUS_AT(bdbus_sdr_event, assertion_mask, 2);
 BDBUS_AT(bdbus_sdr_event, deassertion_mask, 4);
 static_assert(sizeof(bdbus_sdr_hysteresis) == 2 && sizeof(bdbus_sdr_thresholds) == 7);

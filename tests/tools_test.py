@@ -200,7 +200,8 @@ class Tools(unittest.TestCase):
         for words in ('config list', 'config get Firmware.Major', 'upgrade versions', 'upgrade status', 'hpm1 capabilities',
                       'hpm1 components', 'hpm1 status', 'hpm1 self-test', 'hpm1 rollback-status', 'hpm1 properties 1',
                       'sdr list', 'sdr show 0x1', 'sel list', 'sel info', 'sel alloc', 'raid vd', 'raid pd', 'raid levels',
-                      'raid vd-info', 'raid min-pd'):
+                      'raid vd-info', 'raid min-pd', 'network list', 'network show eth0', 'network get eth0 IDs.PciVendorId',
+                      'network lldp eth0 on'):
             done = on_controller('for style in short pretty; do $ctl --json=$style $1 || exit; done', words)
             self.assert_status(done, 0)
             first, second = done.stdout.split('\n', 1)
@@ -209,6 +210,25 @@ class Tools(unittest.TestCase):
             self.assert_status(done, 3)
             self.assertIn('message', json.loads(done.stdout)['error'])
         self.assert_status(run(CTL, '-y', 'bypass', 'global-reset', '1', env=NO_BUS), 3, 'bdbusctl: ')
+
+    def test_network_nodes_and_what_their_neighbors_say(self):
+        done = on_controller("""$sim set '{"network": {"nodes": {"eth1": {"LLDP.Neighbor":
+            {"SysName": "evil\\u001b[2J\\n\\u009b2J", "PortIDSubtype": 9}}}}}'
+            $ctl network list && $ctl network show eth1 && $ctl network get eth1 LLDP.Neighbor.SysName &&
+            $ctl network lldp eth0 off && $ctl network hostname lab-3 && $sim state | grep hostname &&
+            $ctl network list --json=short && $ctl network show eth1 --json=short""")
+        self.assert_status(done, 0)
+        self.assertFalse(set(done.stdout) & set('\x1b\x9b'))
+        *shown, listed, one = done.stdout.splitlines()
+        self.assertEqual(json.loads(one), json.loads(listed)[1])
+        self.assertEqual(json.loads(one)['sys_name'], 'evil\x1b[2J\n\x9b2J')
+        self.assertEqual([node['lldp_enabled'] for node in json.loads(listed)], [False, True, False, False])
+        for line in ('eth2 down off  yes       14e4:165f 14e4:1990 -', 'Port ID type:     9', 'off', 'lab-3',
+                     '    "hostname": "lab-3",'):
+            self.assertTrue(any(line in given for given in shown), line)
+        for words, status in (('show eth9', 1), ('get eth9 Status.LinkStatus', 1), ('lldp eth9 on', 1), ('get eth0 TTL', 2),
+                              ('get eth0 LLDP.Neighbor.TTL --type u', 1), ('lldp eth0 maybe', 2)):
+            self.assert_status(on_controller(f'$ctl network {words}'), status, 'bdbusctl: ')
 
     def test_usage_errors_are_status_2_and_say_so(self):
         for words in ((), ('nothing',), ('config', 'get'), ('config', 'set', 'Generic_Index', 'x', '-y'), ('hpm1', 'properties', '256'),

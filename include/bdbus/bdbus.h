@@ -9,6 +9,7 @@
 #include <bdbus/abp.h>
 #include <bdbus/config.h>
 #include <bdbus/hpm1.h>
+#include <bdbus/network.h>
 #include <bdbus/sdr.h>
 #include <bdbus/sel.h>
 #include <bdbus/storectrl.h>

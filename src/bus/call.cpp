@@ -25,7 +25,7 @@ void call_frame::settle(int result, const char *text)
 void call_frame::issued(int result)
 {
     result_ = result;
-    if (failed()) {
+    if (failed() && texts_.issue != nullptr) {
         const bool has_text = error_.message != nullptr && error_.message[0] != '\0';
         complain(texts_.issue, has_text ? error_.message : strerror(-result));
     }
@@ -34,7 +34,7 @@ void call_frame::issued(int result)
 void call_frame::got_property(int result, const char *name)
 {
     result_ = result;
-    if (failed()) {
+    if (failed() && texts_.property != nullptr) {
         complain(texts_.property, name, strerror(-result));
     }
 }
@@ -110,6 +110,15 @@ void call_frame::get_property(const char *name, const char *type)
         got_property(sd_bus_get_property(bus_, peer_.name, peer_.path, peer_.interface, name, &error_, &reply_, type),
                      name);
     }
+}
+
+int32_t call_frame::get_string_property(const char *name, char **text)
+{
+    if (!failed()) {
+        got_property(sd_bus_get_property_string(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr, text),
+                     name);
+    }
+    return result_;
 }
 
 } // namespace bdbus

@@ -28,6 +28,9 @@ public:
     [[nodiscard]] int32_t result() const { return result_; }
     [[nodiscard]] bool failed() const { return result_ < 0; }
 
+    /** Have the call fail for a reason of the family's own, unless it has failed already. */
+    void fail(int32_t code) { result_ = failed() ? result_ : code; }
+
     /** Call a method in one step. */
     template <signature Sig, typename... Values>
     void invoke(const char *member, Values... values)
@@ -109,6 +112,9 @@ public:
         }
         return result_;
     }
+
+    /** Read a text property into a new allocation, the caller's to free. @return this call's result. */
+    int32_t get_string_property(const char *name, char **text);
 
 private:
     void append_raw(char code, const void *data, size_t bytes);

@@ -20,6 +20,7 @@ import tempfile
 NEEDED = {'libsystemd.so.0', 'libexpat.so.1', 'libwolfssl.so.35', 'libc.so.6'}
 NEEDED_ON_ARM = {'ld-linux-armhf.so.3'}  # glibc keeps the stack guard and thread-local storage there
 SONAME = 'libbdbus.so.1'
+OURS = r'(?:bdbus|bnetwork1?)_\w+'  # the names of functions, variables and records
 
 
 def run(*command, stdin=None):
@@ -45,16 +46,16 @@ class Headers:
             run(*self.compiler, *self.flags, '-fsyntax-only', '-aux-info', listing.name, '-x', 'c', '-',
                 stdin=self.includes)
             lines = re.findall(r'^/\*.*?\*/ extern (.*)$', listing.read(), re.MULTILINE)
-        return sorted({line for line in lines if re.search(r'\bbdbus_\w+ \(', line)})
+        return sorted({line for line in lines if re.search(rf'\b{OURS} \(', line)})
 
     def functions(self):
-        return {re.search(r'\b(bdbus_\w+) \(', line)[1] for line in self.prototypes()}
+        return {re.search(rf'\b({OURS}) \(', line)[1] for line in self.prototypes()}
 
     def variables(self):
         names = set()
         for declaration in re.findall(r'\bextern\b([^;{]*);', self.text):
-            pointer_to_function = re.search(r'\(\s*\*\s*(bdbus_\w+)\s*\)', declaration)
-            plain = re.search(r'\b(bdbus_\w+)\s*(?:\[[^]]*\]\s*)*$', declaration)
+            pointer_to_function = re.search(rf'\(\s*\*\s*({OURS})\s*\)', declaration)
+            plain = re.search(rf'\b({OURS})\s*(?:\[[^]]*\]\s*)*$', declaration)
             names.update(match[1] for match in (pointer_to_function or plain,) if match)
         return names
 
@@ -63,7 +64,7 @@ class Headers:
         return sorted(re.findall(r'^#define (BDBUS_\w+ .+)$', defined, re.MULTILINE))
 
     def types(self):
-        return sorted(set(re.findall(r'\b(?:struct|union|enum)\s+(bdbus_\w+)\s*\{', self.text)))
+        return sorted(set(re.findall(rf'\b(?:struct|union|enum)\s+({OURS})\s*\{{', self.text)))
 
 
 def mapped_symbols(version_script):

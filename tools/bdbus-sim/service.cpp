@@ -213,10 +213,10 @@ std::vector<std::string> service::children(const std::string &path) const
         for (const std::string &candidate : object.paths()) {
             if (!candidate.starts_with(prefix))
                 continue;
-            std::string name = candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size());
-            if (std::find(names.begin(), names.end(), name) == names.end())
-                names.push_back(name);
+            names.push_back(candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size()));
         }
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
 }
 
@@ -338,7 +338,7 @@ void service::receive(sd_bus_message *message)
 
 void service::record(const call &what)
 {
-    if (calls_ == nullptr || what.interface == introspectable)
+    if (calls_ == nullptr)
         return;
     calls_->add(name_, {{"service", name_},
                         {"kind", what.kind},

@@ -23,6 +23,7 @@ simulator::simulator(event_loop &event_loop_, const json &scenario)
     add_sdr(*this);
     add_sel(*this);
     add_raid(*this);
+    add_network(*this);
     fill_control(control_, *this);
 
     object_reader reader(scenario, "scenario", {"state", "faults"});

@@ -63,6 +63,7 @@ void add_upgrade(simulator &simulator);
 void add_sdr(simulator &simulator);
 void add_sel(simulator &simulator);
 void add_raid(simulator &simulator);
+void add_network(simulator &simulator);
 
 void fill_control(service &control, simulator &simulator);
 

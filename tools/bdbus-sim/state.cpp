@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "state.hpp"
 
+#include <systemd/sd-bus.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -91,6 +93,11 @@ bool is_number(const std::string &key, unsigned least, unsigned most)
     return error == std::errc() && number >= least && number <= most && key == std::to_string(number);
 }
 
+bool is_path_element(const std::string &key)
+{
+    return !key.empty() && key.find('/') == std::string::npos && sd_bus_object_path_is_valid(("/" + key).c_str()) > 0;
+}
+
 void check_object(const std::string &place, const json &value, const json &shape);
 
 void check_shape(const std::string &place, const json &value, const json &shape)
@@ -127,7 +134,7 @@ void check_object(const std::string &place, const json &value, const json &shape
     if (!value.is_object())
         refuse(place, "must be an object");
     for (const auto &[key, element] : shape.items())
-        if (!key.ends_with('?') && key != "*" && !key.starts_with('#') && !value.contains(key))
+        if (!key.ends_with('?') && key != "*" && key != "@" && !key.starts_with('#') && !value.contains(key))
             refuse(place, "needs the key \"" + key + "\"");
 
     for (const auto &[key, element] : value.items()) {
@@ -140,6 +147,8 @@ void check_object(const std::string &place, const json &value, const json &shape
             rule = shape.find("#");
         if (rule == shape.end() && is_number(key, 0, 255))
             rule = shape.find("#y");
+        if (rule == shape.end() && is_path_element(key))
+            rule = shape.find("@");
         if (rule == shape.end())
             refuse(place, "no such key: \"" + key + "\"");
         check_shape(below(place, key), element, *rule);

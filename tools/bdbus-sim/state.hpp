@@ -11,8 +11,9 @@
  *   "ay", "6y"                bytes as an array of numbers, any or exactly so many
  *   [shape]                   array of such values
  *   [shape, shape, …]         array of just these values
- *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key, "#" for
- *                             any record ID, a number from 1 to 65534 in decimal, "#y" for one from 0 to 255
+ *   {"key": shape, …}         object with just these keys; "key?" may be missing, "*" stands for any key, "#" for any
+ *                             record ID, a number from 1 to 65534 in decimal, "#y" for one from 0 to 255, and "@" for
+ *                             any element of an object path
  */
 #ifndef BDBUS_SIM_STATE_HPP
 #define BDBUS_SIM_STATE_HPP

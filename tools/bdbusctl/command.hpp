@@ -84,6 +84,7 @@ CLI::Option *add_number(CLI::App &command, const std::string &name, number &targ
 
 void add_bypass(CLI::App &program, session &run);
 void add_config(CLI::App &program, session &run);
+void add_network(CLI::App &program, session &run);
 void add_upgrade(CLI::App &program, session &run);
 void add_hpm1(CLI::App &program, session &run);
 void add_image(CLI::App &program, session &run);

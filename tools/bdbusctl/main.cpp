@@ -108,6 +108,7 @@ exit_status run_program(int argc, char **argv)
         add_options(program, run);
         add_bypass(program, run);
         add_config(program, run);
+        add_network(program, run);
         add_upgrade(program, run);
         add_hpm1(program, run);
         add_sdr(program, run);

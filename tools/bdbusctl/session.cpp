@@ -31,7 +31,7 @@ void session::print(const std::string &line, const json &document) const
 void session::print(const json &document) const
 {
     const int indent = style == json_style::pretty ? 2 : -1;
-    puts(document.dump(indent, ' ', false, json::error_handler_t::replace).c_str());
+    puts(escape_controls(document.dump(indent, ' ', false, json::error_handler_t::replace)).c_str());
 }
 
 void session::say(const std::string &line) const

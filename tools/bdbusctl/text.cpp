@@ -25,15 +25,36 @@ std::string format(const char *pattern, ...)
     return result;
 }
 
+// U+0080 to U+009F, control characters of two bytes.
+static bool is_long_control(std::string_view text)
+{
+    const auto second = static_cast<unsigned char>(text.size() < 2 ? 0 : text[1]);
+    return text.starts_with('\xC2') && second >= 0x80 && second < 0xA0;
+}
+
 std::string one_line(std::string_view text)
 {
     std::string line(text);
-    for (char &character : line) {
-        const auto byte = static_cast<unsigned char>(character);
+    for (size_t at = 0; at < line.size(); at++) {
+        const auto byte = static_cast<unsigned char>(line[at]);
         if (byte < 0x20 || byte == 0x7F)
-            character = ' ';
+            line[at] = ' ';
+        else if (is_long_control(std::string_view(line).substr(at)))
+            line[at] = line[at + 1] = ' ';
     }
     return line;
+}
+
+std::string escape_controls(std::string_view json_text)
+{
+    std::string escaped;
+    for (size_t at = 0; at < json_text.size(); at++) {
+        if (is_long_control(json_text.substr(at)))
+            escaped += format("\\u%04x", static_cast<unsigned char>(json_text[++at]));
+        else
+            escaped += json_text[at];
+    }
+    return escaped;
 }
 
 std::string join(const std::vector<std::string> &parts, std::string_view separator)

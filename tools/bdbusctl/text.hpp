@@ -16,6 +16,9 @@ std::string format(const char *pattern, ...) __attribute__((format(printf, 1, 2)
 // The text with every control character blanked, so that what a service or a file says cannot break out of its line.
 std::string one_line(std::string_view text);
 
+// A JSON text with the control characters escaped that JSON lets pass and a terminal would obey.
+std::string escape_controls(std::string_view json_text);
+
 std::string join(const std::vector<std::string> &parts, std::string_view separator);
 
 // Two hex digits a byte, nothing between.

@@ -1,0 +1,149 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+/**
+ * @file network.h
+ * The network interfaces (nodes) of service `com.brisemont.Network.Host1`, with their LLDP neighbours, and the host
+ * name of service `com.brisemont.Network1`.
+ *
+ * A node is addressed by its name, as bnetwork_nodes_list_get() gives it. What it has are properties, addressed by
+ * keys. LLDP is the Link Layer Discovery Protocol of the public standard IEEE 802.1AB: a neighbour announces who it is
+ * and which of its ports is at the other end of the link.
+ *
+ * | Key                              | Type | Field of bnetwork_node |
+ * |----------------------------------|------|------------------------|
+ * | "Status.LLDPEnabled"             | "b"  | `lldp_enabled`         |
+ * | "Status.LLDPSupport"             | "b"  | `lldp_support`         |
+ * | "Status.LinkStatus"              | "b"  | `link_status`          |
+ * | "IDs.PciDeviceId"                | "q"  | `pci_device_id`        |
+ * | "IDs.PciSubId"                   | "q"  | `pci_sub_id`           |
+ * | "IDs.PciSubVendorId"             | "q"  | `pci_sub_vendor_id`    |
+ * | "IDs.PciVendorId"                | "q"  | `pci_vendor_id`        |
+ * | "LLDP.Neighbor.TTL"              | "q"  | `ttl`                  |
+ * | "LLDP.Neighbor.ChassisIdSubtype" | "y"  | `chassis_id_subtype`   |
+ * | "LLDP.Neighbor.PortIDSubtype"    | "y"  | `port_id_subtype`      |
+ * | "LLDP.Neighbor.ChassisID"        | "s"  | `chassis_id`           |
+ * | "LLDP.Neighbor.PortID"           | "s"  | `port_id`              |
+ * | "LLDP.Neighbor.SysName"          | "s"  | `sys_name`             |
+ * | "LLDP.Neighbor.PortDescr"        | "s"  | `port_descr`           |
+ * | "LLDP.Neighbor.SysDescr"         | "s"  | `sys_descr`            |
+ *
+ * Nothing is cached: every read asks the service, on a connection to the bus of its own. What a neighbour announces is
+ * handed on as it came; who prints it must expect anything in it.
+ *
+ * Results: 0 or one of the codes below, always positive. Nothing is printed. A null pointer where one is required gives
+ * 0x1000 | EINVAL, with nothing sent.
+ *
+ * Threads: any thread may call; calls of this family wait for one another, each while it talks to the bus.
+ */
+#ifndef BDBUS_NETWORK_H
+#define BDBUS_NETWORK_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+#define BDBUS_NETWORK_OK 0                 /**< done */
+#define BDBUS_NETWORK_NO_MEMORY 204        /**< no memory for a node record */
+#define BDBUS_NETWORK_NO_BUS 205           /**< no connection to the system bus; the next call tries again */
+#define BDBUS_NETWORK_ERRNO 0x1000         /**< bitwise-ORed with the errno of the step that failed */
+#define BDBUS_NETWORK_NO_LIST 0x1001       /**< of the list: the service's XML cannot be parsed, or no memory */
+#define BDBUS_NETWORK_BAD_SIGNATURE 0x1016 /**< no such type of property: 0x1000 | EINVAL */
+
+/** The room of a node's name in a list, with the terminating NUL. */
+#define BDBUS_NETWORK_NAME_BYTES 64
+
+/** The names of the nodes. */
+typedef struct bnetwork_node_list {
+    uint32_t count; /**< number of names */
+    char (
+        *names)[BDBUS_NETWORK_NAME_BYTES]; /**< allocated; the caller frees it with free(). Null when there are none */
+} bnetwork_node_list;
+
+/**
+ * A node. Texts are terminated and cut to their room. Numbers of less than 32 bits are written to the first bytes of
+ * their field, the low-order ones on a little-endian machine, and the other bytes keep what they held: zero the record
+ * first.
+ */
+typedef struct bnetwork_node {
+    uint32_t pci_device_id;      /**< 16 bits */
+    uint32_t pci_sub_id;         /**< 16 bits; the subsystem's device */
+    uint32_t pci_vendor_id;      /**< 16 bits */
+    uint32_t pci_sub_vendor_id;  /**< 16 bits; the subsystem's vendor */
+    char chassis_id[32];         /**< the neighbour's chassis ID */
+    uint32_t chassis_id_subtype; /**< 8 bits; IEEE 802.1AB, such as 4 for a MAC address */
+    char port_id[32];            /**< the neighbour's port ID */
+    uint32_t port_id_subtype;    /**< 8 bits; IEEE 802.1AB, such as 3 for a MAC address */
+    char port_descr[128];        /**< the neighbour's port description */
+    char sys_name[32];           /**< the neighbour's system name */
+    char sys_descr[128];         /**< the neighbour's system description */
+    uint32_t ttl;                /**< 16 bits; seconds for which the neighbour's announcement holds */
+    uint32_t reserved;           /**< never written */
+    uint32_t lldp_enabled;       /**< 0 or 1 */
+    uint32_t lldp_support;       /**< 0 or 1 */
+    uint32_t link_status;        /**< 0 down, 1 up */
+} bnetwork_node;
+
+/**
+ * List the nodes, in the order in which the service's introspection data names them.
+ *
+ * @param list receives the names, each cut to 63 bytes. What it held before is overwritten, not freed. After a failure
+ * `count` is 0 and `names` null.
+ * @return 0; BDBUS_NETWORK_NO_BUS; BDBUS_NETWORK_NO_LIST; 0x1000 | errno as sd-bus gave it. Data that breaks off is no
+ * failure: the nodes before the break are listed.
+ */
+int32_t bnetwork_nodes_list_get(bnetwork_node_list *list);
+
+/**
+ * Read one property of a node.
+ *
+ * The key "Group.Name" is property Name of the D-Bus interface `com.brisemont.Network.Group`, where the group may have
+ * dots of its own; "Name" is a property of `com.brisemont.Network`. Keys beyond the table of this file may be read,
+ * too.
+ *
+ * @param node      the node's name.
+ * @param key       the key.
+ * @param signature the property's type; only the first character counts.
+ * @param out       for "b" an `int32_t *` (receives 0 or 1), for "q" a `uint16_t *`, for "u" a `uint32_t *`, for "y" a
+ * `uint8_t *`; for "s" a `char **`, which receives a text that the caller frees with free(). Untouched after a failure.
+ * @return 0; BDBUS_NETWORK_NO_BUS; BDBUS_NETWORK_BAD_SIGNATURE for any other type; 0x1000 | errno as sd-bus gave it:
+ * EBADR for a node or property that is not there, EINVAL for a name that no node can have.
+ */
+int32_t bnetwork_property_get(const char *node, const char *key, const char *signature, void *out);
+
+/**
+ * Read the fifteen properties of the table above, one after another in its order.
+ *
+ * A property that cannot be read leaves its field as it was, and the others are read all the same. So this is 0 for a
+ * node that does not exist, or without a bus, too: bnetwork_property_get() tells.
+ *
+ * @param node the node's name.
+ * @param rec  receives what could be read. Null: all is read and nothing delivered.
+ * @return 0; BDBUS_NETWORK_NO_MEMORY, for a null `rec` only.
+ */
+int32_t bnetwork_node_get(const char *node, bnetwork_node *rec);
+
+/**
+ * Switch LLDP on or off for a node.
+ *
+ * @param node    the node's name.
+ * @param enabled 1 on, 0 off; sent as it is.
+ * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ */
+int32_t bnetwork_node_set_lldp_enabled(const char *node, int32_t enabled);
+
+/**
+ * Set the host name.
+ *
+ * @param hostname the name, UTF-8; whether it will do is for the service to say.
+ * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ */
+int32_t bnetwork1_set_hostname(const char *hostname);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// A node's properties and its LLDP switch, and the host name. Each read and each call has a connection of its own.
+#include "network/connection.hpp"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace bdbus
+{
+
+static constexpr service hostname_service = {
+    .name = "com.brisemont.Network1",
+    .path = "/com/brisemont/Network1",
+    .interface = "com.brisemont.Network1",
+};
+
+/** What bnetwork_node_get() reads, in this order, and where it goes. */
+static constexpr struct node_key {
+    const char *name;
+    const char *type;
+    std::size_t offset;
+    std::size_t room; // of a text
+} node_keys[] = {
+    {"Status.LLDPEnabled", "b", offsetof(bnetwork_node, lldp_enabled), 0},
+    {"Status.LLDPSupport", "b", offsetof(bnetwork_node, lldp_support), 0},
+    {"Status.LinkStatus", "b", offsetof(bnetwork_node, link_status), 0},
+    {"IDs.PciDeviceId", "q", offsetof(bnetwork_node, pci_device_id), 0},
+    {"IDs.PciSubId", "q", offsetof(bnetwork_node, pci_sub_id), 0},
+    {"IDs.PciSubVendorId", "q", offsetof(bnetwork_node, pci_sub_vendor_id), 0},
+    {"IDs.PciVendorId", "q", offsetof(bnetwork_node, pci_vendor_id), 0},
+    {"LLDP.Neighbor.TTL", "q", offsetof(bnetwork_node, ttl), 0},
+    {"LLDP.Neighbor.ChassisIdSubtype", "y", offsetof(bnetwork_node, chassis_id_subtype), 0},
+    {"LLDP.Neighbor.PortIDSubtype", "y", offsetof(bnetwork_node, port_id_subtype), 0},
+    {"LLDP.Neighbor.ChassisID", "s", offsetof(bnetwork_node, chassis_id), sizeof(bnetwork_node::chassis_id)},
+    {"LLDP.Neighbor.PortID", "s", offsetof(bnetwork_node, port_id), sizeof(bnetwork_node::port_id)},
+    {"LLDP.Neighbor.SysName", "s", offsetof(bnetwork_node, sys_name), sizeof(bnetwork_node::sys_name)},
+    {"LLDP.Neighbor.PortDescr", "s", offsetof(bnetwork_node, port_descr), sizeof(bnetwork_node::port_descr)},
+    {"LLDP.Neighbor.SysDescr", "s", offsetof(bnetwork_node, sys_descr), sizeof(bnetwork_node::sys_descr)},
+};
+
+/** An allocated text; null without memory. */
+class heap_text
+{
+public:
+    __attribute__((format(printf, 2, 3))) explicit heap_text(const char *format, ...)
+    {
+        va_list values;
+        va_start(values, format);
+        if (vasprintf(&text_, format, values) < 0) {
+            text_ = nullptr;
+        }
+        va_end(values);
+    }
+    ~heap_text() { free(text_); }
+    heap_text(const heap_text &) = delete;
+    heap_text &operator=(const heap_text &) = delete;
+
+    [[nodiscard]] const char *get() const { return text_; }
+
+private:
+    char *text_ = nullptr;
+};
+
+/**
+ * Where a key leads on a node's object: "Group.Name" is member Name of the interface Group, "Name" one of the interface
+ * above all groups.
+ */
+class node_member
+{
+public:
+    node_member(const char *node, const char *key) : node_member(node, key, strrchr(key, '.')) {}
+
+    [[nodiscard]] const char *name() const { return name_; }
+    [[nodiscard]] const service &peer() const { return peer_; }
+
+private:
+    node_member(const char *node, const char *key, const char *dot)
+        : name_(dot == nullptr ? key : dot + 1), path_("/com/brisemont/network/%s", node),
+          interface_("com.brisemont.Network%s%.*s", dot == nullptr ? "" : ".",
+                     dot == nullptr ? 0 : static_cast<int>(dot - key), key),
+          peer_{"com.brisemont.Network.Host1", path_.get(), interface_.get()}
+    {
+    }
+
+    const char *name_;
+    heap_text path_;
+    heap_text interface_;
+    service peer_;
+};
+
+class network_call : network_hold, public call_frame
+{
+public:
+    explicit network_call(const service &peer) : call_frame(peer, network_texts, bus(), ready(bus(), peer)) {}
+
+    [[nodiscard]] int32_t status() const { return bus() == nullptr ? BDBUS_NETWORK_NO_BUS : network_status(result()); }
+
+private:
+    static int32_t ready(sd_bus *bus, const service &peer)
+    {
+        if (bus == nullptr) {
+            return -ENOTCONN;
+        }
+        return peer.path == nullptr || peer.interface == nullptr ? -ENOMEM : 0;
+    }
+};
+
+/** Read one property into its field. A failure leaves the field as it was. */
+static void node_read(const char *node, const node_key &key, bnetwork_node *rec)
+{
+    char *field = reinterpret_cast<char *>(rec) + key.offset;
+    if (key.room == 0) {
+        bnetwork_property_get(node, key.name, key.type, field);
+        return;
+    }
+    char *text = nullptr;
+    if (bnetwork_property_get(node, key.name, key.type, &text) == BDBUS_NETWORK_OK) {
+        const size_t length = strnlen(text, key.room - 1);
+        memcpy(field, text, length);
+        field[length] = '\0';
+        free(text);
+    }
+}
+
+} // namespace bdbus
+
+int32_t bnetwork_property_get(const char *node, const char *key, const char *signature, void *out)
+{
+    if (node == nullptr || key == nullptr || signature == nullptr || out == nullptr) {
+        return bdbus::network_status(-EINVAL);
+    }
+    const bdbus::node_member property(node, key);
+    bdbus::network_call call(property.peer());
+    switch (signature[0]) {
+    case 'b':
+        call.get_basic_property<"b">(property.name(), static_cast<int32_t *>(out));
+        break;
+    case 'q':
+        call.get_basic_property<"q">(property.name(), static_cast<uint16_t *>(out));
+        break;
+    case 'u':
+        call.get_basic_property<"u">(property.name(), static_cast<uint32_t *>(out));
+        break;
+    case 'y':
+        call.get_basic_property<"y">(property.name(), static_cast<uint8_t *>(out));
+        break;
+    case 's':
+        call.get_string_property(property.name(), static_cast<char **>(out));
+        break;
+    default:
+        call.fail(-EINVAL);
+    }
+    return call.status();
+}
+
+int32_t bnetwork_node_get(const char *node, bnetwork_node *rec)
+{
+    if (node == nullptr) {
+        return bdbus::network_status(-EINVAL);
+    }
+    bnetwork_node *scratch = nullptr;
+    if (rec == nullptr) {
+        scratch = static_cast<bnetwork_node *>(calloc(1, sizeof(*scratch)));
+        if (scratch == nullptr) {
+            return BDBUS_NETWORK_NO_MEMORY;
+        }
+        rec = scratch;
+    }
+    for (const bdbus::node_key &key : bdbus::node_keys) {
+        bdbus::node_read(node, key, rec);
+    }
+    free(scratch);
+    return BDBUS_NETWORK_OK;
+}
+
+int32_t bnetwork_node_set_lldp_enabled(const char *node, int32_t enabled)
+{
+    if (node == nullptr) {
+        return bdbus::network_status(-EINVAL);
+    }
+    const bdbus::node_member lldp(node, "Status.SetLLDPEnabled");
+    bdbus::network_call call(lldp.peer());
+    call.invoke<"i">(lldp.name(), enabled);
+    return call.status();
+}
+
+int32_t bnetwork1_set_hostname(const char *hostname)
+{
+    if (hostname == nullptr) {
+        return bdbus::network_status(-EINVAL);
+    }
+    bdbus::network_call call(bdbus::hostname_service);
+    call.invoke<"s">("SetHostname", hostname);
+    return call.status();
+}
