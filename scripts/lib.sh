@@ -10,7 +10,7 @@ build=$root/build
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev dwarves)
-check_packages=(clang clang-format clang-tidy shellcheck)
+check_packages=(clang libclang-rt-dev clang-format clang-tidy shellcheck)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
 
 # Unpacked for the cross compiler, not installed.
