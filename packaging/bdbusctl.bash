@@ -54,6 +54,15 @@ _bdbusctl()
         'raid spare')
             words='add remove'
             ;;
+        'upgrade set-flash')
+            words='bmc bios'
+            ;;
+        'upgrade set-version')
+            words='bios nvram'
+            ;;
+        'upgrade notify')
+            words='sensors-ready fpga-change bios-change nvram-change'
+            ;;
         'upgrade run' | 'image info' | 'image verify' | 'sdr add')
             compopt -o default
             ;;

@@ -206,3 +206,10 @@ BDBUS_AT(bdbus_upgrade_callback_table, nvram_update_pending, 60 * word);
 BDBUS_AT(bdbus_upgrade_callback_table, bp_cpld_manual_rollback_initiated, 66 * word);
 BDBUS_AT(bdbus_upgrade_callback_table, bp_cpld_sign_verify_fail, 79 * word);
 static_assert(sizeof(bdbus_upgrade_callback_table) == BDBUS_UPGRADE_SIGNALS * word);
+
+BDBUS_AT(bdbus_upgrade_flash_select, result, 4);
+static_assert(sizeof(bdbus_upgrade_flash_select) == 8);
+BDBUS_AT(bdbus_upgrade_version_update, result, 6);
+static_assert(sizeof(bdbus_upgrade_version_update) == 7);
+BDBUS_AT(bdbus_upgrade_factory_mode, result, 1);
+static_assert(sizeof(bdbus_upgrade_factory_mode) == 2);

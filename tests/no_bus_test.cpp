@@ -34,19 +34,35 @@ TEST_F(no_bus, upgrade_prints_it_each_time_and_subscribes_once_the_bus_is_there)
     const std::string line = "Failed to connect to system bus: No such file or directory\n";
     int32_t count = 9;
     bdbus_hpm1_basic_rec record = {1, 2};
+    const auto handle_changes = [](bool has_connection) {
+        for (int32_t (*handle)() :
+             {bdbus_upgrade_fpga_change_handle, bdbus_upgrade_bios_change_handle, bdbus_upgrade_nvram_change_handle}) {
+            const stderr_capture said;
+            const int32_t result = handle();
+            EXPECT_EQ(has_connection ? result > 0 : result == -ENOTCONN, true) << result;
+            EXPECT_EQ(said.text(),
+                      has_connection ? "" : "Failed to send signal: Transport endpoint is not connected\n");
+        }
+    };
+    handle_changes(false);
     without_bus([&] {
         const stderr_capture said;
+        bdbus_upgrade_version_update version = {};
         EXPECT_EQ(bdbus_upgrade_component_count(&count), -ENOENT);
         EXPECT_EQ(bdbus_hpm1_activate_fw(&record), -ENOENT);
+        EXPECT_EQ(bdbus_upgrade_bios_set_version(&version), -ENOENT);
+        EXPECT_EQ(bdbus_upgrade_bmc_sensors_ready(), -ENOENT);
         EXPECT_EQ(bdbus_upgrade_signal_process(), -ENOENT);
-        EXPECT_EQ(said.text(), line + line + line);
+        EXPECT_EQ(said.text(), line + line + line + line + line);
     });
+    handle_changes(false);
     EXPECT_EQ(count, 9);
     EXPECT_EQ(record.picmg_id, 1);
     EXPECT_EQ(record.completion_code, 2);
 
     bdbus_upgrade_callbacks(&table);
     EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
+    handle_changes(true);
     simulator::emit({{"service", "Upgrade1"}, {"member", "BmcReset"}});
     for (int i = 0; i < 100'000 && notices == 0; i++) {
         EXPECT_EQ(bdbus_upgrade_signal_process(), 0);

@@ -196,12 +196,40 @@ class Tools(unittest.TestCase):
                       ('spare', 'add', '1', '--param1', '2', '-y'), ('locate', 'vd', 'start', *map(str, range(65)))):
             self.assert_status(run(CTL, 'raid', *words, env=NO_BUS), 2, 'bdbusctl: ')
 
+    def test_the_notices_of_an_upgrade_are_seen_beside_it(self):
+        seen = os.path.join(self.folder.name, 'seen')
+        done = on_controller('''$ctl -j upgrade watch >"$2" & watch=$!
+            until $sim emit '{"service":"Upgrade1","member":"UbootEnvDefaults"}' && [ -s "$2" ]; do sleep 0.05; done
+            $ctl -q --yes upgrade run "$1" && $sim emit '{"service":"Upgrade1","member":"BiosUpdateFail"}' || exit
+            until grep -q BiosUpdateFail "$2"; do sleep 0.05; done; kill -TERM $watch; wait $watch''', self.image(), seen)
+        self.assert_status(done, 0)
+        with open(seen) as lines:
+            notices = [(line['notice'], line['version']) for line in map(json.loads, lines)]
+        self.assertEqual([notice for notice in notices if notice[0] != 'UbootEnvDefaults'],
+                         [('BmcSignVerifyPass', None), ('BmcUpdateSucceed', None), ('BmcVersion', '2.01'), ('BmcChange', None),
+                          ('BmcReset', None), ('BiosUpdateFail', None)])
+
+    def test_flashes_versions_and_modes_are_told_and_kept(self):
+        done = on_controller('''$ctl upgrade set-flash bios 1; $ctl -jy upgrade set-flash bios 1; $ctl -j upgrade flash
+            $ctl -jy upgrade set-flash bmc 9; $ctl -jy upgrade set-version nvram 4.12.00beef; $ctl -jy upgrade factory-mode 7
+            for notice in sensors-ready fpga-change bios-change nvram-change; do $ctl -j upgrade notify $notice || exit; done
+            $ctl upgrade versions; $sim state''')
+        self.assert_status(done, 0, 'add --yes')
+        *answers, rest = done.stdout.split('\n', 9)
+        self.assertEqual([json.loads(answer) for answer in answers],
+                         [{'result': 0}, [{'flash': 'bmc', 'selected': 0}, {'flash': 'bios', 'selected': 1}], {'result': 204},
+                          {'result': 0}, {'result': 0}] + [{'sent': name} for name in
+                                                           ('sensors-ready', 'fpga-change', 'bios-change', 'nvram-change')])
+        self.assertIn('4.12.00beef00', rest)
+        state = json.loads(rest[rest.index('{'):])['upgrade']
+        self.assertEqual((state['factory_mode'], set(state['notices'].values())), (7, {1}))
+
     def test_json_is_always_valid_and_no_bus_is_status_3(self):
         for words in ('config list', 'config get Firmware.Major', 'upgrade versions', 'upgrade status', 'hpm1 capabilities',
                       'hpm1 components', 'hpm1 status', 'hpm1 self-test', 'hpm1 rollback-status', 'hpm1 properties 1',
                       'sdr list', 'sdr show 0x1', 'sel list', 'sel info', 'sel alloc', 'raid vd', 'raid pd', 'raid levels',
                       'raid vd-info', 'raid min-pd', 'network list', 'network show eth0', 'network get eth0 IDs.PciVendorId',
-                      'network lldp eth0 on'):
+                      'network lldp eth0 on', 'upgrade flash'):
             done = on_controller('for style in short pretty; do $ctl --json=$style $1 || exit; done', words)
             self.assert_status(done, 0)
             first, second = done.stdout.split('\n', 1)
@@ -233,7 +261,7 @@ class Tools(unittest.TestCase):
     def test_usage_errors_are_status_2_and_say_so(self):
         for words in ((), ('nothing',), ('config', 'get'), ('config', 'set', 'Generic_Index', 'x', '-y'), ('hpm1', 'properties', '256'),
                       ('bypass', 'global-reset', '256', '-y'), ('--json=xml', 'config', 'list'), ('sdr', 'show', '65536'), ('sdr', 'set-thresholds', '1'), ('sdr', 'set-event', '1'),
-                      ('sdr', 'watch', '--count', '0'), ('sel', 'add'), ('sel', 'add', '00'), ('sel', 'add', '--sensor-type', '1', '0' * 32)):
+                      ('sdr', 'watch', '--count', '0'), ('upgrade', 'set-flash', 'fpga', '1', '-y'), ('upgrade', 'set-version', 'bios', '1.x', '-y'), ('upgrade', 'notify'), ('sel', 'add'), ('sel', 'add', '00'), ('sel', 'add', '--sensor-type', '1', '0' * 32)):
             self.assert_status(run(CTL, *words, env=NO_BUS), 2)
 
     def test_sensors_are_decoded_whatever_their_records_hold(self):

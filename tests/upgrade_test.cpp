@@ -3,7 +3,7 @@
 #include "support/image.hpp"
 #include "support/simulator.hpp"
 
-#include <bdbus/upgrade.h>
+#include <bdbus/bdbus.h>
 
 #include <cctype>
 #include <cerrno>
@@ -112,7 +112,8 @@ TEST_F(upgrade, copies_nothing_of_an_empty_version)
 
 TEST_F(upgrade, reads_flags_count_and_state_in_their_widths)
 {
-    simulator::set({{"upgrade", {{"component_id", 0x81}, {"in_progress", 0xFF}}}});
+    simulator::set(
+        {{"upgrade", {{"component_id", 0x81}, {"in_progress", 0xFF}, {"bmc_flash", 0x82}, {"bios_flash", 1}}}});
     for (const auto &one : rollback_flags) {
         for (const bool set : {true, false}) {
             simulator::set({{"upgrade", {{"rollback_flags", {{one.component, set}}}}}});
@@ -130,6 +131,10 @@ TEST_F(upgrade, reads_flags_count_and_state_in_their_widths)
     EXPECT_EQ(json(around), json({0xEE, 0x81, 0xEE}));
     EXPECT_EQ(bdbus_upgrade_in_progress(&around[1]), 0);
     EXPECT_EQ(json(around), json({0xEE, 0xFF, 0xEE}));
+    EXPECT_EQ(bdbus_upgrade_bmc_get_flash(&around[1]), 0);
+    EXPECT_EQ(json(around), json({0xEE, 0x82, 0xEE}));
+    EXPECT_EQ(bdbus_upgrade_bios_get_flash(&around[1]), 0);
+    EXPECT_EQ(json(around), json({0xEE, 1, 0xEE}));
 }
 
 TEST_F(upgrade, names_the_property_of_every_failed_read_and_touches_nothing)
@@ -245,7 +250,11 @@ TEST_F(upgrade, delivers_each_notice_to_its_own_slot_and_no_other)
         expected.push_back(slot);
     }
     emit("BmcUnheardOf");
-    process(80);
+    simulator::emit({{"service", "Upgrade1"}, {"member", "BmcReset"}, {"path", "/com/brisemont/Upgrade"}});
+    simulator::emit({{"service", "Upgrade1"}, {"member", "BmcReset"}, {"interface", "com.brisemont.Upgrade2"}});
+    simulator::emit({{"service", "Upgrade1"}, {"member", "BmcChange"}, {"stranger", true}});
+    expected.push_back(12);
+    process(expected.size());
     EXPECT_EQ(delivered, expected);
     bdbus_upgrade_callbacks(nullptr);
 }
@@ -265,5 +274,206 @@ TEST_F(upgrade, drops_notices_without_a_table_or_a_slot)
     emit("BmcChange");
     process(1);
     EXPECT_EQ(delivered, std::vector<size_t>{12});
+    bdbus_upgrade_callbacks(nullptr);
+}
+
+namespace
+{
+bdbus_upgrade_callback_table turns[2] = {};
+
+/** Take the notice, and hand over to the other table; after a hundred, to none. */
+template <size_t Turn>
+int take_turns(sd_bus_message * /*signal*/, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    delivered.push_back(Turn);
+    turns[Turn].bmc_change = nullptr;
+    turns[1 - Turn].bmc_change = take_turns<1 - Turn>;
+    bdbus_upgrade_callbacks(delivered.size() < 100 ? &turns[1 - Turn] : nullptr);
+    return 0;
+}
+
+int handle_changes(sd_bus_message * /*signal*/, void * /*userdata*/, sd_bus_error * /*error*/)
+{
+    delivered.push_back(0);
+    EXPECT_GT(bdbus_upgrade_fpga_change_handle(), 0);
+    EXPECT_GT(bdbus_upgrade_bios_change_handle(), 0);
+    EXPECT_GT(bdbus_upgrade_nvram_change_handle(), 0);
+    return 0;
+}
+} // namespace
+
+TEST_F(upgrade, lets_handlers_change_tables_and_slots_while_notices_come)
+{
+    turns[0].bmc_change = take_turns<0>;
+    bdbus_upgrade_callbacks(&turns[0]);
+    delivered.clear();
+    bdbus_upgrade_signal_process();
+    std::vector<size_t> expected;
+    for (size_t i = 0; i < 150; i++) {
+        emit("BmcChange");
+        expected.push_back(i % 2);
+    }
+    expected.resize(100);
+    process(150);
+    EXPECT_EQ(delivered, expected);
+}
+
+TEST_F(upgrade, sends_its_notices_also_from_within_a_handler)
+{
+    const auto notices = [](size_t expected) {
+        for (int i = 0; i < 5000; i++) { // what others sent is not in step with the control object
+            json heard = json::array();
+            for (const json &call : simulator::calls("Upgrade1")) {
+                if (call["kind"] == "signal") {
+                    heard.push_back({call["path"], call["interface"], call["member"], call["signature"]});
+                }
+            }
+            if (heard.size() >= expected) {
+                return heard;
+            }
+        }
+        return json();
+    };
+    const auto notice = [](const char *member) {
+        return json({"/com/brisemont/Upgrade1", "com.brisemont.Upgrade1", member, ""});
+    };
+    EXPECT_GT(bdbus_upgrade_bmc_sensors_ready(), 0);
+    EXPECT_EQ(notices(1), json::array({notice("BmcSensorsReady")}));
+
+    bdbus_upgrade_callback_table table = {};
+    table.fpga_change = table.bios_flash_swap_finished = handle_changes;
+    bdbus_upgrade_callbacks(&table);
+    delivered.clear();
+    simulator::clear_calls();
+    emit("FpgaChange");
+    emit("BiosFlashSwapFinished");
+    process(2);
+    const json one_round = {notice("FpgaChangeHandle"), notice("BiosChangeHandle"), notice("NvramChangeHandle")};
+    json both = one_round;
+    both.insert(both.end(), one_round.begin(), one_round.end());
+    EXPECT_EQ(notices(6), both);
+    EXPECT_EQ(simulator::state()["upgrade"]["notices"]["NvramChangeHandle"], 2);
+    int32_t count = 0;
+    EXPECT_EQ(bdbus_upgrade_component_count(&count), 0) << "the connection goes on";
+    bdbus_upgrade_callbacks(nullptr);
+}
+
+static void answer(const char *member, uint8_t byte, int delay_ms = 0)
+{
+    simulator::fault({{"service", "Upgrade1"},
+                      {"member", member},
+                      {"delay_ms", delay_ms},
+                      {"reply", {{"signature", "y"}, {"values", {byte}}}}});
+}
+
+TEST_F(upgrade, sends_every_setting_field_by_field)
+{
+    const auto last_call = [] {
+        const json call = simulator::calls("Upgrade1").back();
+        EXPECT_EQ(call["path"], "/com/brisemont/Upgrade1");
+        EXPECT_EQ(call["interface"], "com.brisemont.Upgrade1");
+        return json({call["member"], call["signature"], call["args"]});
+    };
+    const auto flash = [&](const char *member, int32_t (*set)(bdbus_upgrade_flash_select *), uint8_t result) {
+        answer(member, result);
+        bdbus_upgrade_flash_select request = {0xFEDCBA98, 9};
+        EXPECT_GT(set(&request), 0);
+        EXPECT_EQ(request.result, result);
+        EXPECT_EQ(last_call(), json({member, "u", {0xFEDCBA98}}));
+    };
+    flash("SetBmcFlashSelect", bdbus_upgrade_bmc_set_flash, 0x81);
+    flash("SetBiosFlashSelect", bdbus_upgrade_bios_set_flash, 0);
+
+    const auto version = [&](const char *member, int32_t (*set)(bdbus_upgrade_version_update *), const char *hex,
+                             bdbus_upgrade_version_update request) {
+        answer(member, 0xFE, 1200);
+        EXPECT_GT(set(&request), 0) << "beyond the time-out of other calls";
+        EXPECT_EQ(request.result, 0xFE);
+        EXPECT_EQ(last_call(), json({member, "ay", {{{"length", 6}, {"hex", hex}}}}));
+    };
+    version("SetBiosVersion", bdbus_upgrade_bios_set_version, "000000000000", {{}, 7});
+    version("SetNvramVersion", bdbus_upgrade_nvram_set_version, "01020304fffe", {{1, 2, 3, 4, 0xFF, 0xFE}, 7});
+
+    answer("BmcFactoryModeNotify", 3);
+    bdbus_upgrade_factory_mode mode = {0xAB, 9};
+    EXPECT_GT(bdbus_upgrade_factory_mode_setting(&mode), 0);
+    EXPECT_EQ(mode.result, 3);
+    EXPECT_EQ(last_call(), json({"BmcFactoryModeNotify", "y", {0xAB}}));
+}
+
+TEST_F(upgrade, tells_every_failure_of_a_setting)
+{
+    expect_every_failure_is_told({.service = "Upgrade1",
+                                  .member = "SetBiosFlashSelect",
+                                  .call =
+                                      [] {
+                                          bdbus_upgrade_flash_select request = {1, 77};
+                                          const bool done = bdbus_upgrade_bios_set_flash(&request) > 0;
+                                          EXPECT_TRUE(done || request.result == 77);
+                                          return done;
+                                      },
+                                  .issue_text = "Failed to issue method call",
+                                  .prints_error_text = true,
+                                  .parse_text = "Failed to parse response message"});
+    expect_every_failure_is_told({.service = "Upgrade1",
+                                  .member = "SetBiosVersion",
+                                  .call =
+                                      [] {
+                                          bdbus_upgrade_version_update request = {{}, 77};
+                                          const bool done = bdbus_upgrade_bios_set_version(&request) > 0;
+                                          EXPECT_TRUE(done || request.result == 77);
+                                          return done;
+                                      },
+                                  .issue_text = "Failed bus call",
+                                  .prints_error_text = false,
+                                  .parse_text = "Failed to parse response message",
+                                  .waits_without_limit = true});
+    EXPECT_EQ(bdbus_upgrade_bmc_set_flash(nullptr), -EINVAL);
+    EXPECT_EQ(bdbus_upgrade_nvram_set_version(nullptr), -EINVAL);
+    EXPECT_EQ(bdbus_upgrade_factory_mode_setting(nullptr), -EINVAL);
+    EXPECT_EQ(bdbus_upgrade_bmc_get_flash(nullptr), -EINVAL);
+}
+
+TEST_F(upgrade, hears_a_whole_upgrade_in_its_order)
+{
+    const bdbus_upgrade_callback_table table = recorders(std::make_index_sequence<BDBUS_UPGRADE_SIGNALS>());
+    const std::vector<std::string> all_names = slot_names();
+    process(0); // what came before
+    bdbus_upgrade_callbacks(&table);
+    const bytes data = pattern(4000, 2);
+    const agent_context image(
+        image_builder().prepare(0x0A).upload(0x02, bytes(6), data).upload(0x08, bytes(6), data).build());
+    const auto heard = [&](size_t expected) {
+        process(expected);
+        std::vector<std::string> names;
+        for (const size_t slot : std::exchange(delivered, {})) {
+            names.push_back(all_names.at(slot));
+        }
+        return names;
+    };
+    const auto upload = [&] {
+        bdbus_upgrade_agent_target_check();
+        bdbus_upgrade_agent_preparation_stage(image);
+        image->upgrade_mask = 0x0A;
+        return bdbus_upgrade_agent_upgrade_stage(image);
+    };
+    delivered.clear();
+    EXPECT_EQ(upload(), 0);
+    EXPECT_EQ(bdbus_upgrade_agent_activation_stage(image), 0);
+    EXPECT_EQ(heard(12), (std::vector<std::string>{"BmcSignVerifyPass", "FpgaSignVerifyPass", "FpgaUpdatePending",
+                                                   "FpgaUpdateStart", "BmcUpdateSucceed", "BmcVersion", "BmcChange",
+                                                   "FpgaUpdateEnd", "FpgaUpdateSucceed", "FpgaVersion", "FpgaChange",
+                                                   "BmcReset"}));
+    bdbus_hpm1_basic_rec record = {};
+    bdbus_hpm1_init_manual_rollback(&record);
+    EXPECT_EQ(heard(9),
+              (std::vector<std::string>{"BmcManualRollbackInitiated", "BmcManualRollbackSucceed", "BmcVersion",
+                                        "BmcChange", "FpgaManualRollbackInitiated", "FpgaManualRollbackSucceed",
+                                        "FpgaVersion", "FpgaChange", "BmcReset"}));
+    simulator::set({{"target", {{"bad_signatures", 8}}}});
+    EXPECT_NE(upload(), 0);
+    bdbus_hpm1_abort_fw_upgrade(&record);
+    EXPECT_EQ(heard(5), (std::vector<std::string>{"BmcSignVerifyPass", "FpgaSignVerifyFail", "FpgaUpdateFail",
+                                                  "BmcUpdateAborted", "FpgaUpdateAborted"}));
     bdbus_upgrade_callbacks(nullptr);
 }

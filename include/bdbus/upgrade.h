@@ -1,17 +1,19 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
 /**
  * @file upgrade.h
- * The firmware-upgrade service `com.brisemont.Upgrade1`: versions, rollback flags, upgrade state, and its 80 notices.
+ * The firmware-upgrade service `com.brisemont.Upgrade1`: versions, rollback flags, upgrade state, its 80 notices, the
+ * selection of flashes, and the notices that it takes.
  *
  * The first call opens the one connection of this file and hpm1.h and subscribes to the 80 signals; from then on they
- * queue on the connection until bdbus_upgrade_signal_process() is called. A process that goes on calling the getters
- * without ever processing signals keeps about 1 kB for each one that arrived.
+ * queue on the connection until bdbus_upgrade_signal_process() is called.
  *
- * Results: 0 or more when the value was read. Otherwise the negative errno-style code of the step that failed, after
- * one line on stderr, with the output untouched. -EINVAL for a null output, without a line and with nothing sent.
+ * Results: 0 or more when the call succeeded. Otherwise the negative errno-style code of the step that failed, after
+ * one line on stderr, with the output untouched. -EINVAL for a null output or record, without a line and with nothing
+ * sent.
  *
  * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits
- * for its answer. None of them but bdbus_upgrade_callbacks() may be called from a handler of the callback table.
+ * for its answer. None of them may be called from a handler of the callback table, where the lock is held, but
+ * bdbus_upgrade_callbacks() and the three change handles, which take no lock and have a rule of their own.
  */
 #ifndef BDBUS_UPGRADE_H
 #define BDBUS_UPGRADE_H
@@ -26,6 +28,9 @@ extern "C" {
 
 /** The most bytes that a version getter writes: the room that its buffer must have. */
 #define BDBUS_UPGRADE_VERSION_MAX 64
+
+/** The bytes of a version that is set. */
+#define BDBUS_UPGRADE_VERSION_BYTES 6
 
 /** Number of notices, and of slots in ::bdbus_upgrade_callback_table. */
 #define BDBUS_UPGRADE_SIGNALS 80
@@ -142,6 +147,24 @@ typedef struct bdbus_upgrade_callback_table {
     sd_bus_message_handler_t bp_cpld_sign_verify_fail;
 } bdbus_upgrade_callback_table;
 
+/** Select a flash. */
+typedef struct bdbus_upgrade_flash_select {
+    uint32_t flash; /**< request: the service's number, sent with all its bits */
+    uint8_t result; /**< reply: the service's byte */
+} bdbus_upgrade_flash_select;
+
+/** Set a version. */
+typedef struct bdbus_upgrade_version_update {
+    uint8_t version[BDBUS_UPGRADE_VERSION_BYTES]; /**< request: sent as they are, all of them */
+    uint8_t result;                               /**< reply: the service's byte */
+} bdbus_upgrade_version_update;
+
+/** Tell of the factory mode. */
+typedef struct bdbus_upgrade_factory_mode {
+    uint8_t mode;   /**< request: the service's value */
+    uint8_t result; /**< reply: the service's byte */
+} bdbus_upgrade_factory_mode;
+
 /**
  * Register the callback table, replace it, or clear it with null.
  *
@@ -158,6 +181,12 @@ int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
  * Dispatch at most one queued message to the callback table. It does not wait for a message, but for
  * the other calls of this file and of hpm1.h. Call it repeatedly, from a main loop or a timer; call it once early to be
  * subscribed from then on.
+ *
+ * Notices that nobody takes off here pile up. The other calls of this file and of hpm1.h read what has arrived along
+ * with their answers and keep it in this process, about 1 kB for each notice; in a process that makes no such call they
+ * stay with the bus. sd-bus keeps 393,216 at most: from then on these calls fail with -ENOBUFS, until enough were taken
+ * off. Twenty calls ten times a second keep pace with the notices of an upgrade; one with nothing to dispatch costs
+ * about a microsecond.
  *
  * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
  */
@@ -233,6 +262,74 @@ int32_t bdbus_upgrade_component_id(uint8_t *out);
  * @return 0 when read; a negative code.
  */
 int32_t bdbus_upgrade_in_progress(uint8_t *out);
+
+/**
+ * @name Flash selection
+ * Which flash the BMC or the BIOS starts from; the numbers are the service's.
+ * @param out receives the byte.
+ * @return 0 when read; a negative code, with `out` untouched.
+ * @{
+ */
+int32_t bdbus_upgrade_bmc_get_flash(uint8_t *out);
+int32_t bdbus_upgrade_bios_get_flash(uint8_t *out);
+/** @} */
+
+/**
+ * @name Selecting a flash
+ * @param rec `flash` is sent, `result` is written when the service's answer was read.
+ * @return positive when it was, whatever `result` says; a negative code.
+ * @{
+ */
+int32_t bdbus_upgrade_bmc_set_flash(bdbus_upgrade_flash_select *rec);
+int32_t bdbus_upgrade_bios_set_flash(bdbus_upgrade_flash_select *rec);
+/** @} */
+
+/**
+ * @name Setting a version
+ * The answer is waited for without a limit, whatever the time-out of other calls: a service that never answers keeps
+ * the caller, and all other calls of this file and of hpm1.h, waiting. One that is not there is told at once.
+ * @param rec `version` is sent, `result` is written when the service's answer was read.
+ * @return positive when it was, whatever `result` says; a negative code.
+ * @{
+ */
+int32_t bdbus_upgrade_bios_set_version(bdbus_upgrade_version_update *rec);
+int32_t bdbus_upgrade_nvram_set_version(bdbus_upgrade_version_update *rec);
+/** @} */
+
+/**
+ * Tell the service of the BMC's factory mode.
+ *
+ * @param rec `mode` is sent, `result` is written when the service's answer was read.
+ * @return positive when it was, whatever `result` says; a negative code.
+ */
+int32_t bdbus_upgrade_factory_mode_setting(bdbus_upgrade_factory_mode *rec);
+
+/**
+ * Announce that the BMC's sensors are ready: the signal `BmcSensorsReady`, without arguments, on the service's object.
+ *
+ * A signal has no answer: success says that it was handed to the connection, not that somebody took it.
+ *
+ * @return positive when it was; a negative code.
+ */
+int32_t bdbus_upgrade_bmc_sensors_ready(void);
+
+/**
+ * @name Change handles
+ * Announce that a change of the FPGA, the BIOS or the NVRAM is handled: the signals `FpgaChangeHandle`,
+ * `BiosChangeHandle` and `NvramChangeHandle`, without arguments, on the service's object.
+ *
+ * They take no lock and use the connection as it is, so that a handler of the callback table may call them. Called from
+ * anywhere else, the caller sees to it that no other thread is inside a function of this file or of hpm1.h. They do not
+ * open the connection: before the first call that does, such as bdbus_upgrade_signal_process(), they fail.
+ *
+ * @return positive when the signal was handed to the connection; -ENOTCONN, after a line on stderr, while none was ever
+ * opened; a negative code, without a line, when it could not be sent.
+ * @{
+ */
+int32_t bdbus_upgrade_fpga_change_handle(void);
+int32_t bdbus_upgrade_bios_change_handle(void);
+int32_t bdbus_upgrade_nvram_change_handle(void);
+/** @} */
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -51,6 +51,19 @@ inline constexpr call_texts raid_request_texts = {
     .parse = "Failed to read message",
 };
 
+/** The same for a signal that is sent. */
+struct signal_texts {
+    const char *create = nullptr;
+    const char *send = nullptr;
+};
+
+inline constexpr signal_texts notice_texts = {
+    .create = "Failed to create signal message",
+    .send = "Failed to queue signal for transfer",
+};
+
+inline constexpr signal_texts change_handle_texts = {.create = "Failed to send signal"};
+
 /** Print the one line of a failed step. */
 void complain(const char *text, const char *reason);
 

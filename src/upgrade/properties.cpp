@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The upgrade service's properties: versions, rollback flags and how an upgrade stands.
+// The upgrade service's properties: versions, rollback flags, how an upgrade stands and which flash is selected.
 #include "upgrade/connection.hpp"
 
 #include <bdbus/upgrade.h>
@@ -159,4 +159,14 @@ int32_t bdbus_upgrade_component_id(uint8_t *out)
 int32_t bdbus_upgrade_in_progress(uint8_t *out)
 {
     return bdbus::upgrade_get_basic_property<"y">("UpgradeInProgress", out);
+}
+
+int32_t bdbus_upgrade_bmc_get_flash(uint8_t *out)
+{
+    return bdbus::upgrade_get_basic_property<"y">("BmcFlashSelect", out);
+}
+
+int32_t bdbus_upgrade_bios_get_flash(uint8_t *out)
+{
+    return bdbus::upgrade_get_basic_property<"y">("BiosFlashSelect", out);
 }

@@ -7,7 +7,6 @@
 namespace
 {
 
-constexpr size_t version_size = 6;
 constexpr size_t description_size = 12;
 constexpr size_t image_bytes_max = 64U << 20;
 
@@ -50,7 +49,7 @@ json padded_description(const json &component)
 json version(std::initializer_list<int> bytes)
 {
     json full(bytes);
-    while (full.size() < version_size)
+    while (full.size() < hpm1_target::version_size)
         full.push_back(0);
     return full;
 }
@@ -94,12 +93,12 @@ json components_shape()
 
 void add_target_section(state_document &state)
 {
-    json defaults = {{"hpm_version", 0},  {"global_capabilities", 3},
-                     {"max_block", 1530}, {"over_length_code", hpm1_target::length_invalid},
-                     {"long_result", 0},  {"rollback_status", 0},
-                     {"rollback_code", 0}};
-    json shape = {{"hpm_version", "y"}, {"global_capabilities", "y"}, {"max_block", "u"},    {"over_length_code", "y"},
-                  {"long_result", "y"}, {"rollback_status", "y"},     {"rollback_code", "y"}};
+    json defaults = {{"hpm_version", 0},   {"global_capabilities", 3},
+                     {"max_block", 1530},  {"over_length_code", hpm1_target::length_invalid},
+                     {"long_result", 0},   {"rollback_status", 0},
+                     {"rollback_code", 0}, {"bad_signatures", 0}};
+    json shape = {{"hpm_version", "y"}, {"global_capabilities", "y"}, {"max_block", "u"},     {"over_length_code", "y"},
+                  {"long_result", "y"}, {"rollback_status", "y"},     {"rollback_code", "y"}, {"bad_signatures", "y"}};
     for (const char *limit : {"upgrade_timeout", "self_test_timeout", "rollback_timeout", "inaccessibility_timeout"}) {
         defaults[limit] = 12; // in units of 5 seconds
         shape[limit] = "y";
@@ -158,6 +157,17 @@ bool hpm1_target::all_have(uint8_t components, uint8_t bit) const
     bool all = true;
     for_each_component(components, [&](uint8_t id) { all = all && has_general(id, bit); });
     return all;
+}
+
+void hpm1_target::announce(event what, uint8_t id) const
+{
+    if (witness_ && present(id))
+        witness_(what, component(id));
+}
+
+void hpm1_target::announce_all(event what, uint8_t components) const
+{
+    for_each_component(components, [&](uint8_t id) { announce(what, id); });
 }
 
 uint8_t hpm1_target::components_present() const
@@ -219,6 +229,16 @@ void hpm1_target::settle()
     last_code_ = state_.get<uint8_t>("/target/long_result");
     if (last_code_ == ok)
         done.effect();
+    else
+        fail(last_command_, last_code_);
+}
+
+void hpm1_target::fail(command number, uint8_t answer)
+{
+    if (number == activation)
+        announce_all(event::activation_failed, finished_);
+    else if (number != initiate_action)
+        refuse(answer == timed_out ? event::upload_timed_out : event::upload_failed, answer);
 }
 
 bool hpm1_target::busy()
@@ -301,7 +321,7 @@ uint8_t hpm1_target::upload(uint8_t number, uint32_t length, const byte_vector &
     if (number != static_cast<uint8_t>(transfer_->blocks))
         return is_resent(number, block) ? ok : wrong_block;
     if (received_[transfer_->component].size() + length > image_bytes_max)
-        return out_of_space;
+        return refuse(event::upload_failed, out_of_space);
     return perform(upload_block, "block", [this, block] { take_block(block); });
 }
 
@@ -325,11 +345,22 @@ uint8_t hpm1_target::finish(uint8_t id, uint32_t image_length)
     if (busy() || !transfer_)
         return not_in_this_state;
     if (id != transfer_->component || image_length != received_[id].size())
-        return size_differs;
+        return refuse(event::upload_failed, size_differs);
+    if ((state_.get<uint8_t>("/target/bad_signatures") >> id & 1) != 0)
+        return refuse(event::signature_bad, data_invalid);
     return perform(finish_upload, "finish", [this, id] {
         transfer_.reset();
         finished_ |= static_cast<uint8_t>(1U << id);
+        announce(event::received, id);
     });
+}
+
+// What happens to the component on its way, and the answer to who sends it.
+uint8_t hpm1_target::refuse(event what, uint8_t answer)
+{
+    if (transfer_)
+        announce(what, transfer_->component);
+    return answer;
 }
 
 // ---- activation and rollback
@@ -338,6 +369,7 @@ uint8_t hpm1_target::activate()
 {
     if (busy() || transfer_ || finished_ == 0)
         return not_in_this_state;
+    announce_all(event::activating, finished_);
     return perform(activation, "activate", [this] { activate_components(); });
 }
 
@@ -347,6 +379,7 @@ void hpm1_target::activate_components()
     for_each_component(finished_ & components_present(), [this](uint8_t id) { activate_component(id); });
     finished_ = 0;
     set_progress(false);
+    announce_all(event::restarted, activated_);
 }
 
 // What it runs now becomes the copy to go back to. With deferred activation the image waits for a restart, which is not
@@ -354,11 +387,14 @@ void hpm1_target::activate_components()
 void hpm1_target::activate_component(uint8_t id)
 {
     json next = image_version(id);
-    if (has_general(id, deferred_activation))
-        return set_component(id, "deferred_version", next);
+    if (has_general(id, deferred_activation)) {
+        set_component(id, "deferred_version", next);
+        return announce(event::deferred, id);
+    }
     set_component(id, "rollback_version", component(id)["version"]);
     run_version(id, next);
     activated_ |= static_cast<uint8_t>(1U << id);
+    announce(event::activated, id);
 }
 
 // The first bytes of an image are its version. One that is too short for that counts as the next minor version.
@@ -376,18 +412,21 @@ uint8_t hpm1_target::roll_back()
 {
     if (busy())
         return not_in_this_state;
-    unsigned rolled_back = 0;
+    uint8_t rolled_back = 0;
     for_each_component(activated_, [&](uint8_t id) {
         if (!has_general(id, rollback_support))
             return;
+        announce(event::rolling_back, id);
         json given_up = component(id)["version"];
         run_version(id, json(component(id)["rollback_version"]));
         set_component(id, "rollback_version", given_up);
-        rolled_back |= 1U << id;
+        rolled_back |= static_cast<uint8_t>(1U << id);
+        announce(event::rolled_back, id);
     });
     if (rolled_back == 0)
         return not_in_this_state;
     state_.set("/target/rollback_status", rolled_back);
+    announce_all(event::restarted, rolled_back);
     return ok;
 }
 
@@ -403,13 +442,13 @@ void hpm1_target::run_version(uint8_t id, const json &version)
 
 uint8_t hpm1_target::abort()
 {
-    if (transfer_)
-        received_[transfer_->component].clear();
-    for_each_component(finished_, [this](uint8_t id) { received_[id].clear(); });
+    unsigned given_up = finished_ | (transfer_ ? 1U << transfer_->component : 0U);
+    for_each_component(static_cast<uint8_t>(given_up), [this](uint8_t id) { received_[id].clear(); });
     running_.reset();
     transfer_.reset();
     finished_ = 0;
     set_progress(false);
+    announce_all(event::aborted, static_cast<uint8_t>(given_up));
     return ok;
 }
 

@@ -15,11 +15,13 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 class hpm1_target
 {
 public:
     static constexpr uint8_t components_max = 8;
+    static constexpr size_t version_size = 6;
 
     // Completion codes of HPM.1 and IPMI.
     enum code : uint8_t {
@@ -28,11 +30,30 @@ public:
         invalid_component = 0x81, // of an action
         size_differs = 0x81,      // of a finish
         wrong_block = 0x82,
+        data_invalid = 0x82, // of a finish
+        timed_out = 0xC3,
         out_of_space = 0xC4,
         length_invalid = 0xC7,
         invalid_field = 0xCC,
         not_in_this_state = 0xD5,
     };
+
+    // What happens to a component.
+    enum class event {
+        received, // and found to be in order
+        signature_bad,
+        upload_failed,
+        upload_timed_out,
+        aborted,
+        activating,
+        activated,
+        deferred, // activated as far as is possible without a restart
+        activation_failed,
+        rolling_back,
+        rolled_back,
+        restarted,
+    };
+    using witness = std::function<void(event what, const json &component)>;
 
     struct property_answer {
         uint8_t code;
@@ -47,6 +68,9 @@ public:
     hpm1_target(state_document &state, event_loop &loop);
 
     void reset();
+
+    // Who is told of every event, as it happens.
+    void tell(witness whom) { witness_ = std::move(whom); }
 
     uint8_t components_present() const;
     property_answer component_property(uint8_t id, uint8_t selector);
@@ -89,11 +113,13 @@ private:
 
     uint8_t perform(command number, const std::string &kind, std::function<void()> effect);
     void settle();
+    void fail(command number, uint8_t answer);
     bool busy();
 
     void begin_upload(uint8_t id);
     void take_block(const byte_vector &block);
     bool is_resent(uint8_t number, const byte_vector &block) const;
+    uint8_t refuse(event what, uint8_t answer);
     void back_up(uint8_t components);
     void activate_components();
     void activate_component(uint8_t id);
@@ -106,9 +132,12 @@ private:
     bool has_general(uint8_t id, uint8_t bit) const;
     bool all_have(uint8_t components, uint8_t bit) const;
     void set_progress(bool upgrading);
+    void announce(event what, uint8_t id) const;
+    void announce_all(event what, uint8_t components) const;
 
     state_document &state_;
     event_loop &loop_;
+    witness witness_;
 
     std::optional<long_command> running_;
     command last_command_ = none;

@@ -168,6 +168,11 @@ void service::add_object(std::vector<method> methods, std::vector<property> prop
                             .signals = std::move(signals)});
 }
 
+void service::listen(const std::string &member, std::function<void()> action)
+{
+    listeners_[member] = std::move(action);
+}
+
 const method *service::find_method(const std::string &member) const
 {
     for (const object_table &object : objects_)
@@ -251,6 +256,10 @@ void service::start()
     check(sd_bus_attach_event(bus.get(), loop_.get(), SD_EVENT_PRIORITY_NORMAL), bus_name_);
     check(sd_bus_set_exit_on_disconnect(bus.get(), true), bus_name_);
     check(sd_bus_add_fallback(bus.get(), nullptr, "/", on_message, this), bus_name_);
+    for (const auto &[member, action] : listeners_)
+        check(sd_bus_match_signal(bus.get(), nullptr, nullptr, path_.c_str(), bus_name_.c_str(), member.c_str(),
+                                  on_signal, this),
+              bus_name_);
     int result = sd_bus_request_name(bus.get(), bus_name_.c_str(), 0);
     if (result == -EEXIST)
         throw std::runtime_error("somebody else has the name " + bus_name_ + " on this bus");
@@ -316,6 +325,26 @@ int service::on_message(sd_bus_message *message, void *self, sd_bus_error *)
     } catch (...) {
         return -EIO; // sd-bus answers with it
     }
+}
+
+// Nobody waits for an answer to a signal, so whatever is wrong with one is nobody's business.
+int service::on_signal(sd_bus_message *message, void *self, sd_bus_error *)
+{
+    try {
+        static_cast<service *>(self)->hear(message);
+        return 0;
+    } catch (...) {
+        return -EIO;
+    }
+}
+
+void service::hear(sd_bus_message *message)
+{
+    call what = read_call(message);
+    what.kind = "signal";
+    what.args = decode_arguments(message);
+    record(what);
+    listeners_.at(what.member)();
 }
 
 void service::receive(sd_bus_message *message)

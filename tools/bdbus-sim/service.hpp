@@ -17,13 +17,14 @@
 
 #include <functional>
 #include <list>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
 // What a client asks. For "get" and "set", `interface` and `member` are the property's.
 struct call {
-    std::string kind; // "call", "get", "set"
+    std::string kind; // "call", "get", "set", "signal"
     std::string path;
     std::string interface;
     std::string member;
@@ -100,6 +101,9 @@ public:
     void add_object(std::vector<method> methods, std::vector<property> properties = {},
                     std::vector<signal_row> signals = {});
 
+    // What to do when anybody sends a signal on the service's own object.
+    void listen(const std::string &member, std::function<void()> action);
+
     const std::string &name() const { return name_; }
     const std::string &bus_name() const { return bus_name_; }
     const std::string &path() const { return path_; }
@@ -132,7 +136,9 @@ private:
     };
 
     static int on_message(sd_bus_message *message, void *self, sd_bus_error *error);
+    static int on_signal(sd_bus_message *message, void *self, sd_bus_error *error);
     void receive(sd_bus_message *message);
+    void hear(sd_bus_message *message);
     void record(const call &what);
     void delay(sd_bus_message *message, call what, fault disturbance);
 
@@ -160,6 +166,7 @@ private:
     call_list *calls_;
     fault_list *faults_;
     std::vector<object_table> objects_;
+    std::map<std::string, std::function<void()>> listeners_; // by signal
     std::list<delayed_call> delayed_;
     timer_ptr return_;
     bus_ptr bus_;

@@ -4,6 +4,7 @@
 
 #include "report.hpp"
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -53,5 +54,8 @@ std::string version_text(std::span<const uint8_t> version);
 cell version_cell(std::span<const uint8_t> version);
 // Its bytes, for JSON beside the text.
 cell version_hex_cell(std::span<const uint8_t> version);
+
+// MAJOR.MINOR[.AUXILIARY], as version_text() writes it; std::invalid_argument says that it is not.
+std::array<uint8_t, 6> parse_version(const std::string &text);
 
 } // namespace bdbusctl

@@ -90,26 +90,6 @@ void write_file(const std::string &path, const file_bytes &bytes)
     fail_with_errno("cannot write " + path);
 }
 
-// MAJOR.MINOR[.AUXILIARY], written as version_text() writes it.
-hpm1_image::version parse_version(const std::string &text)
-{
-    const std::vector<std::string> parts = CLI::detail::split(text, '.');
-    const std::string minor = parts.size() > 1 ? parts[1] : "";
-    const std::string auxiliary = parts.size() > 2 ? parts[2] : "";
-    hpm1_image::version version{};
-    const size_t auxiliary_room = 2 * (version.size() - 2);
-    if (parts.size() > 3 || minor.empty() || minor.size() > 2 || auxiliary.size() % 2 != 0 ||
-        auxiliary.size() > auxiliary_room ||
-        (minor + auxiliary).find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw std::invalid_argument("'" + one_line(text) + "' is not MAJOR.MINOR, or that and up to 4 bytes in hex");
-
-    version[0] = static_cast<uint8_t>(parse_number(parts[0], 0, UINT8_MAX));
-    version[1] = static_cast<uint8_t>(std::stoul(minor, nullptr, 16));
-    for (size_t index = 0; index < auxiliary.size() / 2; index++)
-        version[2 + index] = static_cast<uint8_t>(std::stoul(auxiliary.substr(2 * index, 2), nullptr, 16));
-    return version;
-}
-
 std::array<uint8_t, 2> parse_short_version(const std::string &text)
 {
     const auto version = parse_version(text);
