@@ -53,7 +53,8 @@ static void getter(benchmark::State &state)
 BENCHMARK(getter);
 
 /** The IDs that are read and written. */
-static uint16_t ids[64];
+static uint16_t ids[48];
+static uint16_t other_ids[48];
 
 /** A record is whole when its words, first to last, were written together. */
 static bool is_whole(uint16_t id)
@@ -84,27 +85,32 @@ static void set_one(uint16_t id, uint8_t value)
     bdbus_sdr_threshold_set(id, &thresholds);
 }
 
-/** The measured reader and, given a write, another reader and a thread that writes without pause. */
-static void checked_getter(benchmark::State &state, void (*write)(uint16_t id, uint8_t value))
+/**
+ * The measured reader and, given a write, another reader and a thread that writes without pause: the same records, or
+ * others, which tells what busy neighbors cost on this machine from what sharing a record costs.
+ */
+static void checked_getter(benchmark::State &state, void (*write)(uint16_t id, uint8_t value), bool same_records = true)
 {
-    for (const uint16_t id : ids) {
-        write_one(id, 0);
+    for (std::size_t i = 0; i < std::size(ids); i++) {
+        write_one(ids[i], 0);
+        write_one(other_ids[i], 0);
     }
     std::atomic<bool> done = false;
     std::atomic<int64_t> torn = 0;
     std::atomic<int64_t> other_reads = 0;
     std::thread threads[2];
     if (write != nullptr) {
-        threads[0] = std::thread([&] {
+        const uint16_t *const theirs = same_records ? ids : other_ids;
+        threads[0] = std::thread([&, theirs] {
             for (uint32_t i = 0; !done.load(std::memory_order_relaxed); i++) {
-                write(ids[i % std::size(ids)], static_cast<uint8_t>(i / std::size(ids)));
+                write(theirs[i % std::size(ids)], static_cast<uint8_t>(i / std::size(ids)));
             }
         });
-        threads[1] = std::thread([&] {
+        threads[1] = std::thread([&, theirs] {
             int64_t reads = 0;
             int64_t seen = 0;
             for (; !done.load(std::memory_order_relaxed); reads++) {
-                seen += is_whole(ids[static_cast<std::size_t>(reads) % std::size(ids)]) ? 0 : 1;
+                seen += is_whole(theirs[static_cast<std::size_t>(reads) % std::size(ids)]) ? 0 : 1;
             }
             other_reads = reads;
             torn = seen;
@@ -125,6 +131,8 @@ static void checked_getter(benchmark::State &state, void (*write)(uint16_t id, u
     state.counters["reads"] = static_cast<double>(state.iterations() + other_reads);
 }
 BENCHMARK_CAPTURE(checked_getter, alone, nullptr);
+BENCHMARK_CAPTURE(checked_getter, beside_a_reader_and_a_setter_of_other_records, set_one, false)
+    ->Iterations(60'000'000);
 BENCHMARK_CAPTURE(checked_getter, beside_a_reader_and_a_setter, set_one)->Iterations(60'000'000);
 BENCHMARK_CAPTURE(checked_getter, beside_a_reader_and_a_writer_without_the_bus, write_one)->Iterations(60'000'000);
 
@@ -176,10 +184,10 @@ int main(int argc, char **argv)
     uint32_t id = 0;
     uint8_t reading = 0;
     const bool read = bdbus_sdr_init() == 0;
-    for (uint16_t &filled : ids) {
+    for (std::size_t i = 0; i < 2 * std::size(ids); i++) {
         while (read && ++id < 0xFFFF && bdbus_sdr_reading_get(static_cast<uint16_t>(id), &reading) != 0) {
         }
-        filled = static_cast<uint16_t>(id);
+        (i < std::size(ids) ? ids : other_ids)[i % std::size(ids)] = static_cast<uint16_t>(id);
     }
     if (id == 0 || id == 0xFFFF) {
         fprintf(stderr, "no sensors: is this a simulated controller?\n");

@@ -27,7 +27,7 @@ _bdbusctl()
         words='short pretty off'
         current=${current#=}
         ;;
-    --output | -o | --oem)
+    --output | -o | --oem | --password-file)
         compopt -o default
         ;;
     *)
@@ -44,6 +44,9 @@ _bdbusctl()
             ;;
         'hpm1 action')
             words='backup prepare upload'
+            ;;
+        'rstorage gadget')
+            words='start stop'
             ;;
         'hpm1 properties')
             words='general current-version description rollback-version deferred-version'

@@ -213,3 +213,13 @@ BDBUS_AT(bdbus_upgrade_version_update, result, 6);
 static_assert(sizeof(bdbus_upgrade_version_update) == 7);
 BDBUS_AT(bdbus_upgrade_factory_mode, result, 1);
 static_assert(sizeof(bdbus_upgrade_factory_mode) == 2);
+
+BDBUS_AT(bdbus_authlog_request, completion_code, 39);
+BDBUS_AT(bdbus_authlog_request, value, 40);
+static_assert(sizeof(bdbus_authlog_request) == 42);
+
+BDBUS_AT(bdbus_user_update, second_word, 2);
+BDBUS_AT(bdbus_user_update, data, 4);
+BDBUS_AT(bdbus_user_update, completion_code, 21);
+BDBUS_AT(bdbus_user_update, value, 22);
+static_assert(sizeof(bdbus_user_update) == 24);

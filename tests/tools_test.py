@@ -334,7 +334,7 @@ class Tools(unittest.TestCase):
     def test_watching_shows_readings_and_notices_until_told_to_end(self):
         done = on_controller('''$sim set '{"sdr":{"moving_ms":20}}'; $ctl --json=pretty sdr watch --count 3
             $ctl sdr watch >"$1" & until [ -s "$1" ]; do sleep 0.02; done; kill -TERM $!; wait $! || exit
-            $ctl -j sel watch --count 3 & watch=$!; $sim set '{"sel":{"capacity":2}}'
+            $ctl -j sel watch --count 6 & watch=$!; $sim set '{"sel":{"capacity":2}}'
             while kill -0 $watch 2>/dev/null; do
                 $ctl -y sel clear; $ctl sel add --sensor-type 1; $ctl sel add --sensor-type 1; done >/dev/null
             wait $watch''', os.path.join(self.folder.name, 'seen'))
@@ -373,6 +373,54 @@ class Tools(unittest.TestCase):
             self.assertIn('power supply', table)
         fault = '{"service":"SystemEventLog1","member":"ClearSel","skip":1,"completion_code":129}'
         self.assert_status(on_controller('$sim fault "$1"; $ctl -y sel clear', fault), 1, 'is being erased')
+
+    def test_the_authentication_log_and_user_updates(self):
+        done = on_controller('''for words; do $ctl -j $words; done; $sim calls AuthLog1; $ctl authlog clear''', 'authlog add 01ff 3c',
+                             'authlog delete 0400 -y', 'authlog delete 04 00 -y', '-y authlog clear', '-y authlog clear 00010203',
+                             'user update 0x1234 7 0a0b')
+        self.assert_status(done, 2, '--yes')
+        shown, calls = done.stdout.split('[', 1)
+        answers = [json.loads(line) for line in shown.splitlines()]
+        self.assertEqual([answer.get('value') for answer in answers], [4, 4, None, 3, None, 1])
+        self.assertEqual([answers[2]['error']['completion_code'], answers[4]['error']['completion_code']], [0xCB, 0xCC])
+        self.assertEqual([(call['member'], call['args'][0]['hex'].rstrip('0')) for call in json.loads('[' + calls)],
+                         [('AuthLogAddEntry', '01ff3c'), ('AuthLogDelEntry', '04'), ('AuthLogDelEntry', '04'),
+                          ('AuthLogClear', '434c52aa'), ('AuthLogClear', '00010203'), ('UserUpdate', '341207000a0b')])
+        for words in ('add', 'add 1', 'add ' + 'ab' * 40, 'delete 01', 'delete 010203', 'clear 0102', 'add x1'):
+            self.assert_status(run(CTL, '-y', 'authlog', *words.split(), env=NO_BUS), 2)
+        self.assert_status(run(CTL, 'user', 'update', '1', '2', env=NO_BUS), 3)
+
+    def test_remote_storage_is_shown_and_mounted_without_telling_the_password(self):
+        secret, hostile = 'sesame 🔑', 'a\x1b]0;"\n\x9b\u2028'
+        scene = self.file('disk.json', json.dumps({'state': {'rstorage': {'disks': {
+            '3': {'password': secret, 'image_name': hostile, 'protocol_type': 7}}}}}).encode())
+        done = on_controller('''$ctl -j rstorage list; $ctl -j rstorage show 3; $ctl -j rstorage show 3 --show-password
+            $ctl -j rstorage mount 3 --password-file "$1"; echo wrong | $ctl -j rstorage mount 3 --password-file -
+            $ctl -j rstorage gadget start 3 --byte 9 --flag; $ctl -j rstorage status 3 1; $ctl -j -y rstorage unmount 3
+            $ctl -j -y rstorage gadget stop 3; $ctl -j -y rstorage unmount 3; $ctl rstorage unmount 3; echo $?
+            $sim calls RStorage1; $sim state; $ctl rstorage list; $ctl rstorage show 3''',
+                             self.file('secret', secret.encode() + b'\n'), scenario=scene)
+        self.assert_status(done, 0)
+        listed, shown, told, mounted, wrong, *others, rest = done.stdout.split('\n', 11)
+        row = {row['disk']: row for row in json.loads(listed)}[3]
+        self.assertEqual((row, row['image_name'], row['protocol_type']), (json.loads(shown), hostile, 7))
+        self.assertEqual(dict(row, password=secret), json.loads(told))
+        self.assertEqual([json.loads(line) for line in (mounted, wrong)],
+                         [{'result': 0, 'text': hostile}, {'result': -1, 'text': 'wrong password'}])
+        self.assertEqual(others, ['{"result":0}', '{"status":1}', '{"result":-1}', '{"result":0}', '{"result":0}', '2'])
+        self.assertNotIn('sesame', listed + shown + rest)
+        tables = rest[rest.index('DISK '):]
+        self.assertIn('a\\x1b]0;', tables)
+        self.assertFalse(set(tables) & set(map(chr, [*range(10), *range(11, 32), *range(0x7F, 0xA0)])))
+
+        fault = '{"service":"RStorage1","member":"Domain","skip":1,"error":{"name":"com.brisemont.Busy","message":"busy"}}'
+        done = on_controller('$sim fault "$1"; $ctl -j rstorage list', fault)
+        self.assert_status(done, 1, 'Domain')
+        self.assertEqual([row['disk'] for row in json.loads(done.stdout)['disks']], [1])
+        self.assert_status(on_controller('$ctl rstorage mount 9'), 1, 'no such disk')
+        self.assert_status(run(CTL, 'rstorage', 'list', env=NO_BUS), 3)
+        for words in ('gadget halt 1', 'gadget stop 1 --flag', 'mount 1 x --password-file -', 'show 2147483648'):
+            self.assert_status(run(CTL, '-y', 'rstorage', *words.split(), env=NO_BUS), 2)
 
     def test_a_scenario_sets_the_scene(self):
         scenario = self.file('scene.json', json.dumps({

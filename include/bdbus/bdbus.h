@@ -10,10 +10,12 @@
 #include <bdbus/config.h>
 #include <bdbus/hpm1.h>
 #include <bdbus/network.h>
+#include <bdbus/rstorage.h>
 #include <bdbus/sdr.h>
 #include <bdbus/sel.h>
 #include <bdbus/storectrl.h>
 #include <bdbus/upgrade.h>
 #include <bdbus/upgrade_agent.h>
+#include <bdbus/user.h>
 
 #endif

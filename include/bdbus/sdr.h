@@ -5,8 +5,9 @@
  * library.
  *
  * bdbus_sdr_init() reads every record once and starts one thread, the listener, which applies the changes that other
- * clients of the service make. The getters answer from the copy: no bus traffic, no lock, never a wait. The setters
- * write the copy first and then tell the service; a call that fails leaves the copy as written.
+ * clients of the service make. The getters answer from the copy, without bus traffic and without a lock, but for one
+ * that has lost to writers of the same record 64 times over: it lets them finish. The setters write the copy first and
+ * then tell the service; a call that fails leaves the copy as written.
  *
  * A record is an IPMI 2.0 sensor data record of 64 bytes, laid out as a full sensor record (type 01h), with the
  * sensor's live state beside it.
@@ -16,7 +17,7 @@
  * bdbus_sdr_init() has succeeded, without a line and with nothing sent.
  *
  * Threads: any thread may call, once bdbus_sdr_init() has returned 0. Calls to the service wait for one another; the
- * getters wait for nobody. When the bus goes away the getters go on answering.
+ * getters wait for no call. When the bus goes away the getters go on answering.
  */
 #ifndef BDBUS_SDR_H
 #define BDBUS_SDR_H

@@ -10,6 +10,10 @@
 
 #include <systemd/sd-bus.h>
 
+#include <array>
+#include <cstddef>
+#include <tuple>
+
 namespace bdbus
 {
 
@@ -42,15 +46,34 @@ public:
         }
     }
 
+    /** The same with bytes, each a value of its own. */
+    template <std::size_t Count>
+    void invoke_bytes(const char *member, const std::array<uint8_t, Count> &bytes)
+    {
+        if (!failed()) {
+            std::apply(
+                [&](auto... each) {
+                    issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, &error_, &reply_,
+                                              "ay", uint32_t{Count}, each...));
+                },
+                bytes);
+        }
+    }
+
     /** Build a request: create(), then the values and bytes in order, then send(). */
     void create(const char *member);
 
+    /** One by one: that spares sd-bus to read the signature and the varargs, a tenth of a small call's cost. */
     template <signature Sig, typename... Values>
     void append(Values... values)
     {
         static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
         if (!failed()) {
-            settle(sd_bus_message_append(request_, Sig.text, values...), texts_.append);
+            int result = 0;
+            std::size_t next = 0;
+            static_cast<void>(
+                (((result = sd_bus_message_append_basic(request_, Sig.text[next++], place_of(values))) >= 0) && ...));
+            settle(result, texts_.append);
         }
     }
 
@@ -73,7 +96,10 @@ public:
     {
         static_assert(fits<Sig, Values...>(), "the outputs do not match the signature that they are read under");
         if (!failed()) {
-            settle(sd_bus_message_read(reply_, Sig.text, values...), texts_.parse);
+            int result = 0;
+            std::size_t next = 0;
+            static_cast<void>((((result = sd_bus_message_read_basic(reply_, Sig.text[next++], values)) > 0) && ...));
+            settle(result, texts_.parse);
         }
         return result_;
     }
@@ -117,6 +143,17 @@ public:
     int32_t get_string_property(const char *name, char **text);
 
 private:
+    /** Where sd-bus takes a value from: a text is its own place. */
+    template <typename Value>
+    static const void *place_of(const Value &value)
+    {
+        if constexpr (std::is_same_v<Value, const char *>) {
+            return value;
+        } else {
+            return &value;
+        }
+    }
+
     void append_raw(char code, const void *data, size_t bytes);
 
     /** @return the array's elements, the reply's own, and its length in bytes. */

@@ -46,6 +46,9 @@ void match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_m
  */
 int32_t open_subscribed(sd_bus **bus, void (*register_matches)(sd_bus *bus));
 
+/** For a family without signals. */
+inline void no_matches(sd_bus * /*bus*/) {}
+
 /** A module that keeps its connection: absent until the first acquire that can open it, then open for good. */
 struct bus_module {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;

@@ -64,6 +64,12 @@ inline constexpr signal_texts notice_texts = {
 
 inline constexpr signal_texts change_handle_texts = {.create = "Failed to send signal"};
 
+/** Those of a mount. */
+inline constexpr call_texts lower_case_texts = {
+    .issue = "failed to issue method call",
+    .parse = "failed to parse response message",
+};
+
 /** Print the one line of a failed step. */
 void complain(const char *text, const char *reason);
 

@@ -123,24 +123,18 @@ private:
 /** Read the repository, until its end, a record that cannot be read, or an ID that comes again. */
 static void sdr_fetch_all(sdr_store &store)
 {
-    static constexpr int calls_in_a_row = 256;
+    const listener_pause pause;
     id_set seen;
     uint16_t id = first_record;
-    for (;;) {
-        const listener_pause pause;
-        for (int i = 0; i < calls_in_a_row; i++) {
-            if (id == no_more_records || seen.has(id)) {
-                return;
-            }
-            seen.add(id);
-            uint16_t key = id;
-            const int32_t next = sdr_fetch(id, store, key);
-            if (next < 0) {
-                return;
-            }
-            seen.add(key);
-            id = static_cast<uint16_t>(next);
+    while (id != no_more_records && !seen.has(id)) {
+        seen.add(id);
+        uint16_t key = id;
+        const int32_t next = sdr_fetch(id, store, key);
+        if (next < 0) {
+            return;
         }
+        seen.add(key);
+        id = static_cast<uint16_t>(next);
     }
 }
 
@@ -154,7 +148,7 @@ static int32_t sdr_set_up()
             return -ENOMEM;
         }
     }
-    const int32_t acquired = module_acquire(sdr_module, [](sd_bus *) {});
+    const int32_t acquired = module_acquire(sdr_module, sdr_subscribe);
     if (acquired < 0) {
         return acquired;
     }

@@ -26,8 +26,16 @@ extern std::atomic<sdr_store *> sdr_records;
 /** Wake the listener for messages that are queued on the connection. The module lock is held. */
 void sdr_wake_listener();
 
-/** Set up the listener on the open connection: own name, the seven matches, the thread. @return 0, or a negative error
- * number. */
+/** Whether the listener waits for the module lock. */
+extern std::atomic<bool> sdr_listener_waits;
+
+/** Let it take its turn. The module lock is free. */
+void sdr_let_listener_in();
+
+/** Prepare a connection for the listener: its own name, the seven matches. */
+void sdr_subscribe(sd_bus *bus);
+
+/** Start the listener on the open connection. @return 0, or a negative error number. */
 int32_t sdr_listener_start();
 
 /**
@@ -47,13 +55,17 @@ public:
 class sdr_hold
 {
 public:
-    sdr_hold() : guard_(sdr_module.lock) {}
-    ~sdr_hold() { sdr_wake_listener(); }
+    sdr_hold() { pthread_mutex_lock(&sdr_module.lock); }
+    ~sdr_hold()
+    {
+        sdr_wake_listener();
+        pthread_mutex_unlock(&sdr_module.lock);
+        if (sdr_listener_waits.load(std::memory_order_relaxed)) {
+            sdr_let_listener_in();
+        }
+    }
     sdr_hold(const sdr_hold &) = delete;
     sdr_hold &operator=(const sdr_hold &) = delete;
-
-private:
-    mutex_guard guard_;
 };
 
 /** Building a call is silent, and a failed call tells the D-Bus error's text. */

@@ -7,6 +7,7 @@
 #include "sdr/connection.hpp"
 
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -29,9 +30,18 @@ static constinit bdbus_sdr_record *read_record = nullptr;
 void sdr_wake_listener()
 {
     uint64_t queued = 0;
-    if (!paused.load(std::memory_order_relaxed) && sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 &&
-        queued > 0) {
+    if (sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 && queued > 0) {
         eventfd_write(wake_fd, 1); // fails only when it is raised already
+    }
+}
+
+constinit std::atomic<bool> sdr_listener_waits{false};
+
+// A mutex goes to whoever is there first, which would be a caller that makes one call after another, every time.
+void sdr_let_listener_in()
+{
+    for (int i = 0; i < 1000 && sdr_listener_waits.load(std::memory_order_relaxed); i++) {
+        sched_yield();
     }
 }
 
@@ -239,7 +249,9 @@ static void *listen(void * /*argument*/)
     for (;;) {
         wait_for next = {};
         {
+            sdr_listener_waits.store(true, std::memory_order_relaxed);
             const mutex_guard guard(sdr_module.lock);
+            sdr_listener_waits.store(false, std::memory_order_relaxed);
             next = dispatch_one();
         }
         tell_reading();
@@ -263,16 +275,21 @@ static int create_thread()
     return error;
 }
 
+void sdr_subscribe(sd_bus *bus)
+{
+    own_name = nullptr;
+    sd_bus_get_unique_name(bus, &own_name);
+    for (const auto &[member, handler] : signals) {
+        match_signal(bus, sdr_service, member, handler);
+    }
+}
+
 int32_t sdr_listener_start()
 {
     if (wake_fd < 0) {
         wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (wake_fd < 0) {
             return -errno;
-        }
-        sd_bus_get_unique_name(sdr_module.bus, &own_name);
-        for (const auto &[member, handler] : signals) {
-            match_signal(sdr_module.bus, sdr_service, member, handler);
         }
     }
     return -create_thread();

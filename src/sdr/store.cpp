@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "sdr/store.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -22,7 +23,7 @@ void sdr_cell::store(const bdbus_sdr_record &record)
 #pragma GCC unroll 32
     for (std::size_t i = 0; i < count; i++) {
         uintptr_t value = 0;
-        memcpy(&value, bytes + i * sizeof(value), sizeof(value));
+        memcpy(&value, bytes + i * sizeof(value), std::min(sizeof(value), sizeof(record) - i * sizeof(value)));
         words[i].store(value, std::memory_order_relaxed);
     }
 }

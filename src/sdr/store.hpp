@@ -23,12 +23,12 @@ namespace bdbus
 /** A record's memory, as words that may be read while they are written. */
 struct sdr_cell {
     using word = std::atomic<uintptr_t>;
-    static constexpr std::size_t count = sizeof(bdbus_sdr_record) / sizeof(word);
-    static_assert(count * sizeof(word) == sizeof(bdbus_sdr_record) && count % 2 == 0 && word::is_always_lock_free);
+    static constexpr std::size_t count = (sizeof(bdbus_sdr_record) + 2 * sizeof(word) - 1) / (2 * sizeof(word)) * 2;
+    static_assert(count * sizeof(word) - sizeof(bdbus_sdr_record) < 2 * sizeof(word) && word::is_always_lock_free);
 
     word words[count];
 
-    /** A copy of the words that a compiler can keep in registers. */
+    /** A copy of the words, in pairs, that a compiler can keep in registers. */
     struct copy {
         using pair = uintptr_t __attribute__((vector_size(2 * sizeof(uintptr_t))));
         pair pairs[count / 2];

@@ -10,7 +10,7 @@ constexpr size_t entries_max = 100'000;
 // The whole list must fit one D-Bus message of the usual limit of 32 MiB.
 constexpr size_t bytes_max = 30U << 20;
 constexpr size_t entry_bytes_max = 64U << 10;
-constexpr size_t shown_bytes_max = 32;
+constexpr size_t shown_bytes_max = 64;
 
 std::string hex(const byte_vector &bytes, size_t count)
 {

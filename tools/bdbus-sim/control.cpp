@@ -79,7 +79,7 @@ void fill_control(service &control, simulator &simulator)
     control.add_object({
         action("Reset", "", [=](const call &) { sim->reset(); }),
         action("SetState", "s", [=](const call &what) { sim->state.patch(json_of(what)); }),
-        query("GetState", "", "s", [=](const call &) { return to_text(sim->state.all()); }),
+        query("GetState", "", "s", [=](const call &) { return to_text(sim->state.shown()); }),
         action("AddFault", "s", [=](const call &what) { sim->add_fault(json_of(what)); }),
         action("ClearFaults", "", [=](const call &) { sim->faults.clear(); }),
         action("Emit", "s", [=](const call &what) { emit(*sim, *self, json_of(what)); }),

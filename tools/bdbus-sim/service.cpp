@@ -50,6 +50,13 @@ void read_arguments(call &what, sd_bus_message *message)
         what.args.push_back(std::move(args[2]["value"]));
 }
 
+void hide_texts(json &args)
+{
+    for (json &arg : args)
+        if (arg.is_string())
+            arg = {{"length", arg.get_ref<const std::string &>().size()}};
+}
+
 bool has_interface(const std::string &asked, const std::string &own)
 {
     return asked.empty() || asked == own;
@@ -359,6 +366,9 @@ void service::receive(sd_bus_message *message)
 
     record(what);
     fault disturbance = faults_ == nullptr ? fault{} : faults_->take(name_, what);
+    const method *method = find_method(what.member);
+    if (method != nullptr && method->duration)
+        disturbance.delay += method->duration(what);
     if (disturbance.delay.count() > 0)
         delay(message, std::move(what), std::move(disturbance));
     else
@@ -369,13 +379,17 @@ void service::record(const call &what)
 {
     if (calls_ == nullptr)
         return;
+    json args = what.args;
+    const method *method = find_method(what.member);
+    if (method != nullptr && method->has_secrets)
+        hide_texts(args);
     calls_->add(name_, {{"service", name_},
                         {"kind", what.kind},
                         {"path", what.path},
                         {"interface", what.interface},
                         {"member", what.member},
                         {"signature", what.signature},
-                        {"args", what.args},
+                        {"args", std::move(args)},
                         {"sender", what.sender}});
 }
 

@@ -15,6 +15,7 @@
 #include "faults.hpp"
 #include "json.hpp"
 
+#include <chrono>
 #include <functional>
 #include <list>
 #include <map>
@@ -56,6 +57,8 @@ struct method {
     std::string out;
     handler_function handler;
     std::string interface;
+    std::function<std::chrono::milliseconds(const call &)> duration; // before it is carried out; none: no time
+    bool has_secrets = false;                                        // the call list shows the lengths of its texts
 };
 
 struct property {

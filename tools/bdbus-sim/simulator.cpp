@@ -24,6 +24,8 @@ simulator::simulator(event_loop &event_loop_, const json &scenario)
     add_sel(*this);
     add_raid(*this);
     add_network(*this);
+    add_authlog(*this);
+    add_rstorage(*this);
     fill_control(control_, *this);
 
     object_reader reader(scenario, "scenario", {"state", "faults"});

@@ -64,6 +64,8 @@ void add_sdr(simulator &simulator);
 void add_sel(simulator &simulator);
 void add_raid(simulator &simulator);
 void add_network(simulator &simulator);
+void add_authlog(simulator &simulator);
+void add_rstorage(simulator &simulator);
 
 void fill_control(service &control, simulator &simulator);
 

@@ -60,7 +60,7 @@ void check_leaf(const std::string &place, const json &value, const std::string &
 
 void check_text(const std::string &place, const json &value, const std::string &type)
 {
-    size_t most = type == "s" ? elements_max : std::stoul(type.substr(1));
+    size_t most = type.size() == 1 ? elements_max : std::stoul(type.substr(1));
     if (!value.is_string() || value.get_ref<const std::string &>().size() > most)
         refuse(place, "must be a text of at most " + std::to_string(most) + " bytes");
 }
@@ -110,7 +110,7 @@ void check_shape(const std::string &place, const json &value, const json &shape)
         return check_array(place, value, shape.at(0), 0, elements_max);
 
     auto type = shape.get<std::string>();
-    if (type.front() == 's')
+    if (type.front() == 's' || type == "p")
         check_text(place, value, type);
     else if (type.size() > 1)
         check_bytes(place, value, type);
@@ -129,6 +129,25 @@ void check_array(const std::string &place, const json &value, const json &elemen
         check_shape(below(place, std::to_string(i)), value[i], element);
 }
 
+// The shape of an object's value; null when there must be none.
+// The shape of a member, by its name or by what kind of name it is; null when it may not be there.
+const json *find_rule(const json &shape, const std::string &key)
+{
+    const std::pair<const char *, bool> kinds[] = {
+        {"*", true},
+        {"#", is_number(key, 1, 65'534)},
+        {"#y", is_number(key, 0, 255)},
+        {"@", is_path_element(key)},
+    };
+    for (const std::string &name : {key, key + "?"})
+        if (auto rule = shape.find(name); rule != shape.end())
+            return &*rule;
+    for (const auto &[name, fits] : kinds)
+        if (auto rule = shape.find(name); fits && rule != shape.end())
+            return &*rule;
+    return nullptr;
+}
+
 void check_object(const std::string &place, const json &value, const json &shape)
 {
     if (!value.is_object())
@@ -138,24 +157,30 @@ void check_object(const std::string &place, const json &value, const json &shape
             refuse(place, "needs the key \"" + key + "\"");
 
     for (const auto &[key, element] : value.items()) {
-        auto rule = shape.find(key);
-        if (rule == shape.end())
-            rule = shape.find(key + "?");
-        if (rule == shape.end())
-            rule = shape.find("*");
-        if (rule == shape.end() && is_number(key, 1, 65'534))
-            rule = shape.find("#");
-        if (rule == shape.end() && is_number(key, 0, 255))
-            rule = shape.find("#y");
-        if (rule == shape.end() && is_path_element(key))
-            rule = shape.find("@");
-        if (rule == shape.end())
+        const json *rule = find_rule(shape, key);
+        if (rule == nullptr)
             refuse(place, "no such key: \"" + key + "\"");
         check_shape(below(place, key), element, *rule);
     }
 }
 
+void hide_passwords(json &value, const json &shape)
+{
+    if (shape == "p" && !value.get_ref<const std::string &>().empty())
+        value = "(hidden)";
+    if (shape.is_object())
+        for (auto &[key, element] : value.items())
+            hide_passwords(element, *find_rule(shape, key));
+}
+
 } // namespace
+
+json state_document::shown() const
+{
+    json shown = current_;
+    hide_passwords(shown, shape_);
+    return shown;
+}
 
 void state_document::add_section(const std::string &name, json defaults, json shape)
 {

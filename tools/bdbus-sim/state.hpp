@@ -8,6 +8,7 @@
  *   "b"                       true or false
  *   "y", "q", "i", "u", "t"   number in the range of that D-Bus type
  *   "s", "s11"                text, of at most so many bytes
+ *   "p"                       password: a text that is not shown
  *   "ay", "6y"                bytes as an array of numbers, any or exactly so many
  *   [shape]                   array of such values
  *   [shape, shape, …]         array of just these values
@@ -43,7 +44,8 @@ public:
     // state.
     void patch(const json &patch);
 
-    const json &all() const { return current_; }
+    // The whole state, with its passwords hidden.
+    json shown() const;
 
     // The value at a place such as "/bmc/post".
     const json &at(const std::string &pointer) const { return current_.at(json::json_pointer(pointer)); }

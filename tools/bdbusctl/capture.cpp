@@ -97,8 +97,9 @@ std::vector<std::string> outcome::faults() const
 
 bool outcome::bus_unreachable() const
 {
-    return std::any_of(lines.begin(), lines.end(),
-                       [](const std::string &line) { return line.starts_with("Failed to connect to system bus"); });
+    // It is the first fault that the library tells; after another one, a service may say the same of itself.
+    const auto told = faults();
+    return !told.empty() && told.front().starts_with("Failed to connect to system bus");
 }
 
 outcome observe(const std::function<int32_t()> &call)

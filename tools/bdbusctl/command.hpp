@@ -91,5 +91,7 @@ void add_image(CLI::App &program, session &run);
 void add_sdr(CLI::App &program, session &run);
 void add_sel(CLI::App &program, session &run);
 void add_raid(CLI::App &program, session &run);
+void add_authlog(CLI::App &program, session &run);
+void add_rstorage(CLI::App &program, session &run);
 
 } // namespace bdbusctl

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #pragma once
 
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -26,6 +28,19 @@ public:
     ~held_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     held_signals(const held_signals &) = delete;
     held_signals &operator=(const held_signals &) = delete;
+
+    // Does what may block for long, as writing to a stopped pager does: one that comes meanwhile ends the program at
+    // once, as done.
+    template <typename Action>
+    void end_during(Action action) const
+    {
+        for (const int number : {SIGINT, SIGTERM, SIGHUP})
+            if (sigismember(&set_, number) > 0)
+                signal(number, [](int /*number*/) { _exit(0); });
+        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
+        action();
+        pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+    }
 
     // Whether one came within the time.
     bool wait(std::chrono::milliseconds duration) const

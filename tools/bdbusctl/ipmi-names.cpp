@@ -202,7 +202,11 @@ std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names,
 std::string completion_name(uint8_t code)
 {
     const bool of_command = code >= 0x80 && code <= 0xBE;
-    return std::string(find_name(generic_completions, code, of_command ? "command-specific code" : "unknown code"));
+    const bool of_device = code >= 0x01 && code <= 0x7E;
+    return std::string(find_name(generic_completions, code,
+                                 of_command  ? "command-specific code"
+                                 : of_device ? "device-specific code"
+                                             : "unknown code"));
 }
 
 failure completion_failure(const std::string &message, uint8_t code, const std::string &name)

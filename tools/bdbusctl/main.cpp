@@ -38,7 +38,7 @@ void set_timeout(const std::string &text)
     double seconds = 0;
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
-    if (error != std::errc() || stop != end || seconds < 0.001 || seconds > 1e6)
+    if (error != std::errc() || stop != end || !(seconds >= 0.001 && seconds <= 1e6))
         throw failure("--timeout: '" + one_line(text) + "' is not a number of seconds from 0.001 to 1000000",
                       exit_status::usage);
     setenv("SYSTEMD_BUS_TIMEOUT", format("%.6fs", seconds).c_str(), 1);
@@ -113,6 +113,8 @@ exit_status run_program(int argc, char **argv)
         add_hpm1(program, run);
         add_sdr(program, run);
         add_sel(program, run);
+        add_authlog(program, run);
+        add_rstorage(program, run);
         add_image(program, run);
         add_raid(program, run);
         parse_and_run(program, run, argc, argv);

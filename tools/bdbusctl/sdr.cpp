@@ -160,7 +160,7 @@ void add_events(record &fields, const sensor &shown)
 {
     const auto add = [&](const std::string &key, const std::string &label, const bdbus_sdr_event &event) {
         const auto add_mask = [&](const char *which, const char *title, uint16_t mask) {
-            const auto names = event_names(shown.event_type(), shown.type(), mask & 0x0FFF);
+            const auto names = shown.event_names(mask);
             const std::string raw = format("0x%04x", mask);
             fields.add((key + which).c_str(), (label + title).c_str(),
                        {names.empty() ? raw : raw + " (" + join(names, ", ") + ")", mask});
@@ -407,8 +407,10 @@ void watch(const session &run, const watch_arguments &given)
 {
     announced();
     bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
+        constexpr size_t most = 100'000; // while nobody takes the output
         const std::scoped_lock held(announced().lock);
-        announced().records.push_back(*record);
+        if (announced().records.size() < most)
+            announced().records.push_back(*record);
     };
     const outcome opened = open_repository(run);
     if (!opened.faults().empty())

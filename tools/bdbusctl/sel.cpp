@@ -130,7 +130,7 @@ std::optional<failure> read_log(const session &run, report &table)
         add_row(table, bytes);
         seen.set(id);
         seen.set(little_endian(bytes, 0, 2));
-        if (seen.test(entry.next_record_id))
+        if (entry.next_record_id != last_entry && seen.test(entry.next_record_id))
             return failure(format("the log runs in a circle: entry %u comes again", entry.next_record_id));
         id = entry.next_record_id;
     }

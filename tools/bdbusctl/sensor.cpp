@@ -265,6 +265,15 @@ cell sensor::reading() const
     return value(record_.reading, true);
 }
 
+// A threshold sensor's masks have other bits above its twelve events.
+std::vector<std::string> sensor::event_names(uint16_t mask) const
+{
+    if (!has_type())
+        return {};
+    const uint16_t events = event_type() == threshold_events ? 0x0FFF : 0x7FFF;
+    return bdbusctl::event_names(event_type(), type(), mask & events);
+}
+
 // As the sensor compares: raw values, at a threshold is beyond it. Discrete sensors show what is asserted.
 cell sensor::state() const
 {
@@ -273,7 +282,7 @@ cell sensor::state() const
     if (!has_type())
         return "unknown";
     if (event_type() != threshold_events) {
-        const auto names = event_names(event_type(), type(), record_.event_status.assertion_mask & 0x7FFF);
+        const auto names = event_names(record_.event_status.assertion_mask);
         return names.empty() ? "ok" : join(names, ", ");
     }
     if (!is_analog())

@@ -48,6 +48,7 @@ public:
     uint8_t type() const { return byte(12); }
     uint8_t event_type() const { return byte(13); }
     bool has_type() const; // full and compact records say what the sensor is
+    std::vector<std::string> event_names(uint16_t mask) const;
     bool has_threshold(size_t index) const;
 
     // A raw value as text and number: in engineering units, with the unit or without, or hex where there are none.

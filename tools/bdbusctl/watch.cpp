@@ -27,9 +27,11 @@ void follow(const session &run, const watch_arguments &given, const std::functio
             const std::string now = time_text(static_cast<uint32_t>(time(nullptr)));
             json object{{"time", now}};
             object.update(document);
-            lines.print(now + " " + line, object);
-            if (fflush(stdout) != 0)
-                throw failure("cannot write the output");
+            signals.end_during([&, &text = line] {
+                lines.print(now + " " + text, object);
+                if (fflush(stdout) != 0)
+                    throw failure("cannot write the output");
+            });
             if (++shown == given.count)
                 return;
         }

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "simulator.hpp"
+
+#include <chrono>
+#include <iterator>
+#include <string>
+
+namespace
+{
+
+enum result : int32_t { refused = -1, done = 0, was_so = 1 };
+enum question : uint8_t { is_mounted, is_active };
+
+struct disk_value {
+    const char *property;
+    const char *type; // of the property
+    const char *key;  // in the state
+};
+
+constexpr disk_value disk_values[] = {
+    {"Active", "b", "active"},
+    {"Connected", "b", "connected"},
+    {"Mounted", "b", "mounted"},
+    {"MediaType", "y", "media_type"},
+    {"ProcotolType", "y", "protocol_type"}, // spelt as clients ask for it
+    {"WriteProtected", "b", "write_protected"},
+    {"SmbShareAddr", "s", "smb_share_addr"},
+    {"UserName", "s", "user_name"},
+    {"SmbPathToFile", "s", "smb_path_to_file"},
+    {"ImageName", "s", "image_name"},
+    {"ImageURL", "s", "image_url"},
+    {"Password", "s", "password"},
+    {"Domain", "s", "domain"},
+};
+
+class disks
+{
+public:
+    disks(state_document &state, std::string path) : state_(state), prefix_(std::move(path) + "/Disk/") {}
+
+    std::vector<std::string> paths() const;
+    json &at(const call &what) const { return all().at(what.path.substr(prefix_.size())); }
+    std::chrono::milliseconds mount_time(const call &what) const;
+
+private:
+    json &all() const { return state_.own("rstorage")["disks"]; }
+
+    state_document &state_;
+    std::string prefix_;
+};
+
+std::vector<std::string> disks::paths() const
+{
+    std::vector<std::string> paths;
+    for (const auto &[number, disk] : all().items())
+        paths.push_back(prefix_ + number);
+    return paths;
+}
+
+std::chrono::milliseconds disks::mount_time(const call &what) const
+{
+    auto disk = what.path.starts_with(prefix_) ? all().find(what.path.substr(prefix_.size())) : all().end();
+    return std::chrono::milliseconds(disk == all().end() ? 0U : disk->at("mount_ms").get<uint32_t>());
+}
+
+struct outcome {
+    int32_t result;
+    std::string text = {}; // of a mount
+};
+
+outcome change(json &disk, const char *key, bool value, bool allowed)
+{
+    if (disk[key] == value)
+        return {was_so};
+    if (!allowed)
+        return {refused};
+    disk[key] = value;
+    return {done};
+}
+
+// An empty password is the disk's own.
+outcome mount(json &disk, const call &what)
+{
+    auto password = what.arg<std::string>(0);
+    if (!password.empty() && disk["password"] != password)
+        return {refused, "wrong password"};
+    if (disk["image_name"].get_ref<const std::string &>().empty())
+        return {refused, "no image"};
+    disk["connected"] = true;
+    return {change(disk, "mounted", true, true).result, disk["image_name"]};
+}
+
+outcome unmount(json &disk, const call & /*what*/)
+{
+    return change(disk, "mounted", false, disk["active"] == false);
+}
+
+outcome gadget_start(json &disk, const call &what)
+{
+    disk["gadget"] = what.args;
+    return change(disk, "active", true, disk["mounted"] == true);
+}
+
+outcome gadget_stop(json &disk, const call & /*what*/)
+{
+    return change(disk, "active", false, true);
+}
+
+outcome status(json &disk, const call &what)
+{
+    auto asked = what.arg<uint8_t>(0);
+    const char *key = asked == is_mounted ? "mounted" : asked == is_active ? "active" : "status";
+    return {disk[key].get<int32_t>()};
+}
+
+// An answer in the disk's state takes the place of the action.
+method row(const disks &all, const char *member, const char *in, const char *out,
+           outcome (*action)(json &, const call &))
+{
+    return method(member, in, out, [=, has_text = std::string(out) == "is"](const call &what) {
+        json &disk = all.at(what);
+        auto answer = disk["answer"].get<int32_t>();
+        auto [result, text] = answer == 0 ? action(disk, what) : outcome{answer};
+        return has_text ? json::array({result, text}) : json::array({result});
+    });
+}
+
+json default_disk(const json &changes)
+{
+    json disk = {{"mount_ms", 0}, {"answer", 0}, {"status", 0}, {"gadget", {0, false}}};
+    for (const auto &[property, type, key] : disk_values)
+        disk[key] = type[0] == 's' ? json("") : type[0] == 'b' ? json(false) : json(0);
+    disk.merge_patch(changes);
+    return disk;
+}
+
+json default_disks()
+{
+    return {{"1", default_disk({{"active", true},
+                                {"connected", true},
+                                {"mounted", true},
+                                {"media_type", 1},
+                                {"protocol_type", 1},
+                                {"write_protected", true},
+                                {"smb_share_addr", "192.0.2.10"},
+                                {"user_name", "installer"},
+                                {"smb_path_to_file", "images/rescue.iso"},
+                                {"image_name", "rescue.iso"},
+                                {"password", "quiet lanterns over 7 harbours"},
+                                {"domain", "LAB"}})},
+            {"2", default_disk({{"connected", true},
+                                {"media_type", 2},
+                                {"protocol_type", 2},
+                                {"image_name", "scratch.img"},
+                                {"image_url", "https://images.example.org/scratch.img"}})},
+            {"3", default_disk(json::object())}};
+}
+
+json disk_shape()
+{
+    json shape = {{"mount_ms", "u"}, {"answer", "i"}, {"status", "i"}, {"gadget", {"y", "b"}}};
+    for (const auto &[property, type, key] : disk_values)
+        shape[key] = type;
+    shape["password"] = "p";
+    return shape;
+}
+
+} // namespace
+
+void add_rstorage(simulator &simulator)
+{
+    simulator.state.add_section("rstorage", {{"disks", default_disks()}}, {{"disks", {{"#", disk_shape()}}}});
+
+    service &service = simulator.add_service("RStorage1");
+    disks all(simulator.state, service.path());
+    object_table table{.paths = [=] {
+        return all.paths();
+    }};
+    table.methods = {
+        row(all, "Mount", "s", "is", mount),
+        row(all, "Unmount", "", "i", unmount),
+        row(all, "GadgetStart", "yb", "i", gadget_start),
+        row(all, "GadgetStop", "", "i", gadget_stop),
+        row(all, "Status", "y", "i", status),
+    };
+    table.methods.front().duration = [=](const call &what) {
+        return all.mount_time(what);
+    };
+    table.methods.front().has_secrets = true;
+    for (const disk_value &value : disk_values)
+        table.properties.emplace_back("", value.property, value.type,
+                                      [=](const call &what) { return all.at(what).at(value.key); });
+    service.add_object(std::move(table));
+}
