@@ -253,13 +253,18 @@ void list(const session &run)
                   {"neighbor", "NEIGHBOR"},
                   {"port", "PORT"}});
     json all = json::array();
-    for (const auto &name : node_names(run)) {
-        const json node = describe(run, name).to_json();
-        table.add({name, up_down(node["link_status"]), on_off(node["lldp_enabled"]), yes_no(node["lldp_support"]),
-                   hex_of(node["pci_vendor_id"]) + ":" + hex_of(node["pci_device_id"]),
-                   hex_of(node["pci_sub_vendor_id"]) + ":" + hex_of(node["pci_sub_id"]), text_of(node["sys_name"]),
-                   text_of(node["port_id"])});
-        all.push_back(node);
+    const auto names = node_names(run);
+    try {
+        for (const auto &name : names) {
+            const json node = describe(run, name).to_json();
+            table.add({name, up_down(node["link_status"]), on_off(node["lldp_enabled"]), yes_no(node["lldp_support"]),
+                       hex_of(node["pci_vendor_id"]) + ":" + hex_of(node["pci_device_id"]),
+                       hex_of(node["pci_sub_vendor_id"]) + ":" + hex_of(node["pci_sub_id"]), text_of(node["sys_name"]),
+                       text_of(node["port_id"])});
+            all.push_back(node);
+        }
+    } catch (const failure &error) {
+        table.show_so_far(run, error, "nodes", all);
     }
     if (run.wants_json())
         run.print(all);

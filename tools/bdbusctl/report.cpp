@@ -50,6 +50,14 @@ void report::show(const session &run) const
         show_table(run);
 }
 
+void report::show_so_far(const session &run, failure error, const char *key, json rows) const
+{
+    error.document[key] = rows.is_null() ? to_json() : std::move(rows);
+    if (!run.wants_json())
+        show_table(run);
+    throw failure(std::move(error));
+}
+
 void report::show_table(const session &run) const
 {
     const table_pointer table(made(scols_new_table()));

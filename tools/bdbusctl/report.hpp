@@ -50,6 +50,9 @@ public:
     void add(std::vector<cell> row);
     void show(const session &run) const;
     void show_table(const session &run) const;
+    // For a list that could not be read to its end: shows the table and fails. In JSON the rows stand as `key` beside
+    // the error; `rows` are those of the table unless given.
+    [[noreturn]] void show_so_far(const session &run, failure error, const char *key, json rows = nullptr) const;
     json to_json() const;
 
 private:

@@ -154,11 +154,8 @@ void list(const session &run, const list_arguments &given)
             read_disk(run, number, [&row](const auto & /*which*/, cell value) { row.push_back(std::move(value)); });
             table.add(std::move(row));
         }
-    } catch (failure &error) {
-        error.document["disks"] = table.to_json();
-        if (!run.wants_json())
-            table.show_table(run);
-        throw;
+    } catch (const failure &error) {
+        table.show_so_far(run, error, "disks");
     }
     table.show(run);
 }

@@ -107,13 +107,8 @@ void list(const session &run, const show_arguments &given)
     for (uint32_t id = 0; id <= UINT16_MAX; id++)
         if (bdbus_sdr_get(static_cast<uint16_t>(id), &record) == 0)
             add_row(table, sensor(record));
-    if (!opened.faults().empty()) {
-        failure error = unreadable(opened);
-        error.document["sensors"] = table.to_json();
-        if (!run.wants_json())
-            table.show_table(run);
-        throw error;
-    }
+    if (!opened.faults().empty())
+        table.show_so_far(run, unreadable(opened), "sensors");
     table.show(run);
 }
 

@@ -140,12 +140,8 @@ std::optional<failure> read_log(const session &run, report &table)
 void list(const session &run)
 {
     report table = new_report();
-    if (auto error = read_log(run, table)) {
-        error->document["entries"] = table.to_json();
-        if (!run.wants_json())
-            table.show_table(run);
-        throw failure(*error);
-    }
+    if (const auto error = read_log(run, table))
+        table.show_so_far(run, *error, "entries");
     table.show(run);
 }
 
