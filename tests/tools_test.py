@@ -386,7 +386,7 @@ class Tools(unittest.TestCase):
         self.assertEqual([(call['member'], call['args'][0]['hex'].rstrip('0')) for call in json.loads('[' + calls)],
                          [('AuthLogAddEntry', '01ff3c'), ('AuthLogDelEntry', '04'), ('AuthLogDelEntry', '04'),
                           ('AuthLogClear', '434c52aa'), ('AuthLogClear', '00010203'), ('UserUpdate', '341207000a0b')])
-        for words in ('add', 'add 1', 'add ' + 'ab' * 40, 'delete 01', 'delete 010203', 'clear 0102', 'add x1'):
+        for words in ('add', 'add 1', 'add ' + 'ab' * 40, 'delete 01', 'delete 010203', 'clear 0102', 'add x1', 'add 1 2'):
             self.assert_status(run(CTL, '-y', 'authlog', *words.split(), env=NO_BUS), 2)
         self.assert_status(run(CTL, 'user', 'update', '1', '2', env=NO_BUS), 3)
 
@@ -418,6 +418,10 @@ class Tools(unittest.TestCase):
         self.assert_status(done, 1, 'Domain')
         self.assertEqual([row['disk'] for row in json.loads(done.stdout)['disks']], [1])
         self.assert_status(on_controller('$ctl rstorage mount 9'), 1, 'no such disk')
+        self.assert_status(on_controller('$ctl rstorage mount 2 --password-file - </dev/null'), 1, 'not a password')
+        done = on_controller('''$sim set '{"rstorage":{"disks":{"2":{"password":"sesame"}}}}' && $sim state >"$1" && $sim set "@$1" &&
+                             echo sesame | $ctl -j rstorage mount 2 --password-file -''', self.file('state', b''))
+        self.assertEqual(json.loads(done.stdout)['result'], 0)
         self.assert_status(run(CTL, 'rstorage', 'list', env=NO_BUS), 3)
         for words in ('gadget halt 1', 'gadget stop 1 --flag', 'mount 1 x --password-file -', 'show 2147483648'):
             self.assert_status(run(CTL, '-y', 'rstorage', *words.split(), env=NO_BUS), 2)

@@ -87,7 +87,8 @@ int32_t bdbus_rstorage_disk_get_status(int32_t disk, uint8_t byte_arg, int32_t *
  * Mount the disk's image. Waits no longer than for any other answer, 25 s unless the environment's SYSTEMD_BUS_TIMEOUT
  * says otherwise; a mount that takes longer fails here and may go on in the service.
  *
- * @param text_arg sent with the request; not null.
+ * @param text_arg sent with the request; not null. It passes through sd-bus's memory, where it is not wiped: unlike the
+ *                 texts that are read, a copy may stay behind in memory that was given back.
  * @param out      receives the service's result.
  * @param buf      receives the reply's text; null when only the result is wanted, and the reply need not have a text
  * then.

@@ -129,7 +129,7 @@ static int32_t rstorage_get_text(int32_t disk, const char *property, char *buf, 
     rstorage_query call(disk, untold);
     const char *text = nullptr;
     call.get_property(property, "s");
-    if (call.read<"s">(&text) >= 0) {
+    if (call.read<"s">(&text) >= 0 && text != nullptr) {
         rstorage_copy_text(buf, len, text);
         explicit_bzero(const_cast<char *>(text), strlen(text));
     }
@@ -224,7 +224,7 @@ int32_t bdbus_rstorage_disk_mount(int32_t disk, const char *text_arg, int32_t *o
         return call.read<"i">(out);
     }
     const char *text = nullptr;
-    if (call.read<"is">(out, &text) >= 0) {
+    if (call.read<"is">(out, &text) >= 0 && text != nullptr) {
         bdbus::rstorage_copy_text(buf, len, text);
     }
     return call.result();

@@ -40,8 +40,11 @@ constinit std::atomic<bool> sdr_listener_waits{false};
 // A mutex goes to whoever is there first, which would be a caller that makes one call after another, every time.
 void sdr_let_listener_in()
 {
-    for (int i = 0; i < 1000 && sdr_listener_waits.load(std::memory_order_relaxed); i++) {
+    for (int i = 0; i < 100 && sdr_listener_waits.load(std::memory_order_relaxed); i++) {
         sched_yield();
+    }
+    if (sdr_listener_waits.load(std::memory_order_relaxed)) {
+        poll(nullptr, 0, 1); // to a caller of a higher priority, the listener's turn comes only while it sleeps
     }
 }
 

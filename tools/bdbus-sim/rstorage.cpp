@@ -186,7 +186,7 @@ void add_rstorage(simulator &simulator)
     table.methods.front().duration = [=](const call &what) {
         return all.mount_time(what);
     };
-    table.methods.front().has_secrets = true;
+    service.keep_texts_secret();
     for (const disk_value &value : disk_values)
         table.properties.emplace_back("", value.property, value.type,
                                       [=](const call &what) { return all.at(what).at(value.key); });

@@ -380,8 +380,7 @@ void service::record(const call &what)
     if (calls_ == nullptr)
         return;
     json args = what.args;
-    const method *method = find_method(what.member);
-    if (method != nullptr && method->has_secrets)
+    if (has_secrets_)
         hide_texts(args);
     calls_->add(name_, {{"service", name_},
                         {"kind", what.kind},

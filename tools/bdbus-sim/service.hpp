@@ -58,7 +58,6 @@ struct method {
     handler_function handler;
     std::string interface;
     std::function<std::chrono::milliseconds(const call &)> duration; // before it is carried out; none: no time
-    bool has_secrets = false;                                        // the call list shows the lengths of its texts
 };
 
 struct property {
@@ -103,6 +102,9 @@ public:
     // One object at the service's usual path.
     void add_object(std::vector<method> methods, std::vector<property> properties = {},
                     std::vector<signal_row> signals = {});
+
+    // The call list shows only the lengths of texts.
+    void keep_texts_secret() { has_secrets_ = true; }
 
     // What to do when anybody sends a signal on the service's own object.
     void listen(const std::string &member, std::function<void()> action);
@@ -170,6 +172,7 @@ private:
     fault_list *faults_;
     std::vector<object_table> objects_;
     std::map<std::string, std::function<void()>> listeners_; // by signal
+    bool has_secrets_ = false;
     std::list<delayed_call> delayed_;
     timer_ptr return_;
     bus_ptr bus_;

@@ -164,13 +164,26 @@ void check_object(const std::string &place, const json &value, const json &shape
     }
 }
 
+const char *const hidden = "(hidden)";
+
 void hide_passwords(json &value, const json &shape)
 {
     if (shape == "p" && !value.get_ref<const std::string &>().empty())
-        value = "(hidden)";
+        value = hidden;
     if (shape.is_object())
         for (auto &[key, element] : value.items())
             hide_passwords(element, *find_rule(shape, key));
+}
+
+// A password that was read hidden stays as it is when it is written back.
+void keep_passwords(json &value, const json &before, const json &shape)
+{
+    if (shape == "p" && value == hidden && before.is_string())
+        value = before;
+    if (shape.is_object() && before.is_object())
+        for (auto &[key, element] : value.items())
+            if (auto old = before.find(key); old != before.end())
+                keep_passwords(element, *old, *find_rule(shape, key));
 }
 
 } // namespace
@@ -212,6 +225,7 @@ void state_document::patch(const json &patch)
     json next = current_;
     next.merge_patch(patch);
     check_shape("", next, shape_);
+    keep_passwords(next, current_, shape_);
     replace(std::move(next));
 }
 

@@ -15,19 +15,11 @@ namespace bdbusctl
 namespace
 {
 
-// Goes through all bytes or none: `target` is filled from its start.
-void parse_bytes(const std::vector<std::string> &words, size_t least, std::span<uint8_t> target)
+// The bytes go to the start of `target`.
+void take_bytes(const std::vector<std::string> &words, size_t least, std::span<uint8_t> target)
 {
-    const std::string digits = join(words, "");
-    if (digits.size() % 2 != 0 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw failure("BYTES: must be two hex digits for each byte", exit_status::usage);
-    const size_t count = digits.size() / 2;
-    if (count < least || count > target.size())
-        throw failure(format("BYTES: must be %s%zu bytes, not %zu", least < target.size() ? "at most " : "",
-                             target.size(), count),
-                      exit_status::usage);
-    for (size_t index = 0; index < count; index++)
-        target[index] = static_cast<uint8_t>(std::stoul(digits.substr(2 * index, 2), nullptr, 16));
+    const auto bytes = read_bytes(words, least, target.size());
+    std::copy(bytes.begin(), bytes.end(), target.begin());
 }
 
 template <class exchange>
@@ -73,14 +65,14 @@ void declare_clear(CLI::App &command, log_arguments &given)
 void add(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{};
-    parse_bytes(given.bytes, 1, request.data);
+    take_bytes(given.bytes, 1, request.data);
     send(run, "add the entry", bdbus_user_authlog_add_entry, request);
 }
 
 void remove(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{};
-    parse_bytes(given.bytes, 2, std::span(request.data).first(2));
+    take_bytes(given.bytes, 2, std::span(request.data).first(2));
     const std::string entry = "entry " + hex_digits(std::span(request.data).first(2));
     run.confirm("This deletes " + entry + " of the authentication log.");
     send(run, "delete " + entry, bdbus_user_authlog_del_entry, request);
@@ -90,7 +82,7 @@ void clear(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{{0, 0, 'C', 'L', 'R', 0xAA}, 0, 0};
     if (!given.bytes.empty())
-        parse_bytes(given.bytes, 4, std::span(request.data).subspan(2, 4));
+        take_bytes(given.bytes, 4, std::span(request.data).subspan(2, 4));
     run.confirm("This erases all entries of the authentication log.");
     send(run, "clear the log", bdbus_user_authlog_clear, request);
 }
@@ -110,7 +102,7 @@ void declare_update(CLI::App &command, update_arguments &given)
 void update(const session &run, const update_arguments &given)
 {
     bdbus_user_update request{given.first, given.second, {}, 0, 0};
-    parse_bytes(given.bytes, 0, request.data);
+    take_bytes(given.bytes, 0, request.data);
     send(run, "tell of the user's update", bdbus_user_update_send_event, request);
 }
 

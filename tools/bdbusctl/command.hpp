@@ -82,6 +82,22 @@ CLI::Option *add_number(CLI::App &command, const std::string &name, number &targ
         description);
 }
 
+// The argument BYTES: from `least` to `most` bytes in hex.
+inline std::vector<uint8_t> read_bytes(const std::vector<std::string> &words, size_t least, size_t most)
+{
+    std::vector<uint8_t> bytes;
+    try {
+        bytes = parse_bytes(words);
+    } catch (const std::invalid_argument &reason) {
+        throw failure(std::string("BYTES: ") + reason.what(), exit_status::usage);
+    }
+    if (bytes.size() < least || bytes.size() > most)
+        throw failure(least == most ? format("BYTES: must be %zu bytes, not %zu", most, bytes.size())
+                                    : format("BYTES: must be %zu to %zu bytes, not %zu", least, most, bytes.size()),
+                      exit_status::usage);
+    return bytes;
+}
+
 void add_bypass(CLI::App &program, session &run);
 void add_config(CLI::App &program, session &run);
 void add_network(CLI::App &program, session &run);

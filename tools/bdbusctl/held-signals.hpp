@@ -29,8 +29,8 @@ public:
     held_signals(const held_signals &) = delete;
     held_signals &operator=(const held_signals &) = delete;
 
-    // Does what may block for long, as writing to a stopped pager does: one that comes meanwhile ends the program at
-    // once, as done.
+    // Does what may block for long, as asking a bus that hangs and writing to a stopped pager do: one that comes
+    // meanwhile ends the program at once, as done.
     template <typename Action>
     void end_during(Action action) const
     {

@@ -5,6 +5,9 @@
 
 #include <bdbus/rstorage.h>
 
+#include <termios.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -235,19 +238,60 @@ void declare_mount(CLI::App &command, mount_arguments &given)
         ->excludes(text);
 }
 
+// Keeps what is typed off the terminal.
+class silent_terminal
+{
+public:
+    silent_terminal() : is_terminal_(tcgetattr(STDIN_FILENO, &before_) == 0)
+    {
+        if (!is_terminal_)
+            return;
+        termios silent = before_;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+        fputs("Password: ", stderr);
+    }
+    ~silent_terminal()
+    {
+        if (is_terminal_) {
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+            fputc('\n', stderr);
+        }
+    }
+    silent_terminal(const silent_terminal &) = delete;
+    silent_terminal &operator=(const silent_terminal &) = delete;
+
+private:
+    termios before_{};
+    bool is_terminal_;
+};
+
+std::string first_line(FILE *file)
+{
+    std::string line;
+    for (int next; line.size() < text_bytes && (next = getc(file)) != EOF && next != '\n' && next != '\r';)
+        line.push_back(static_cast<char>(next));
+    return line;
+}
+
 // The first line, so that the file may end like any other.
 std::string read_password(const std::string &path)
 {
-    const bool is_stdin = path == "-";
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(is_stdin ? stdin : fopen(path.c_str(), "re"), fclose);
-    std::array<char, 4096> bytes{};
-    const size_t count = file ? fread(bytes.data(), 1, bytes.size(), file.get()) : 0;
-    if (!file || ferror(file.get()))
+    std::string text;
+    bool readable = true;
+    if (path == "-") {
+        const silent_terminal silent;
+        text = first_line(stdin);
+        readable = ferror(stdin) == 0;
+    } else {
+        const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "re"), fclose);
+        text = file ? first_line(file.get()) : "";
+        readable = file && ferror(file.get()) == 0;
+    }
+    if (!readable)
         throw failure("cannot read " + one_line(path) + ": " + strerror(errno));
-    std::string text(bytes.data(), count);
-    text.resize(std::min(text.find_first_of("\r\n"), text.size()));
-    if (text.size() == bytes.size() || text.find('\0') != std::string::npos)
-        throw failure(one_line(path) + ": not a password");
+    if (text.empty() || text.size() == text_bytes || text.find('\0') != std::string::npos)
+        throw failure((path == "-" ? "the standard input" : one_line(path)) + ": not a password");
     return text;
 }
 

@@ -213,13 +213,10 @@ void declare_add(CLI::App &command, add_arguments &given)
     command.add_flag("--deasserted", given.deasserted, "The event is over");
 }
 
-entry_bytes parse_entry(const std::string &digits)
+entry_bytes parse_entry(const std::vector<std::string> &words)
 {
     entry_bytes entry{};
-    if (digits.size() != 2 * entry.size() || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw failure("BYTES: an entry is 16 bytes, two hex digits each", exit_status::usage);
-    for (size_t index = 0; index < entry.size(); index++)
-        entry.at(index) = static_cast<uint8_t>(std::stoul(digits.substr(2 * index, 2), nullptr, 16));
+    std::ranges::copy(read_bytes(words, entry.size(), entry.size()), entry.begin());
     return entry;
 }
 
@@ -252,7 +249,7 @@ void add(const session &run, const add_arguments &given)
     if (given.bytes.empty() == !given.sensor_type)
         throw failure("give either the entry's bytes or --sensor-type (see bdbusctl sel add --help)",
                       exit_status::usage);
-    const entry_bytes entry = given.sensor_type ? make_event(given) : parse_entry(join(given.bytes, ""));
+    const entry_bytes entry = given.sensor_type ? make_event(given) : parse_entry(given.bytes);
     bdbus_sel_new_entry request{};
     std::copy(entry.begin(), entry.end(), request.data);
     record shown;

@@ -116,4 +116,16 @@ uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t large
     return value;
 }
 
+std::vector<uint8_t> parse_bytes(const std::vector<std::string> &words)
+{
+    std::vector<uint8_t> bytes;
+    for (const auto &word : words) {
+        if (word.size() % 2 != 0 || word.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+            throw std::invalid_argument("'" + one_line(word) + "' is not two hex digits for each byte");
+        for (size_t at = 0; at < word.size(); at += 2)
+            bytes.push_back(static_cast<uint8_t>(std::stoul(word.substr(at, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
 } // namespace bdbusctl

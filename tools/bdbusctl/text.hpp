@@ -37,4 +37,7 @@ std::string time_text(uint32_t seconds);
 // Decimal or 0x hex, nothing else around it; std::invalid_argument names what is wrong.
 uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest);
 
+// Words of two hex digits a byte each.
+std::vector<uint8_t> parse_bytes(const std::vector<std::string> &words);
+
 } // namespace bdbusctl

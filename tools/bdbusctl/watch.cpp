@@ -23,7 +23,9 @@ void follow(const session &run, const watch_arguments &given, const std::functio
     const held_signals signals;
     uint64_t shown = 0;
     do {
-        for (const auto &[line, document] : take()) {
+        std::vector<happening> happenings;
+        signals.end_during([&] { happenings = take(); });
+        for (const auto &[line, document] : happenings) {
             const std::string now = time_text(static_cast<uint32_t>(time(nullptr)));
             json object{{"time", now}};
             object.update(document);
