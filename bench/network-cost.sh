@@ -3,21 +3,15 @@
 # What the discovery of 10,000 nodes costs beside a bare call with a bare parse in two passes: instructions in user space (callgrind,
 # the slope between two numbers of calls, so that starting up does not count). And what 10,000 calls leave behind.
 # Usage: network-cost.sh BDBUS_SIM NETWORK
-set -euo pipefail
-sim=$1
+# shellcheck source=bench/lib.sh
+source "$(dirname "$0")/lib.sh"
 network=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 echo '{"state": {"network": {"extra_nodes": 9996}}}' >"$work/many.json" # and the four that are always there
 
-instructions() { # MODE CALLS
-    "$sim" run --scenario "$work/many.json" -- valgrind --tool=callgrind --callgrind-out-file=/dev/null "$network" "$1" "$2" \
-        2>"$work/log" >"$work/out" || { cat "$work/log" >&2; exit 1; }
-    sed -n 's/.*Collected : //p' "$work/log"
-}
+simulated+=(--scenario "$work/many.json")
 
 per_call() { # MODE
-    echo $((($(instructions "$1" 12) - $(instructions "$1" 2)) / 10))
+    echo $((($(instructions "$network" "$1" 12) - $(instructions "$network" "$1" 2)) / 10))
 }
 
 bare=$(per_call bare)

@@ -3,20 +3,12 @@
 # What a RAID query costs beside the same sd-bus calls written by hand, the connection of each call included: instructions in user space
 # (callgrind, the slope between two numbers of calls, so that starting up does not count); and that calls leave nothing behind.
 # Usage: raid-cost.sh BDBUS_SIM RAID
-set -euo pipefail
-sim=$1
+# shellcheck source=bench/lib.sh
+source "$(dirname "$0")/lib.sh"
 raid=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-
-instructions() { # MODE QUERY CALLS
-    "$sim" run -- valgrind --tool=callgrind --callgrind-out-file=/dev/null "$raid" "$@" 2>"$work/log" ||
-        { cat "$work/log" >&2; exit 1; }
-    sed -n 's/.*Collected : //p' "$work/log"
-}
 
 per_call() { # MODE QUERY
-    echo $((($(instructions "$1" "$2" 600) - $(instructions "$1" "$2" 200)) / 400))
+    echo $((($(instructions "$raid" "$1" "$2" 600) - $(instructions "$raid" "$1" "$2" 200)) / 400))
 }
 
 status=0

@@ -3,21 +3,17 @@
 # What an upload costs beside a bare sd-bus loop that sends the same blocks: instructions in user space for each block (callgrind,
 # the slope between two lengths, so that starting up does not count), and peak memory beyond the image.
 # Usage: upload-cost.sh BDBUS_SIM UPLOAD
-set -euo pipefail
-sim=$1
+# shellcheck source=bench/lib.sh
+source "$(dirname "$0")/lib.sh"
 upload=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 
-instructions() { # MODE BLOCKS
+upload_instructions() { # MODE BLOCKS
     "$upload" make "$work/image" "$2"
-    "$sim" run -- valgrind --tool=callgrind --callgrind-out-file=/dev/null "$upload" "$1" "$work/image" \
-        2>"$work/log" >"$work/out" || { cat "$work/log" >&2; exit 1; }
-    sed -n 's/.*Collected : //p' "$work/log"
+    instructions "$upload" "$1" "$work/image"
 }
 
 per_block() { # MODE
-    echo $((($(instructions "$1" 3000) - $(instructions "$1" 1000)) / 2000))
+    echo $((($(upload_instructions "$1" 3000) - $(upload_instructions "$1" 1000)) / 2000))
 }
 
 bare=$(per_block bare)
