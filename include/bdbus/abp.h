@@ -4,12 +4,21 @@
  * Advanced bypass: the global reset, the permanent global reset and the permanent bypass.
  *
  * Service `com.brisemont.AdvancedBypass`. Every call opens a connection of its own, asks the service once and closes
- * it.
+ * it; so the next call after a restart of the bus works again. A call waits up to 25 s for its answer, or what the
+ * environment's SYSTEMD_BUS_TIMEOUT says, and before that up to 90 s for a bus that takes the connection and says
+ * nothing.
  *
  * Results: the 32-bit integer that the service answered, as it stands. A call that failed returns 0 too and prints one
  * line on stderr, so a program that must tell the two apart looks at stderr.
  *
- * Threads: any thread may call. Calls of this family wait for one another, also while one waits for its answer.
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call as a failed one: 0, and the line says "Interrupted system call"
+ * (EINTR). The service may have carried the request out or not.
+ *
+ * Threads: any thread may call. Calls of this family wait for one another, also while one waits for its answer. A
+ * thread that is cancelled (pthread_cancel) inside a call ends only after it. A forked child may call too, unless
+ * another thread was inside a call of this family at the fork.
  */
 #ifndef BDBUS_ABP_H
 #define BDBUS_ABP_H
@@ -25,7 +34,7 @@ extern "C" {
  * Set the global reset.
  *
  * @param value its low 8 bits are sent; what they mean is the service's.
- * @return the service's answer, or 0 after a line on stderr.
+ * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
  */
 int32_t bdbus_abp_set_global_reset(int32_t value);
 
@@ -33,7 +42,7 @@ int32_t bdbus_abp_set_global_reset(int32_t value);
  * Set the permanent global reset.
  *
  * @param value its low 8 bits are sent; what they mean is the service's.
- * @return the service's answer, or 0 after a line on stderr.
+ * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
  */
 int32_t bdbus_abp_set_permanent_global_reset(int32_t value);
 
@@ -42,7 +51,7 @@ int32_t bdbus_abp_set_permanent_global_reset(int32_t value);
  *
  * @param first  sent first, its low 8 bits; what they mean is the service's.
  * @param second sent second, its low 8 bits.
- * @return the service's answer, or 0 after a line on stderr.
+ * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
  */
 int32_t bdbus_abp_set_permanent_bypass(int32_t first, int32_t second);
 

@@ -22,13 +22,28 @@
  * | "Hpm3.Enabled"                   | "b"  | no         |
  *
  * Keys are case-sensitive. A value is asked of the service once and then answered from the cache, without bus traffic,
- * until the key is set or the service announces a change. Notices are handled at the start of every get and set, one a
- * call.
+ * until the key is set or a change is announced, by whomever. Notices are handled at the start of every get and set,
+ * one a call: a change is seen once those that were queued before it have had their turn.
  *
  * Results: 0 or one of the codes below, always positive. Nothing is printed. A call that fails leaves its output
  * untouched.
  *
- * Threads: any thread may call; calls of this family wait for one another.
+ * The connection: the first call opens it and subscribes to the notice. It is open once the bus has greeted it and has
+ * answered the subscription, be it with a refusal; before that, a connection that was dropped or timed out is one that
+ * could not be opened, and the next call tries again. One that was open is never opened again: when the bus has gone
+ * away, calls that ask the service give 0x1000 | ECONNRESET once and 0x1000 | ENOTCONN from then on, until the process
+ * is restarted, while cached values are given on, whatever changes. A get on a bus that hangs waits one time-out: 90 s
+ * while it opens the connection, else 25 s or what the environment's SYSTEMD_BUS_TIMEOUT says.
+ *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with 0x1000 | EINTR, which can serve as a program's own limit on a
+ * call; a set has reached the service or not. While the connection is opened and subscribed, all signals are held back
+ * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ *
+ * Threads: any thread may call; calls of this family wait for one another. A thread that is cancelled (pthread_cancel)
+ * inside a call ends only after it. In a child that was forked while the connection was open, calls that ask the
+ * service give 0x1000 | ECHILD at once.
  */
 #ifndef BDBUS_CONFIG_H
 #define BDBUS_CONFIG_H
@@ -47,7 +62,7 @@ extern "C" {
 #define BDBUS_CONFIG_READ_ONLY 203       /**< the key cannot be set */
 #define BDBUS_CONFIG_NO_STRING_SET 204   /**< a text key cannot be set */
 #define BDBUS_CONFIG_NO_BUS 205          /**< no connection to the system bus; the next call tries again */
-#define BDBUS_CONFIG_ERRNO 0x1000        /**< bitwise-ORed with the errno of the step that failed */
+#define BDBUS_CONFIG_ERRNO 0x1000        /**< bitwise-ORed with the errno of the step that failed, such as EINTR */
 
 /**
  * Read a key.
@@ -57,8 +72,9 @@ extern "C" {
  * key's.
  * @param ...       for "u" and "b": `uint32_t *` (a "b" gives 0 or 1). For "s": `char *buf, uint32_t len`: the text,
  * cut at `len` bytes and then not terminated, padded with NULs up to `len` when it is shorter.
- * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_NO_BUS; 0x1000 | EINVAL for a null output,
- * before anything is sent; 0x1000 | ENOMEM without memory for the cached value; 0x1000 | errno as sd-bus gave it.
+ * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE; BDBUS_CONFIG_NO_BUS, after a single attempt to open the
+ * connection; 0x1000 | EINVAL for a null output, before anything is sent; 0x1000 | ENOMEM without memory for the cached
+ * value; 0x1000 | EINTR when a signal handler ended the call; 0x1000 | errno as sd-bus gave it.
  */
 int32_t bdbus_config_get(const char *key, const char *signature, ...);
 
@@ -71,7 +87,8 @@ int32_t bdbus_config_get(const char *key, const char *signature, ...);
  * @param signature the type of the value, "u" or "b"; only its first character is compared with the key's.
  * @param ...       `const uint32_t *`, the value.
  * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_READ_ONLY, in this order and without bus
- * traffic; 0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ * traffic; 0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS, after a single attempt to open the connection;
+ * 0x1000 | EINTR when a signal handler ended the call, with the value set or not; 0x1000 | errno as sd-bus gave it.
  */
 int32_t bdbus_config_set(const char *key, const char *signature, ...);
 

@@ -11,8 +11,20 @@
  * one line on stderr; the record is then untouched, but for fields of a reply that broke off after them. -EINVAL for a
  * null record, without a line and with nothing sent.
  *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
+ * target has got the command or not, and the reply is lost. While the connection is opened, all signals are held back
+ * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults, and so they are while a stage of upgrade_agent.h
+ * sends these commands.
+ *
  * Threads: any thread may call. The commands share one connection and one lock with upgrade.h and wait for one another.
- * They must not be called from a handler of ::bdbus_upgrade_callback_table, which runs with that lock held.
+ * They must not be called from a handler of ::bdbus_upgrade_callback_table, which runs with that lock held. A thread
+ * that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection
+ * was open, commands fail with -ECHILD at once.
+ *
+ * The connection is opened by the first call of either file, and never again once it was open (upgrade.h): when the bus
+ * has gone away, commands fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted.
  */
 #ifndef BDBUS_HPM1_H
 #define BDBUS_HPM1_H
@@ -141,7 +153,12 @@ int32_t bdbus_hpm1_target_upgrade_caps(bdbus_hpm1_target_caps_rec *rec);
 /** GetComponentProps: one property of one component. @return as the file says. */
 int32_t bdbus_hpm1_component_props(bdbus_hpm1_component_props_rec *rec);
 
-/** AbortFirmwareUpgrade: stop the upgrade that the target is in. @return as the file says. */
+/**
+ * AbortFirmwareUpgrade: stop the upgrade that the target is in. It waits for the command that another thread is
+ * sending, a block without limit.
+ *
+ * @return as the file says.
+ */
 int32_t bdbus_hpm1_abort_fw_upgrade(bdbus_hpm1_basic_rec *rec);
 
 /** InitiateUpgradeAction: start a backup, a preparation or an upload. @return as the file says. */
@@ -150,7 +167,8 @@ int32_t bdbus_hpm1_init_upgrade_action(bdbus_hpm1_upgrade_action_rec *rec);
 /**
  * UploadFirmwareBlock: send one block of the component whose upload was started.
  *
- * Waits for the answer without a time limit, and every other call of this file and of upgrade.h waits with it.
+ * Waits for the answer without a time limit, and every other call of this file and of upgrade.h waits with it, the
+ * abort too. A handler of SIGALRM, say, ends the wait with -EINTR; the target may have taken the block or not.
  *
  * @return as the file says; -EINVAL also for a `length` over BDBUS_HPM1_BLOCK_MAX, with nothing sent.
  */

@@ -26,13 +26,22 @@
  * | "LLDP.Neighbor.PortDescr"        | "s"  | `port_descr`           |
  * | "LLDP.Neighbor.SysDescr"         | "s"  | `sys_descr`            |
  *
- * Nothing is cached: every read asks the service, on a connection to the bus of its own. What a neighbour announces is
+ * Nothing is cached: every read asks the service, on a connection to the bus of its own; so the next call after a
+ * restart of the bus works again. A read waits up to 25 s for its answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says, and before that up to 90 s for a bus that takes the connection and says nothing. What a neighbour announces is
  * handed on as it came; who prints it must expect anything in it.
  *
  * Results: 0 or one of the codes below, always positive. Nothing is printed. A null pointer where one is required gives
  * 0x1000 | EINVAL, with nothing sent.
  *
- * Threads: any thread may call; calls of this family wait for one another, each while it talks to the bus.
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with 0x1000 | EINTR, which can serve as a program's own limit on a
+ * call; the request has reached the service or not, and the reply is lost.
+ *
+ * Threads: any thread may call; calls of this family wait for one another, each while it talks to the bus. A thread
+ * that is cancelled (pthread_cancel) inside a call ends only after it. A forked child may call too, unless another
+ * thread was inside a call of this family at the fork.
  */
 #ifndef BDBUS_NETWORK_H
 #define BDBUS_NETWORK_H
@@ -47,7 +56,7 @@ extern "C" {
 #define BDBUS_NETWORK_OK 0                 /**< done */
 #define BDBUS_NETWORK_NO_MEMORY 204        /**< no memory for a node record */
 #define BDBUS_NETWORK_NO_BUS 205           /**< no connection to the system bus; the next call tries again */
-#define BDBUS_NETWORK_ERRNO 0x1000         /**< bitwise-ORed with the errno of the step that failed */
+#define BDBUS_NETWORK_ERRNO 0x1000         /**< bitwise-ORed with the errno of the step that failed, such as EINTR */
 #define BDBUS_NETWORK_NO_LIST 0x1001       /**< of the list: the service's XML cannot be parsed, or no memory */
 #define BDBUS_NETWORK_BAD_SIGNATURE 0x1016 /**< no such type of property: 0x1000 | EINVAL */
 
@@ -90,8 +99,8 @@ typedef struct bnetwork_node {
  *
  * @param list receives the names, each cut to 63 bytes. What it held before is overwritten, not freed. After a failure
  * `count` is 0 and `names` null.
- * @return 0; BDBUS_NETWORK_NO_BUS; BDBUS_NETWORK_NO_LIST; 0x1000 | errno as sd-bus gave it. Data that breaks off is no
- * failure: the nodes before the break are listed.
+ * @return 0; BDBUS_NETWORK_NO_BUS; BDBUS_NETWORK_NO_LIST; 0x1000 | errno as sd-bus gave it, EINTR when a signal handler
+ * ended the call. Data that breaks off is no failure: the nodes before the break are listed.
  */
 int32_t bnetwork_nodes_list_get(bnetwork_node_list *list);
 
@@ -108,15 +117,17 @@ int32_t bnetwork_nodes_list_get(bnetwork_node_list *list);
  * @param out       for "b" an `int32_t *` (receives 0 or 1), for "q" a `uint16_t *`, for "u" a `uint32_t *`, for "y" a
  * `uint8_t *`; for "s" a `char **`, which receives a text that the caller frees with free(). Untouched after a failure.
  * @return 0; BDBUS_NETWORK_NO_BUS; BDBUS_NETWORK_BAD_SIGNATURE for any other type; 0x1000 | errno as sd-bus gave it:
- * EBADR for a node or property that is not there, EINVAL for a name that no node can have.
+ * EBADR for a node or property that is not there, EINVAL for a name that no node can have, EINTR when a signal handler
+ * ended the call.
  */
 int32_t bnetwork_property_get(const char *node, const char *key, const char *signature, void *out);
 
 /**
  * Read the fifteen properties of the table above, one after another in its order.
  *
- * A property that cannot be read leaves its field as it was, and the others are read all the same. So this is 0 for a
- * node that does not exist, or without a bus, too: bnetwork_property_get() tells.
+ * A property that cannot be read, also because a signal handler ended that read, leaves its field as it was, and the
+ * others are read all the same. So this is 0 for a node that does not exist, or without a bus, too:
+ * bnetwork_property_get() tells. Each of the fifteen reads has its own connection and its own time-out.
  *
  * @param node the node's name.
  * @param rec  receives what could be read. Null: all is read and nothing delivered.
@@ -129,7 +140,8 @@ int32_t bnetwork_node_get(const char *node, bnetwork_node *rec);
  *
  * @param node    the node's name.
  * @param enabled 1 on, 0 off; sent as it is.
- * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it, EINTR when a signal handler ended the call, with
+ * LLDP switched or not.
  */
 int32_t bnetwork_node_set_lldp_enabled(const char *node, int32_t enabled);
 
@@ -137,7 +149,8 @@ int32_t bnetwork_node_set_lldp_enabled(const char *node, int32_t enabled);
  * Set the host name.
  *
  * @param hostname the name, UTF-8; whether it will do is for the service to say.
- * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it.
+ * @return 0; BDBUS_NETWORK_NO_BUS; 0x1000 | errno as sd-bus gave it, EINTR when a signal handler ended the call, with
+ * the name set or not.
  */
 int32_t bnetwork1_set_hostname(const char *hostname);
 

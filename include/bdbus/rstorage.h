@@ -12,12 +12,25 @@
  * untouched, but for the integer of a reply whose text could not be read. -EINVAL for a null pointer where none is
  * allowed, without a line and with nothing sent.
  *
+ * The connections: one for the getters and bdbus_rstorage_disk_get_status(), one for the other calls, each opened by
+ * the first call that needs it. A connection that the bus drops, or does not greet in time, before the first answer has
+ * come counts as never opened, and the next call tries again. One that was open is never opened again: when the bus has
+ * gone away, calls fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted. There
+ * are no notices: messages that strangers send to a connection are dropped by the next call on it.
+ *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
+ * request has reached the service or not, and the reply is lost: a mount may go on.
+ *
  * Texts come NUL-terminated into the caller's buffer of `len` bytes, cut to `len` - 1; bytes after the NUL stay as they
  * were. With a `len` of 0 nothing is written, and the call succeeds all the same.
  *
  * Threads: any thread may call. The getters and bdbus_rstorage_disk_get_status() wait for one another, and so do mount,
  * unmount and the gadget's start and stop among themselves, also while one waits for its answer; but neither group
- * waits for the other, so a long mount does not hold up the getters.
+ * waits for the other, so a long mount does not hold up the getters. A thread that is cancelled (pthread_cancel) inside
+ * a call ends only after it. In a child that was forked while a connection was open, calls on it fail with -ECHILD at
+ * once.
  */
 #ifndef BDBUS_RSTORAGE_H
 #define BDBUS_RSTORAGE_H
@@ -85,7 +98,8 @@ int32_t bdbus_rstorage_disk_get_status(int32_t disk, uint8_t byte_arg, int32_t *
 
 /**
  * Mount the disk's image. Waits no longer than for any other answer, 25 s unless the environment's SYSTEMD_BUS_TIMEOUT
- * says otherwise; a mount that takes longer fails here and may go on in the service.
+ * says otherwise; a mount that takes longer fails here with -ETIMEDOUT and may go on in the service, and so may one
+ * whose call a signal handler ended with -EINTR.
  *
  * @param text_arg sent with the request; not null. It passes through sd-bus's memory, where it is not wiped: unlike the
  *                 texts that are read, a copy may stay behind in memory that was given back.

@@ -4,20 +4,40 @@
  * The sensor data repository (SDR): a copy of service `com.brisemont.SensorDataRepository1`'s records inside the
  * library.
  *
- * bdbus_sdr_init() reads every record once and starts one thread, the listener, which applies the changes that other
- * clients of the service make. The getters answer from the copy, without bus traffic and without a lock, but for one
- * that has lost to writers of the same record 64 times over: it lets them finish. The setters write the copy first and
- * then tell the service; a call that fails leaves the copy as written.
+ * bdbus_sdr_init() reads every record once and starts one thread, the listener, which applies the changes that are
+ * announced on the bus. The getters answer from the copy, without bus traffic and without a lock, but for one that has
+ * lost to writers of the same record 64 times over: it lets them finish. The setters write the copy first and then tell
+ * the service; a call that fails leaves the copy as written.
  *
  * A record is an IPMI 2.0 sensor data record of 64 bytes, laid out as a full sensor record (type 01h), with the
- * sensor's live state beside it.
+ * sensor's state beside it. The service hands out records only, no state: until somebody announces a change of a
+ * sensor, its reading is the record's nominal reading, its event enables, hysteresis and thresholds are the record's
+ * bytes for power-up, and its event status is zero. Nothing here asks for a sensor's reading.
+ *
+ * There is no call that lists the sensors: call bdbus_sdr_get() for each ID from 0 to 65534; the stored ones give 0.
+ * All those calls together take a fraction of a millisecond.
+ *
+ * An announcement counts whoever sends it. So every program that the bus lets send these signals can announce readings,
+ * and can add and delete records in the copy; the bus's policy is the defence (SECURITY.md). An announcement of another
+ * client that was still queued when a setter stored its value is applied after it: the older value stays in the copy
+ * until the next one.
  *
  * Results: 0, or a negative errno-style code; no function changes its output on failure. A call that the service or the
  * bus failed prints one line on stderr. -EINVAL (-22) for an ID that is not stored, for a null pointer and before
- * bdbus_sdr_init() has succeeded, without a line and with nothing sent.
+ * bdbus_sdr_init() has succeeded, without a line and with nothing sent. The connection is never opened again: when the
+ * bus has gone away, calls to the service fail with -ENOTCONN (the first perhaps with -ECONNRESET) until the process is
+ * restarted; the getters go on answering, and nothing keeps the copy up to date.
+ *
+ * Signals: while a call waits for the service, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in
+ * its thread, and their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM,
+ * SIGUSR1, SIGTERM, ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own
+ * limit on a call; the request has reached the service or not, and the reply is lost. bdbus_sdr_init() makes many
+ * calls: during each of them all signals are held back but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
  *
  * Threads: any thread may call, once bdbus_sdr_init() has returned 0. Calls to the service wait for one another; the
- * getters wait for no call. When the bus goes away the getters go on answering.
+ * getters wait for no call. A thread that is cancelled (pthread_cancel) inside a call ends only after it. In a forked
+ * child there is no listener: calls to the service fail with -ECHILD at once, and the getters answer from the copy as
+ * it was at the fork, which nothing keeps up to date.
  */
 #ifndef BDBUS_SDR_H
 #define BDBUS_SDR_H
@@ -57,56 +77,84 @@ typedef struct bdbus_sdr_thresholds {
     uint8_t upper_nonrecoverable;
 } bdbus_sdr_thresholds;
 
-/** A sensor: its SDR and its live state. */
+/** A sensor: its SDR, and its state as far as it was announced or set. The SDR alone says nothing of the present. */
 typedef struct bdbus_sdr_record {
     uint16_t record_id;           /**< the key */
     uint8_t sdr[BDBUS_SDR_BYTES]; /**< the SDR; its bytes 0 and 1 hold the record ID, least significant byte first */
-    bdbus_sdr_event event_enable; /**< which events the sensor may report */
-    bdbus_sdr_event event_status; /**< which events are asserted */
-    bdbus_sdr_hysteresis hysteresis;
-    uint8_t reading; /**< the current raw reading */
-    bdbus_sdr_thresholds thresholds;
-    uintptr_t context; /**< the word given to bdbus_sdr_add() */
+    bdbus_sdr_event event_enable; /**< which events the sensor may report, as last announced or set; before that, as the
+                                     SDR has it for power-up */
+    bdbus_sdr_event event_status; /**< which events are asserted, as last announced or set; before that, zero */
+    bdbus_sdr_hysteresis hysteresis; /**< as last announced or set; before that, the SDR's */
+    uint8_t reading;                 /**< the raw reading last announced or set; before that, the SDR's nominal reading,
+                                        which nobody has measured */
+    bdbus_sdr_thresholds thresholds; /**< as last announced or set; before that, the SDR's */
+    uintptr_t context;               /**< the word given to bdbus_sdr_add(); 0 for a record of another's */
 } bdbus_sdr_record;
 
 /**
  * The reading callback, or null. Assign it directly, at any time.
  *
- * The listener calls it on its own thread after every new reading of a stored sensor, whoever set it, with a pointer to
- * the stored record. It holds no lock meanwhile: the callback may call the functions of this file. The record's memory
- * stays valid for good, but holds this sensor only while it is stored; where other threads may write the record at the
- * same time, read it with bdbus_sdr_get().
+ * The listener calls it after every reading of a stored sensor that is announced, whoever set it and whoever sent the
+ * announcement, with a pointer to the stored record. There is no call for the nominal readings that
+ * bdbus_sdr_init() finds. The record's memory stays valid for good, but holds this sensor only while it is stored;
+ * where other threads may write the record at the same time, read it with bdbus_sdr_get().
+ *
+ * It runs on the listener's thread, named "bdbus-sdr", which holds no lock meanwhile: it may call the functions of this
+ * file. Until it returns, no announcement is applied to the copy. The thread has all signals blocked but SIGSEGV,
+ * SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT and SIGSYS, and what is started here inherits that: a child process that
+ * does not set its signal mask anew cannot be ended by SIGTERM. So hand such work to a thread of the program's own. The
+ * callback must return, and must not end the thread.
  */
 extern void (*bdbus_sdr_set_reading_and_event_status_callback)(bdbus_sdr_record *record);
 
 /**
  * Create the copy, start the listener and read the whole repository. Call it before the others; a further call returns
- * 0 and does nothing. Reading ends, without failing, at a record that cannot be read or an ID that has been seen.
+ * 0 and does nothing. The copy then holds the records, with the state that they name for power-up; what the sensors
+ * read now is not known until it is announced.
  *
- * @return 0; -ENOMEM; the negative code of a bus that cannot be reached, after a line on stderr; the negative error
- * number when the thread cannot be created. After a failure it may be called again.
+ * Reading ends, without failing, at a record that cannot be read or an ID that has been asked for: a service that is
+ * not there gives 0 and an empty copy. A handler of SIGINT, SIGTERM, SIGQUIT or SIGHUP that runs in this thread during
+ * one of the calls ends the reading there, too; all other handlers wait for the call's end.
+ *
+ * The connection is open once the bus has greeted it and has answered each of the seven subscriptions; a refusal is an
+ * answer, and that kind of announcement is then never received. One that was dropped or timed out before that is a bus
+ * that cannot be reached; one that takes the connection and says nothing is waited for up to 90 s.
+ *
+ * @return 0; -ENOMEM; the negative code of a bus that cannot be reached, after the line "Failed to connect to system
+ * bus: ..." on stderr; the negative error number when the thread cannot be created. After a failure it may be called
+ * again.
  */
 int32_t bdbus_sdr_init(void);
 
-/** Copy a whole record. @return 0; -EINVAL. */
+/**
+ * Copy a whole record. Its state is what was last announced or set, and what the SDR names for power-up before that.
+ *
+ * @return 0; -EINVAL when the ID is not stored, also for a null `out` and before bdbus_sdr_init().
+ */
 int32_t bdbus_sdr_get(uint16_t record_id, bdbus_sdr_record *out);
 
-/** Copy the event enables. @return 0; -EINVAL. */
+/** Copy the event enables last announced or set; before that, the record's for power-up. @return 0; -EINVAL. */
 int32_t bdbus_sdr_event_get(uint16_t record_id, bdbus_sdr_event *out);
 
-/** Copy the event status. @return 0; -EINVAL. */
+/** Copy the event status last announced or set; zero before that. @return 0; -EINVAL. */
 int32_t bdbus_sdr_event_status_get(uint16_t record_id, bdbus_sdr_event *out);
 
-/** Copy the hysteresis. @return 0; -EINVAL. */
+/** Copy the hysteresis last announced or set; before that, the record's. @return 0; -EINVAL. */
 int32_t bdbus_sdr_hysteresis_get(uint16_t record_id, bdbus_sdr_hysteresis *out);
 
-/** Copy the raw reading. @return 0; -EINVAL. */
+/** Copy the raw reading last announced or set; before that, the record's nominal reading, which is no measured one.
+ * @return 0; -EINVAL. */
 int32_t bdbus_sdr_reading_get(uint16_t record_id, uint8_t *out);
 
-/** Copy the thresholds. @return 0; -EINVAL. */
+/** Copy the thresholds last announced or set; before that, the record's. @return 0; -EINVAL. */
 int32_t bdbus_sdr_threshold_get(uint16_t record_id, bdbus_sdr_thresholds *out);
 
-/** Set the raw reading and tell the service, also when it is unchanged. @return 0; -EINVAL; the call's negative code.
+/**
+ * Set the raw reading in the copy and tell the service, also when it is unchanged. An older announcement that is still
+ * queued wins over the value in the copy.
+ *
+ * @return 0; -EINVAL; the call's negative code, with the copy as set: -EINTR when a signal handler ended it, -ECHILD in
+ * a forked child, -ENOTCONN or -ECONNRESET without the bus, else what the service or sd-bus failed with.
  */
 int32_t bdbus_sdr_reading_set(uint16_t record_id, uint8_t reading);
 
@@ -123,18 +171,20 @@ int32_t bdbus_sdr_hysteresis_set(uint16_t record_id, const bdbus_sdr_hysteresis 
 int32_t bdbus_sdr_threshold_set(uint16_t record_id, const bdbus_sdr_thresholds *thresholds);
 
 /**
- * Add a record to the repository. An ID that is stored already gets the new SDR and keeps its event status.
+ * Add a record to the repository. An ID that is stored already gets the new SDR and the state that it names, and keeps
+ * its event status.
  *
  * @param sdr       the SDR; what its bytes 0 and 1 hold does not matter. Not changed.
  * @param count     its bytes; must be BDBUS_SDR_BYTES.
  * @param record_id receives the ID that the service gave it.
  * @param context   a word of the caller's to keep with the record; 0 keeps the one that is there.
  * @return 0; -EINVAL; -ENOTCONN before bdbus_sdr_init(); -ENOMEM when the service took it and the copy could not; the
- * call's negative code.
+ * call's negative code as bdbus_sdr_reading_set(). After -EINTR the service may hold the record and the copy lacks it.
  */
 int32_t bdbus_sdr_add(const uint8_t *sdr, uint32_t count, uint16_t *record_id, uintptr_t context);
 
-/** Delete a record, here first and then at the service. @return 0; -EINVAL; the call's negative code. */
+/** Delete a record, here first and then at the service; a call that fails leaves it deleted here. @return as
+ * bdbus_sdr_reading_set(). */
 int32_t bdbus_sdr_delete(uint16_t record_id);
 
 #pragma GCC visibility pop

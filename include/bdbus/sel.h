@@ -10,8 +10,22 @@
  * line on stderr; the record is then untouched, but for fields of a reply that broke off after them. -EINVAL for a null
  * record, without a line and with nothing sent.
  *
+ * The connection: the first call opens it and subscribes to the three notices. It is open once the bus has greeted it
+ * and has answered each subscription; a refusal is an answer, and that notice is then never received. A connection that
+ * was dropped or timed out before that is a failed open, with the line "Failed to connect to system bus: ...", and the
+ * next call tries again. One that was open is never opened again: when the bus has gone away, calls fail with
+ * -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted.
+ *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
+ * request has reached the service or not, and the reply is lost. While the connection is opened and subscribed, all
+ * signals are held back during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ *
  * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer. None of
- * them but bdbus_sel_event_callbacks() may be called from a handler of the callback table.
+ * them but bdbus_sel_event_callbacks() may be called from a handler of the callback table. A thread that is cancelled
+ * (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection was open, calls
+ * fail with -ECHILD at once.
  */
 #ifndef BDBUS_SEL_H
 #define BDBUS_SEL_H
@@ -32,7 +46,7 @@ extern "C" {
  *
  * A handler runs inside bdbus_sel_event_process(), on its caller's thread. It gets the signal message, a null user-data
  * pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the handler
- * takes a reference.
+ * takes a reference. Who sent it is not checked: a notice of any program that the bus lets send it gets here.
  */
 typedef struct bdbus_sel_callback_table {
     sd_bus_message_handler_t sel_almost_full;
@@ -94,7 +108,7 @@ typedef struct bdbus_sel_reservation {
     uint16_t reservation_id;
 } bdbus_sel_reservation;
 
-/** Add an entry. @return as the file says. */
+/** Add an entry. @return as the file says; after -EINTR the entry may be in the log or not. */
 int32_t bdbus_sel_add_entry(bdbus_sel_new_entry *rec);
 
 /** Erase the log, or ask how far the erasure is. @return as the file says. */
@@ -124,10 +138,18 @@ int32_t bdbus_sel_reserve(bdbus_sel_reservation *rec);
 int32_t bdbus_sel_event_callbacks(const bdbus_sel_callback_table *table);
 
 /**
- * Dispatch at most one queued message to the callback table. Never waits. Notices queue, about 1 kB each, until they
- * are taken off here; call it once early to be subscribed from then on.
+ * Dispatch at most one queued message to the callback table. Call it repeatedly, from a main loop or a timer; call it
+ * once early to be subscribed from then on.
  *
- * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
+ * It does not wait for a message, but it does wait for the other calls of this file, each as long as its answer takes,
+ * and as the first call of the process it opens the connection, which waits for the bus: up to 90 s for one that takes
+ * the connection and says nothing, and for an answer up to 25 s, or what the environment's SYSTEMD_BUS_TIMEOUT says.
+ *
+ * Notices that nobody takes off here pile up, about 1 kB each: the other calls of this file read them along with their
+ * answers. sd-bus keeps 393,216 at most; from then on these calls fail with -ENOBUFS, until enough were taken off.
+ *
+ * @return 0, also once the bus has gone away, when no message comes any more; the negative code of a connection that
+ * could not be opened, after a line on stderr; -ECHILD in a forked child.
  */
 int32_t bdbus_sel_event_process(void);
 

@@ -4,8 +4,9 @@
  * The storage controller behind the RAID management service `com.brisemont.RAIDMgmt`: eleven queries, eleven
  * operations.
  *
- * Every call opens a connection of its own, asks the service once and closes it. What goes through unchanged is the
- * service's to explain: fields that are named by their position, the units of sizes, status codes and answers.
+ * Every call opens a connection of its own, asks the service once and closes it; so the next call after a restart of
+ * the bus works again. What goes through unchanged is the service's to explain: fields that are named by their
+ * position, the units of sizes, status codes and answers.
  *
  * Queries return their record by value. It starts zeroed and is filled in the order of the reply: lists come as columns
  * whose entries of one index describe one thing. An array shorter than its column leaves the rest zero, of a longer
@@ -19,9 +20,18 @@
  * Arguments are sent unchecked, with two exceptions that keep to the record: a count beyond the columns' capacity is
  * sent as that capacity, with as many entries; a text without a NUL is sent up to the end of its room.
  *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call as a failed one, and the line says "Interrupted system call" (EINTR);
+ * the controller may have carried the operation out or not. To a call that waits without limit it is the caller's way
+ * to set one.
+ *
  * Threads: any thread may call. Calls of this family wait for one another, also while one waits for its answer. Those
  * that say so wait for theirs without limit: a service that never answers one of them blocks the whole family.
- * The others give up after sd-bus's default time-out.
+ * The others give up after sd-bus's default time-out, 25 s or what the environment's SYSTEMD_BUS_TIMEOUT says. All wait
+ * up to 90 s for a bus that takes the connection and says nothing. A thread that is cancelled (pthread_cancel) inside a
+ * call ends only after it. A forked child may call too, unless another thread was inside a call of this family at the
+ * fork.
  */
 #ifndef BDBUS_STORECTRL_H
 #define BDBUS_STORECTRL_H

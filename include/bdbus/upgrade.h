@@ -5,15 +5,27 @@
  * selection of flashes, and the notices that it takes.
  *
  * The first call opens the one connection of this file and hpm1.h and subscribes to the 80 signals; from then on they
- * queue on the connection until bdbus_upgrade_signal_process() is called.
+ * queue on the connection until bdbus_upgrade_signal_process() is called. It is open once the bus has greeted it and
+ * has answered each subscription; a refusal is an answer, and that signal is then never received. A connection that was
+ * dropped or timed out before that is a failed open, with the line "Failed to connect to system bus: ...", and the next
+ * call tries again. One that was open is never opened again: when the bus has gone away, calls fail with -ECONNRESET
+ * once and with -ENOTCONN from then on, until the process is restarted.
  *
  * Results: 0 or more when the call succeeded. Otherwise the negative errno-style code of the step that failed, after
  * one line on stderr, with the output untouched. -EINVAL for a null output or record, without a line and with nothing
  * sent.
  *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
+ * request has reached the service or not, and the reply is lost. While the connection is opened and subscribed, all
+ * signals are held back during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ *
  * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits
  * for its answer. None of them may be called from a handler of the callback table, where the lock is held, but
- * bdbus_upgrade_callbacks() and the three change handles, which take no lock and have a rule of their own.
+ * bdbus_upgrade_callbacks() and the three change handles, which take no lock and have a rule of their own. A thread
+ * that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection
+ * was open, calls fail with -ECHILD at once.
  */
 #ifndef BDBUS_UPGRADE_H
 #define BDBUS_UPGRADE_H
@@ -55,7 +67,8 @@ typedef enum bdbus_upgrade_version {
  *
  * A handler runs inside bdbus_upgrade_signal_process(), on its caller's thread. It gets the signal message, a null
  * user-data pointer and sd-bus's error pointer; its result is ignored. The message is valid during the call, unless the
- * handler takes a reference of its own.
+ * handler takes a reference of its own. Who sent it is not checked: a notice of any program that the bus lets send it
+ * gets here.
  */
 typedef struct bdbus_upgrade_callback_table {
     /* the boot loader U-Boot */
@@ -178,9 +191,13 @@ typedef struct bdbus_upgrade_factory_mode {
 int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
 
 /**
- * Dispatch at most one queued message to the callback table. It does not wait for a message, but for
- * the other calls of this file and of hpm1.h. Call it repeatedly, from a main loop or a timer; call it once early to be
- * subscribed from then on.
+ * Dispatch at most one queued message to the callback table. Call it repeatedly, from a main loop or a timer; call it
+ * once early to be subscribed from then on.
+ *
+ * It does not wait for a message, but it does wait for the other calls of this file and of hpm1.h, each as long as its
+ * answer takes, the block of an upload without limit. As the first call of the process it opens the connection, which
+ * waits for the bus: up to 90 s for one that takes the connection and says nothing, and for an answer up to 25 s, or
+ * what the environment's SYSTEMD_BUS_TIMEOUT says.
  *
  * Notices that nobody takes off here pile up. The other calls of this file and of hpm1.h read what has arrived along
  * with their answers and keep it in this process, about 1 kB for each notice; in a process that makes no such call they
@@ -188,7 +205,8 @@ int32_t bdbus_upgrade_callbacks(const bdbus_upgrade_callback_table *table);
  * off. Twenty calls ten times a second keep pace with the notices of an upgrade; one with nothing to dispatch costs
  * about a microsecond.
  *
- * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
+ * @return 0, also once the bus has gone away, when no message comes any more; the negative code of a connection that
+ * could not be opened, after a line on stderr; -ECHILD in a forked child.
  */
 int32_t bdbus_upgrade_signal_process(void);
 
@@ -277,7 +295,7 @@ int32_t bdbus_upgrade_bios_get_flash(uint8_t *out);
 /**
  * @name Selecting a flash
  * @param rec `flash` is sent, `result` is written when the service's answer was read.
- * @return positive when it was, whatever `result` says; a negative code.
+ * @return positive when it was, whatever `result` says; a negative code, after -EINTR with the flash selected or not.
  * @{
  */
 int32_t bdbus_upgrade_bmc_set_flash(bdbus_upgrade_flash_select *rec);
@@ -287,7 +305,8 @@ int32_t bdbus_upgrade_bios_set_flash(bdbus_upgrade_flash_select *rec);
 /**
  * @name Setting a version
  * The answer is waited for without a limit, whatever the time-out of other calls: a service that never answers keeps
- * the caller, and all other calls of this file and of hpm1.h, waiting. One that is not there is told at once.
+ * the caller, and all other calls of this file and of hpm1.h, waiting. One that is not there is told at once. A handler
+ * of SIGALRM, say, ends the wait with -EINTR; the version may then be set or not.
  * @param rec `version` is sent, `result` is written when the service's answer was read.
  * @return positive when it was, whatever `result` says; a negative code.
  * @{

@@ -10,14 +10,26 @@
  * Results: 0 when a stage succeeded. Every other result is a failure, also a positive one, and its codes are the
  * stage's own. The reason goes to syslog, through the program's own openlog() and setlogmask(): LOG_ERR for failures,
  * LOG_NOTICE for progress, LOG_INFO for details. The commands below print their lines on stderr besides (hpm1.h).
- * Nothing is undone when a stage fails; the context stays valid.
+ * Nothing is undone when a stage fails; the context stays valid. When the bus has gone away, what asks the target fails
+ * until the process is restarted.
  *
  * An image that is too short, or whose lengths reach past its end, is refused with "Truncated HPM.1 image" and never
  * read beyond its bytes; so is a context that is null or holds no image, but for the activation stage, which
- * looks at the image only where there is one. The result is then -8 from the integrity check and -1 from a stage.
+ * looks at the image only where there is one. The result is then -8 from the integrity check and -1 from a stage. The
+ * image's digest finds damage. It is no signature: who made an image is for the program, or the target, to check.
+ *
+ * Signals: a stage makes many calls, and during each of them all signals are held back in its thread but SIGINT,
+ * SIGTERM, SIGQUIT, SIGHUP and faults; the others' handlers run between the calls, and end none. A handler of one of
+ * those four that runs in this thread during a call makes it fail with -EINTR (when the controller's identity is read,
+ * 0x1000 | EINTR): the target has got the command or not, the reply is lost, and the stage goes on as after any failed
+ * command, which means a rollback when it was the self test's. Block these four where that is not wanted.
+ * bdbus_upgrade_agent_abort() and bdbus_upgrade_agent_get_component_properties() are single calls and go by hpm1.h.
  *
  * Threads: the stages run on the caller's thread, and only one upgrade may run at a time in a process. Another thread
- * may watch it with bdbus_upgrade_agent_get_upgrade_stage_status() and stop it with bdbus_upgrade_agent_abort().
+ * may watch it with bdbus_upgrade_agent_get_upgrade_stage_status(), and have the target give up with
+ * bdbus_upgrade_agent_abort(), which does not by itself end the stage. A thread that is cancelled (pthread_cancel)
+ * inside a call ends only after that call. In a child that was forked after the first command, every command fails with
+ * -ECHILD.
  */
 #ifndef BDBUS_UPGRADE_AGENT_H
 #define BDBUS_UPGRADE_AGENT_H
@@ -69,16 +81,22 @@ typedef struct bdbus_upgrade_agent_context {
 /**
  * Read an image file into a new context.
  *
- * @param path the file: a regular file of 1 byte to 4 GiB - 1. Null gives a context without an image.
- * @return the context, for bdbus_upgrade_agent_end() to free; null when the file could not be read or memory is short.
+ * The file must be one that can be sought: a regular file, or a flash partition's device. A FIFO fails with the seek's
+ * message, and opening one never waits. A file that is empty, or of more than 4 GiB - 1 bytes, fails like a read that
+ * ended early. The whole file is held in memory until bdbus_upgrade_agent_end(); nothing of it is checked here.
+ *
+ * @param path the file. Null gives a context without an image.
+ * @return the context, for bdbus_upgrade_agent_end() to free; null, with the reason in syslog, when the file could not
+ * be read or memory is short.
  */
 bdbus_upgrade_agent_context *bdbus_upgrade_agent_initialization(const char *path);
 
 /**
- * Check the image: MD5 digest, signature, header version, header checksum, lengths.
+ * Check the image: MD5 digest, the letters "PICMGFWU" at its start, header version, header checksum, lengths. That
+ * finds damage, not a forger: anybody can make an image that passes.
  *
  * @param context the upgrade.
- * @return 0; -1, -2, -3 when the digest could not be computed; -4 digest differs; -5 no HPM.1 signature; -6 header
+ * @return 0; -1, -2, -3 when the digest could not be computed; -4 digest differs; -5 no "PICMGFWU"; -6 header
  * version is not 0; -7 header checksum; -8 truncated, or no image.
  */
 int32_t bdbus_upgrade_agent_validate_image_integrity(bdbus_upgrade_agent_context *context);
@@ -151,17 +169,20 @@ int32_t bdbus_upgrade_agent_pre_upgrade_check(bdbus_upgrade_agent_context *conte
  *
  * Blocks start at BDBUS_HPM1_BLOCK_MAX bytes and shrink until the target takes the first one. A process is granted
  * three resends of blocks in its whole life. Long-duration commands are polled every 2 seconds up to the target's
- * limit.
+ * limit. A block's answer is waited for without limit.
+ *
+ * A result of 0 does not say that no other thread has aborted the upgrade meanwhile: see bdbus_upgrade_agent_abort().
  *
  * @param context the upgrade.
  * @return 0; -1 an invalid record, an action that was refused, a block size worn down to 0, a long-duration command
- * that failed, or a target copy that does not match; -2 a block or the finish was refused; else the negative result of
- * a command.
+ * that failed, or a target copy that does not match; -2 a block that was refused or whose call failed (-EINTR too), or
+ * a finish that was refused; else the negative result of a command.
  */
 int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context);
 
 /**
- * Activate the new firmware, follow its self test, and roll back when that fails.
+ * Activate the new firmware, follow its self test, and roll back when that fails or cannot be asked about: a lost bus,
+ * or a handler of SIGTERM that ends the question with -EINTR, leads there too.
  *
  * @param context the upgrade.
  * @return 0, also when a rollback was started or has happened; -1 activation, self test or rollback failed; -2 no
@@ -178,9 +199,19 @@ int32_t bdbus_upgrade_agent_activation_stage(bdbus_upgrade_agent_context *contex
 int32_t bdbus_upgrade_agent_get_component_properties(bdbus_hpm1_component_props_rec *record);
 
 /**
- * AbortFirmwareUpgrade, with its completion code judged: stop the upgrade on the target. May be called from any thread.
+ * AbortFirmwareUpgrade, with its completion code judged: have the target give up its upgrade. May be called from any
+ * thread.
  *
- * @return 0; -1 for a completion code other than 0; else as bdbus_hpm1_abort_fw_upgrade().
+ * It stops the target, not a stage that runs in another thread, and 0 says no more than that the target took the
+ * command. Between two blocks, a target refuses the next one and the stage fails. During a finish, or another
+ * long-duration command, the stage may take that command for done, go on with the next component and end with 0. And
+ * the abort waits for its turn between the stage's commands: some blocks may go by before it, and while the target is
+ * silent after a block it waits without limit.
+ *
+ * So a program that aborts keeps a flag of its own: set it, call this, wait for the stage to end, call this once more,
+ * and do not call bdbus_upgrade_agent_activation_stage(), whatever the stage returned.
+ *
+ * @return 0; -1 for a completion code other than 0; else as bdbus_hpm1_abort_fw_upgrade(), -EINTR among it.
  */
 int32_t bdbus_upgrade_agent_abort(void);
 

@@ -11,7 +11,19 @@
  * line on stderr; the record is then untouched, but for the completion code of a reply that broke off after it. -EINVAL
  * for a null record, without a line and with nothing sent.
  *
- * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer.
+ * The connection: the first call opens it. A connection that the bus drops, or does not greet in time, before the first
+ * answer has come counts as never opened, and the next call tries again. One that was open is never opened again: when
+ * the bus has gone away, calls fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is
+ * restarted. The family has no notices: messages that strangers send to its connection are dropped by its next call.
+ *
+ * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
+ * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
+ * request has reached the service or not (an entry may have been added), and the reply is lost.
+ *
+ * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer. A
+ * thread that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the
+ * connection was open, calls fail with -ECHILD at once.
  */
 #ifndef BDBUS_USER_H
 #define BDBUS_USER_H
@@ -72,10 +84,16 @@ int32_t bdbus_user_authlog_clear(bdbus_authlog_request *rec);
 int32_t bdbus_user_update_send_event(bdbus_user_update *rec);
 
 /**
- * Take at most one message off the family's connection and drop it. Never waits. The family has no notices: this is for
- * programs that run for long and want nothing to gather there.
+ * Drop messages that nobody asked for: what earlier calls have read along with their answers, and at most one more that
+ * is still with the bus. The family has no notices, and each of its calls drops what has gathered; this is for programs
+ * that make few.
  *
- * @return 0; the negative code of a connection that could not be opened, after a line on stderr.
+ * It does not wait for a message, but it does wait for the other calls of this file, each as long as its answer takes,
+ * and as the first call of the process it opens the connection, which waits for the bus: up to 90 s for one that takes
+ * the connection and says nothing.
+ *
+ * @return 0, also once the bus has gone away; the negative code of a connection that could not be opened, after a line
+ * on stderr; -ECHILD in a forked child.
  */
 int32_t bdbus_user_event_process(void);
 

@@ -8,7 +8,6 @@ namespace bdbus
 
 call_frame::~call_frame()
 {
-    sd_bus_error_free(&error_);
     sd_bus_message_unref(request_);
     sd_bus_message_unref(reply_);
 }
@@ -16,26 +15,24 @@ call_frame::~call_frame()
 void call_frame::settle(int result, const char *text)
 {
     result_ = result;
-    if (failed() && text != nullptr) {
-        complain(text, strerror(-result));
+    if (failed()) {
+        report_.set(text, result);
     }
 }
 
-// The peer's own words say more than an errno; a peer that sent none leaves the errno.
 void call_frame::issued(int result)
 {
     result_ = result;
-    if (failed() && texts_.issue != nullptr) {
-        const bool has_text = error_.message != nullptr && error_.message[0] != '\0';
-        complain(texts_.issue, has_text ? error_.message : strerror(-result));
+    if (failed()) {
+        report_.set_peer_error(texts_.issue, result);
     }
 }
 
 void call_frame::got_property(int result, const char *name)
 {
     result_ = result;
-    if (failed() && texts_.property != nullptr) {
-        complain(texts_.property, name, strerror(-result));
+    if (failed()) {
+        report_.set(texts_.property, result, name);
     }
 }
 
@@ -59,7 +56,7 @@ void call_frame::send(uint64_t timeout_us)
     if (failed()) {
         return;
     }
-    const int sent = sd_bus_call(bus_, request_, timeout_us, &error_, &reply_);
+    const int sent = sd_bus_call(bus_, request_, timeout_us, report_.error(), &reply_);
     if (texts_.send != nullptr) {
         settle(sent, texts_.send);
     } else {
@@ -107,8 +104,9 @@ const uint8_t *call_frame::read_exactly(uint32_t length)
 void call_frame::get_property(const char *name, const char *type)
 {
     if (!failed()) {
-        got_property(sd_bus_get_property(bus_, peer_.name, peer_.path, peer_.interface, name, &error_, &reply_, type),
-                     name);
+        got_property(
+            sd_bus_get_property(bus_, peer_.name, peer_.path, peer_.interface, name, report_.error(), &reply_, type),
+            name);
     }
 }
 

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The call frame: the steps of one bus call, in the order in which a family writes them down. A step after a failed
-// step does nothing, the first failure's code is the result, and it prints one line. Error, reply and request are
-// released on every path.
+// step does nothing, the first failure's code is the result, and it prints one line. Reply and request are released on
+// every path, then the lock; then the line is printed.
 #pragma once
 
 #include "bus/connection.hpp"
+#include "bus/report.hpp"
 #include "bus/signature.hpp"
 #include "bus/texts.hpp"
 
@@ -20,9 +21,12 @@ namespace bdbus
 class call_frame
 {
 public:
-    /** @param acquired the result of having got the connection: a negative one is this call's first failure. */
-    call_frame(const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
-        : peer_(peer), texts_(texts), bus_(bus), result_(acquired)
+    /**
+     * @param report prints the line of a step that fails; it outlives the call's lock.
+     * @param acquired the result of having got the connection: a negative one is this call's first failure.
+     */
+    call_frame(call_report &report, const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
+        : report_(report), peer_(peer), texts_(texts), bus_(bus), result_(acquired)
     {
     }
     ~call_frame();
@@ -41,7 +45,7 @@ public:
     {
         static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
         if (!failed()) {
-            issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, &error_, &reply_,
+            issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, report_.error(), &reply_,
                                       sizeof(Sig.text) > 1 ? Sig.text : nullptr, values...));
         }
     }
@@ -53,8 +57,8 @@ public:
         if (!failed()) {
             std::apply(
                 [&](auto... each) {
-                    issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, &error_, &reply_,
-                                              "ay", uint32_t{Count}, each...));
+                    issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, report_.error(),
+                                              &reply_, "ay", uint32_t{Count}, each...));
                 },
                 bytes);
         }
@@ -166,13 +170,24 @@ private:
     void issued(int result);
     void got_property(int result, const char *name);
 
+    call_report &report_;
     const service &peer_;
     const call_texts &texts_;
     sd_bus *bus_;
     int32_t result_;
-    sd_bus_error error_ = {}; // the value of SD_BUS_ERROR_NULL, whose spelling is C alone
     sd_bus_message *request_ = nullptr;
     sd_bus_message *reply_ = nullptr;
+};
+
+/** A call of a family that keeps its connection. */
+template <typename Hold>
+class module_call : call_report, Hold, public call_frame
+{
+public:
+    module_call(const service &peer, const call_texts &texts)
+        : call_frame(static_cast<call_report &>(*this), peer, texts, Hold::bus(), Hold::acquired())
+    {
+    }
 };
 
 } // namespace bdbus

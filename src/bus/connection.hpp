@@ -2,9 +2,12 @@
 // The ways to a connection to the system bus: one kept by a module for the life of the process, or one for each call.
 #pragma once
 
+#include "bus/report.hpp"
+
 #include <pthread.h>
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace bdbus
@@ -30,39 +33,50 @@ private:
 };
 
 /**
- * Subscribe to a signal for as long as the connection lives. A signal that cannot be matched is not received, and every
- * call works all the same; but a match that a signal handler of the process interrupted is tried again.
- */
-void match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler);
-
-/**
- * Open a connection and subscribe it, once. Nothing is printed.
+ * Subscribe to a signal for as long as the connection lives. A signal whose match the bus refuses is not received, and
+ * every call works all the same.
  *
- * An open returns before the bus has greeted the connection. One that the bus has dropped by the time its matches are
- * made counts as a failed open, so that the next call can try again.
- *
- * @param bus receives the connection; null after a failure.
- * @return 0, or a negative code.
+ * @return 0 when the bus has answered, or a negative code: the connection is to be closed then.
  */
-int32_t open_subscribed(sd_bus **bus, void (*register_matches)(sd_bus *bus));
+int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler);
 
-/** For a family without signals. */
-inline void no_matches(sd_bus * /*bus*/) {}
+/** Subscribe a new connection. @return 0, or the first match's negative code. */
+using subscription = int32_t (*)(sd_bus *bus);
 
 /** A module that keeps its connection: absent until the first acquire that can open it, then open for good. */
 struct bus_module {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     sd_bus *bus = nullptr;
+    std::atomic<uint32_t> opened_by{0}; // which process, counted by forks from 1 on; 0 for none
 };
+
+/**
+ * Whether the connection is a parent's, whose socket, lock and listener are of no use here. It takes no lock, for
+ * another thread may have held it at the fork.
+ */
+bool is_inherited(const bus_module &owner);
+
+/**
+ * Have a module's connection open and subscribed. Its lock is held. Nothing is printed.
+ *
+ * An open counts once the bus has greeted the connection and answered every match; what ends before that is closed, and
+ * the next call tries again.
+ *
+ * @param subscribe null for a family without signals.
+ * @return 0, or a negative code.
+ */
+int32_t module_open(bus_module &owner, subscription subscribe);
 
 /**
  * Take a module's lock and have its connection open.
  *
- * A failed open prints its line, leaves the connection absent and the lock free.
+ * A failed open prints its line, leaves the connection absent and the lock free. What nobody asked for is dropped when
+ * the family has no signals.
  *
- * @return 0 with the lock held, or the open's negative code without it.
+ * @return 0 with the lock held, or a negative code without it: the open's, or -ECHILD in a child of the process that
+ * opened it.
  */
-int32_t module_acquire(bus_module &owner, void (*register_matches)(sd_bus *bus));
+int32_t module_acquire(bus_module &owner, subscription subscribe);
 
 void module_release(bus_module &owner);
 
@@ -94,11 +108,12 @@ private:
 template <typename Hold>
 int32_t process_one()
 {
+    const uncancelled guard;
     const Hold hold;
     if (hold.acquired() < 0) {
         return hold.acquired();
     }
-    sd_bus_process(hold.bus(), nullptr); // a broken connection is told by the next call, not here
+    sd_bus_process(hold.bus(), nullptr); // the next call reports a broken connection
     return 0;
 }
 
@@ -106,7 +121,7 @@ int32_t process_one()
 class call_connection
 {
 public:
-    explicit call_connection(pthread_mutex_t &lock);
+    call_connection(pthread_mutex_t &lock, call_report &report);
     ~call_connection() { sd_bus_unref(bus_); }
     call_connection(const call_connection &) = delete;
     call_connection &operator=(const call_connection &) = delete;

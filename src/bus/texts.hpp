@@ -70,10 +70,4 @@ inline constexpr call_texts lower_case_texts = {
     .parse = "failed to parse response message",
 };
 
-/** Print the one line of a failed step. */
-void complain(const char *text, const char *reason);
-
-/** The same, for a step on a named thing. */
-void complain(const char *text, const char *name, const char *reason);
-
 } // namespace bdbus

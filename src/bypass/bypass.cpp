@@ -20,8 +20,9 @@ static constinit pthread_mutex_t bypass_lock = PTHREAD_MUTEX_INITIALIZER;
 template <signature Sig, typename... Values>
 static int32_t bypass_call(const char *member, Values... values)
 {
-    const call_connection connection(bypass_lock);
-    call_frame call(bypass_service, plain_texts, connection.bus(), connection.acquired());
+    call_report report;
+    const call_connection connection(bypass_lock, report);
+    call_frame call(report, bypass_service, plain_texts, connection.bus(), connection.acquired());
     int32_t answer = 0;
     call.invoke<Sig>(member, static_cast<uint8_t>(values)...);
     call.read<"i">(&answer);

@@ -108,20 +108,31 @@ static int config_changed(sd_bus_message * /*signal*/, void * /*userdata*/, sd_b
 /** The connection, opened and subscribed on first use, or null. The connection lock is held. */
 static sd_bus *config_bus_get()
 {
-    if (config_module.bus == nullptr) {
-        open_subscribed(&config_module.bus, [](sd_bus *bus) {
-            match_signal(bus, config_service, "PropertiesChanged", config_changed);
-        }); // a failure leaves it null
-    }
+    module_open(config_module, [](sd_bus *bus) {
+        return match_signal(bus, config_service, "PropertiesChanged", config_changed);
+    }); // a failure leaves it null
     return config_module.bus;
 }
 
-static void config_bus_pump()
+/** Fold an sd-bus code into the family's range. */
+static int32_t config_status(int code)
 {
-    const mutex_guard guard(config_module.lock);
-    if (sd_bus *bus = config_bus_get()) {
-        sd_bus_process(bus, nullptr); // a broken connection is told by the read or write that follows
+    return code < 0 ? BDBUS_CONFIG_ERRNO | -code : BDBUS_CONFIG_OK;
+}
+
+/** Handle what is queued, one message of it. @return a status; a broken connection shows in the read or write. */
+static int32_t config_bus_pump()
+{
+    if (is_inherited(config_module)) {
+        return config_status(-ECHILD);
     }
+    const mutex_guard guard(config_module.lock);
+    sd_bus *bus = config_bus_get();
+    if (bus == nullptr) {
+        return BDBUS_CONFIG_NO_BUS;
+    }
+    sd_bus_process(bus, nullptr);
+    return BDBUS_CONFIG_OK;
 }
 
 /** Where a key lives: "Group.Name" is property Name of the service's interface Group, "Name" one of its base interface.
@@ -146,20 +157,12 @@ private:
     const char *member_;
 };
 
-/** Fold an sd-bus code into the family's range. */
-static int32_t config_status(int code)
-{
-    return code < 0 ? BDBUS_CONFIG_ERRNO | -code : BDBUS_CONFIG_OK;
-}
-
 /** Ask the service for a value into a new allocation: a text, or a cell. The cache lock is held. */
 static int32_t config_read(config_key &key)
 {
+    const held_signals held;
     const mutex_guard guard(config_module.lock);
-    sd_bus *bus = config_bus_get();
-    if (bus == nullptr) {
-        return BDBUS_CONFIG_NO_BUS;
-    }
+    sd_bus *bus = config_module.bus;
     const config_property property(key.name);
     int code = 0;
     void *value = nullptr;
@@ -187,14 +190,11 @@ static int32_t config_read(config_key &key)
 /** Hand a value to the service. The cache lock is held. */
 static int32_t config_write(const config_key &key, uint32_t value)
 {
+    const held_signals held;
     const mutex_guard guard(config_module.lock);
-    sd_bus *bus = config_bus_get();
-    if (bus == nullptr) {
-        return BDBUS_CONFIG_NO_BUS;
-    }
     const config_property property(key.name);
-    return config_status(sd_bus_set_property(bus, config_service.name, config_service.path, property.interface(),
-                                             property.member(), nullptr, key.type, value));
+    return config_status(sd_bus_set_property(config_module.bus, config_service.name, config_service.path,
+                                             property.interface(), property.member(), nullptr, key.type, value));
 }
 
 /** Copy a cached value out: a text as strncpy does, a number as it is. */
@@ -216,10 +216,14 @@ static int32_t config_get(config_key &key, void *out, uint32_t len)
     if (out == nullptr) {
         return config_status(-EINVAL);
     }
-    config_bus_pump();
+    const uncancelled guard;
+    int32_t status = config_bus_pump();
+    if (status != BDBUS_CONFIG_OK) {
+        return status;
+    }
     const config_cache_guard cache;
     if (key.cached == 0) {
-        const int32_t status = config_read(key);
+        status = config_read(key);
         if (status != BDBUS_CONFIG_OK) {
             return status;
         }
@@ -234,7 +238,11 @@ static int32_t config_set(config_key &key, const uint32_t *value)
     if (value == nullptr) {
         return config_status(-EINVAL);
     }
-    config_bus_pump();
+    const uncancelled guard;
+    const int32_t status = config_bus_pump();
+    if (status != BDBUS_CONFIG_OK) {
+        return status; // nothing is cached before there is a connection
+    }
     const config_cache_guard cache;
     config_drop(key);
     return key.type[0] == 's' ? BDBUS_CONFIG_NO_STRING_SET : config_write(key, *value);

@@ -92,10 +92,10 @@ private:
     service peer_;
 };
 
-class network_call : network_hold, public call_frame
+class network_call : call_report, network_hold, public call_frame
 {
 public:
-    explicit network_call(const service &peer) : call_frame(peer, network_texts, bus(), ready(bus(), peer)) {}
+    explicit network_call(const service &peer) : call_frame(*this, peer, network_texts, bus(), ready(bus(), peer)) {}
 
     [[nodiscard]] int32_t status() const { return bus() == nullptr ? BDBUS_NETWORK_NO_BUS : network_status(result()); }
 

@@ -102,11 +102,12 @@ int32_t bnetwork_nodes_list_get(bnetwork_node_list *list)
         return bdbus::network_status(-EINVAL);
     }
     *list = {};
+    bdbus::call_report report;
     bdbus::network_hold hold;
     if (hold.bus() == nullptr) {
         return BDBUS_NETWORK_NO_BUS;
     }
-    bdbus::call_frame call(bdbus::network_introspection, bdbus::network_texts, hold.bus(), 0);
+    bdbus::call_frame call(report, bdbus::network_introspection, bdbus::network_texts, hold.bus(), 0);
     call.invoke<"">("Introspect");
     hold.release();
     const char *xml = nullptr;

@@ -20,11 +20,11 @@ static constexpr service raid_service = {
 
 static constinit pthread_mutex_t raid_lock = PTHREAD_MUTEX_INITIALIZER;
 
-class raid_call : call_connection, public call_frame
+class raid_call : call_report, call_connection, public call_frame
 {
 public:
     explicit raid_call(const call_texts &texts = raid_texts)
-        : call_connection(raid_lock), call_frame(raid_service, texts, bus(), acquired())
+        : call_connection(raid_lock, *this), call_frame(*this, raid_service, texts, bus(), acquired())
     {
     }
 

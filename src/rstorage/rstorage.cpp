@@ -22,7 +22,7 @@ static constinit bus_module rstorage_control_module;
 
 static int32_t rstorage_query_bus_acquire()
 {
-    return module_acquire(rstorage_query_module, no_matches);
+    return module_acquire(rstorage_query_module, nullptr);
 }
 
 static void rstorage_query_bus_release()
@@ -32,7 +32,7 @@ static void rstorage_query_bus_release()
 
 static int32_t rstorage_control_bus_acquire()
 {
-    return module_acquire(rstorage_control_module, no_matches);
+    return module_acquire(rstorage_control_module, nullptr);
 }
 
 static void rstorage_control_bus_release()
@@ -59,11 +59,11 @@ private:
 };
 
 template <typename Hold>
-class rstorage_call : rstorage_disk, Hold, public call_frame
+class rstorage_call : rstorage_disk, public module_call<Hold>
 {
 public:
     explicit rstorage_call(int32_t disk, const call_texts &texts = plain_texts)
-        : rstorage_disk(disk), call_frame(peer(), texts, Hold::bus(), Hold::acquired())
+        : rstorage_disk(disk), module_call<Hold>(peer(), texts)
     {
     }
 };
@@ -71,16 +71,18 @@ public:
 using rstorage_query = rstorage_call<rstorage_query_hold>;
 using rstorage_action = rstorage_call<rstorage_control_hold>;
 
-/** A getter tells of every failure by itself, also of a connection that could not be had, with the property's name. */
-static constexpr call_texts untold;
+/** A property's read is silent: its getter prints a line with the property's name for every failure, one without a
+ * connection included. */
+static constexpr call_texts property_texts;
 
-static int32_t rstorage_told(int32_t result, const char *property)
+static int32_t rstorage_property_result(int32_t result, const char *property)
 {
-    if (result < 0) {
-        complain(plain_texts.property, property, strerror(-result));
-        return result;
+    if (result >= 0) {
+        return 0;
     }
-    return 0;
+    const uncancelled guard;
+    print_failure(plain_texts.property, property, result);
+    return result;
 }
 
 /** A property of one value, of which the caller gets the low byte. */
@@ -90,12 +92,12 @@ static int32_t rstorage_get_byte(int32_t disk, const char *property, uint8_t *ou
     if (out == nullptr) {
         return -EINVAL;
     }
-    rstorage_query call(disk, untold);
     Value value = 0;
-    if (call.get_basic_property<Type>(property, &value) >= 0) {
+    const int32_t result = rstorage_query(disk, property_texts).get_basic_property<Type>(property, &value);
+    if (result >= 0) {
         *out = static_cast<uint8_t>(value);
     }
-    return rstorage_told(call.result(), property);
+    return rstorage_property_result(result, property);
 }
 
 static int32_t rstorage_get_flag(int32_t disk, const char *property, uint8_t *out)
@@ -121,19 +123,21 @@ static void rstorage_copy_text(char *buf, uint32_t len, const char *text)
  * A text is read where the reply has it, which is then the only copy besides the caller's: it is wiped there, because a
  * password must not stay behind in memory that is given back. The reply is this call's own, and nobody reads it again.
  */
-static int32_t rstorage_get_text(int32_t disk, const char *property, char *buf, uint32_t len)
+static int32_t rstorage_read_text(int32_t disk, const char *property, char *buf, uint32_t len)
 {
-    if (buf == nullptr) {
-        return -EINVAL;
-    }
-    rstorage_query call(disk, untold);
+    rstorage_query call(disk, property_texts);
     const char *text = nullptr;
     call.get_property(property, "s");
     if (call.read<"s">(&text) >= 0 && text != nullptr) {
         rstorage_copy_text(buf, len, text);
         explicit_bzero(const_cast<char *>(text), strlen(text));
     }
-    return rstorage_told(call.result(), property);
+    return call.result();
+}
+
+static int32_t rstorage_get_text(int32_t disk, const char *property, char *buf, uint32_t len)
+{
+    return buf == nullptr ? -EINVAL : rstorage_property_result(rstorage_read_text(disk, property, buf, len), property);
 }
 
 } // namespace bdbus

@@ -42,8 +42,17 @@ static bool same(const bdbus_sdr_thresholds &a, const bdbus_sdr_thresholds &b)
     return memcmp(&a, &b, sizeof(a)) == 0; // bytes without padding
 }
 
+/** What a call gives in a child of the process that init was called in, before it touches the copy. @return -ECHILD,
+ * after its line. */
+static int32_t sdr_fail_in_child(const char *text)
+{
+    call_report report;
+    report.set(text, -ECHILD);
+    return -ECHILD;
+}
+
 /** What became of a value that was to be stored. */
-enum class stored : uint8_t { no, unchanged, changed };
+enum class stored : uint8_t { no, unchanged, changed, inherited };
 
 /** Store one part of a record, unless it holds these bytes already. */
 template <typename Part>
@@ -52,6 +61,9 @@ static stored sdr_write(uint16_t id, const Part *value, Part bdbus_sdr_record::*
     sdr_store *store = sdr_records.load(std::memory_order_acquire);
     if (value == nullptr || store == nullptr) {
         return stored::no;
+    }
+    if (is_inherited(sdr_module)) {
+        return stored::inherited;
     }
     stored outcome = stored::unchanged;
     const bool found = store->update(id, [&](bdbus_sdr_record &record) {
@@ -82,12 +94,19 @@ static int32_t sdr_tell_event(const char *member, uint16_t id, const bdbus_sdr_e
 /** The answer of a setter that told the service nothing. */
 static int32_t sdr_untold(stored outcome)
 {
-    return outcome == stored::unchanged ? 0 : -EINVAL;
+    switch (outcome) {
+    case stored::unchanged:
+        return 0;
+    case stored::inherited:
+        return sdr_fail_in_child(sdr_texts.issue);
+    default:
+        return -EINVAL;
+    }
 }
 
 /** Ask for a record and put it into the store, before anything that came after it is dispatched. @return the next ID,
  * or a negative code. */
-static int32_t sdr_fetch(uint16_t id, sdr_store &store, uint16_t &key)
+static int32_t sdr_fetch(uint16_t id, sdr_store &store)
 {
     sdr_call call("GetSdr", sdr_fetch_texts);
     call.append<"q">(id);
@@ -104,12 +123,11 @@ static int32_t sdr_fetch(uint16_t id, sdr_store &store, uint16_t &key)
     if (sdr == nullptr) {
         return -EINVAL;
     }
-    key = static_cast<uint16_t>(sdr[0] | sdr[1] << 8);
-    store.insert(key, sdr, 0); // without memory it is not stored
+    store.insert(static_cast<uint16_t>(sdr[0] | sdr[1] << 8), sdr, 0); // without memory it is not stored
     return next;
 }
 
-/** Record IDs that the walk over the repository has asked for or been shown. */
+/** Record IDs that the walk over the repository has asked for. */
 class id_set
 {
 public:
@@ -120,20 +138,22 @@ private:
     uint8_t bits_[0x10000 / 8] = {};
 };
 
-/** Read the repository, until its end, a record that cannot be read, or an ID that comes again. */
+/**
+ * Read the repository, until its end, a record that cannot be read, or an ID that was asked for before. What a record
+ * says of itself ends nothing: a service may count its records from 1 and call the first of them 0, too.
+ */
 static void sdr_fetch_all(sdr_store &store)
 {
+    const calls_in_a_row fetches;
     const listener_pause pause;
-    id_set seen;
+    id_set asked;
     uint16_t id = first_record;
-    while (id != no_more_records && !seen.has(id)) {
-        seen.add(id);
-        uint16_t key = id;
-        const int32_t next = sdr_fetch(id, store, key);
+    while (id != no_more_records && !asked.has(id)) {
+        asked.add(id);
+        const int32_t next = sdr_fetch(id, store);
         if (next < 0) {
             return;
         }
-        seen.add(key);
         id = static_cast<uint16_t>(next);
     }
 }
@@ -165,6 +185,10 @@ static int32_t sdr_set_up()
 
 int32_t bdbus_sdr_init(void)
 {
+    if (bdbus::is_inherited(bdbus::sdr_module)) {
+        return bdbus::sdr_fail_in_child(bdbus::connect_text);
+    }
+    const bdbus::uncancelled uncancelled;
     static constinit pthread_mutex_t once = PTHREAD_MUTEX_INITIALIZER;
     const bdbus::mutex_guard guard(once);
     if (bdbus::sdr_records.load(std::memory_order_acquire) != nullptr) {
@@ -210,6 +234,9 @@ int32_t bdbus_sdr_threshold_get(uint16_t record_id, bdbus_sdr_thresholds *out)
 
 int32_t bdbus_sdr_reading_set(uint16_t record_id, uint8_t reading)
 {
+    if (bdbus::is_inherited(bdbus::sdr_module)) {
+        return bdbus::sdr_fail_in_child(bdbus::sdr_texts.issue);
+    }
     bdbus::sdr_store *store = bdbus::sdr_records.load(std::memory_order_acquire);
     const auto set = [reading](bdbus_sdr_record &record) {
         record.reading = reading;
@@ -286,6 +313,9 @@ int32_t bdbus_sdr_add(const uint8_t *sdr, uint32_t count, uint16_t *record_id, u
 
 int32_t bdbus_sdr_delete(uint16_t record_id)
 {
+    if (bdbus::is_inherited(bdbus::sdr_module)) {
+        return bdbus::sdr_fail_in_child(bdbus::sdr_texts.issue);
+    }
     bdbus::sdr_store *store = bdbus::sdr_records.load(std::memory_order_acquire);
     if (store == nullptr || !store->remove(record_id)) {
         return -EINVAL;

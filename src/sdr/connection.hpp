@@ -9,6 +9,8 @@
 #include "bus/connection.hpp"
 #include "sdr/store.hpp"
 
+#include <cerrno>
+
 namespace bdbus
 {
 
@@ -32,8 +34,8 @@ extern std::atomic<bool> sdr_listener_waits;
 /** Let it take its turn. The module lock is free. */
 void sdr_let_listener_in();
 
-/** Prepare a connection for the listener: its own name, the seven matches. */
-void sdr_subscribe(sd_bus *bus);
+/** Prepare a connection for the listener: its own name, the seven matches. @return 0, or a negative code. */
+int32_t sdr_subscribe(sd_bus *bus);
 
 /** Start the listener on the open connection. @return 0, or a negative error number. */
 int32_t sdr_listener_start();
@@ -51,13 +53,21 @@ public:
     listener_pause &operator=(const listener_pause &) = delete;
 };
 
-/** The connection, held for one call, its reply's handling included. */
+/** The connection, held for one call, its reply's handling included. Init has opened it. */
 class sdr_hold
 {
 public:
-    sdr_hold() { pthread_mutex_lock(&sdr_module.lock); }
+    sdr_hold() : inherited_(is_inherited(sdr_module))
+    {
+        if (!inherited_) {
+            pthread_mutex_lock(&sdr_module.lock);
+        }
+    }
     ~sdr_hold()
     {
+        if (inherited_) {
+            return;
+        }
         sdr_wake_listener();
         pthread_mutex_unlock(&sdr_module.lock);
         if (sdr_listener_waits.load(std::memory_order_relaxed)) {
@@ -66,6 +76,12 @@ public:
     }
     sdr_hold(const sdr_hold &) = delete;
     sdr_hold &operator=(const sdr_hold &) = delete;
+
+    [[nodiscard]] int32_t acquired() const { return inherited_ ? -ECHILD : 0; }
+    [[nodiscard]] sd_bus *bus() const { return sdr_module.bus; }
+
+private:
+    bool inherited_;
 };
 
 /** Building a call is silent, and a failed call tells the D-Bus error's text. */
@@ -74,11 +90,10 @@ inline constexpr call_texts sdr_texts = {.issue = plain_texts.issue, .parse = pl
 /** The reading of a record is silent too. */
 inline constexpr call_texts sdr_fetch_texts = {.issue = plain_texts.issue};
 
-class sdr_call : sdr_hold, public call_frame
+class sdr_call : public module_call<sdr_hold>
 {
 public:
-    explicit sdr_call(const char *member, const call_texts &texts = sdr_texts)
-        : call_frame(sdr_service, texts, sdr_module.bus, 0)
+    explicit sdr_call(const char *member, const call_texts &texts = sdr_texts) : module_call(sdr_service, texts)
     {
         create(member);
     }

@@ -6,6 +6,7 @@
 // connection's descriptor and for callers that left messages in the queue.
 #include "sdr/connection.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/eventfd.h>
@@ -229,7 +230,9 @@ static void wait(const wait_for &what)
         const uint64_t left = what.until_us > now ? what.until_us - now : 0;
         limit = {.tv_sec = static_cast<time_t>(left / us_per_s), .tv_nsec = static_cast<long>(left % us_per_s * 1000)};
     }
-    ppoll(fds, 2, what.until_us == UINT64_MAX ? nullptr : &limit, nullptr);
+    if (ppoll(fds, 2, what.until_us == UINT64_MAX ? nullptr : &limit, nullptr) < 0 && errno != EINTR) {
+        poll(nullptr, 0, 1000); // the process may have no descriptors at all: what can still be done is not to spin
+    }
     if (fds[0].revents != 0) {
         eventfd_t raised = 0;
         eventfd_read(wake_fd, &raised);
@@ -265,32 +268,54 @@ static void *listen(void * /*argument*/)
     return nullptr;
 }
 
-/** Create the thread, with no signal of the process delivered to it. */
+/** Create the thread, with no signal of the process delivered to it but its own faults. */
 static int create_thread()
 {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
+    for (const int signal : fault_signals) {
+        sigdelset(&all, signal);
+    }
     pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread = {};
     const int error = pthread_create(&thread, nullptr, listen, nullptr);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error == 0) {
+        pthread_setname_np(thread, "bdbus-sdr");
+    }
     return error;
 }
 
-void sdr_subscribe(sd_bus *bus)
+int32_t sdr_subscribe(sd_bus *bus)
 {
     own_name = nullptr;
     sd_bus_get_unique_name(bus, &own_name);
+    int32_t result = 0;
     for (const auto &[member, handler] : signals) {
-        match_signal(bus, sdr_service, member, handler);
+        result = result < 0 ? result : match_signal(bus, sdr_service, member, handler);
     }
+    return result;
+}
+
+/** A descriptor that stands for none of the standard streams, which a program may have closed. */
+static int create_wake_fd()
+{
+    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return moved;
 }
 
 int32_t sdr_listener_start()
 {
     if (wake_fd < 0) {
-        wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        wake_fd = create_wake_fd();
         if (wake_fd < 0) {
             return -errno;
         }

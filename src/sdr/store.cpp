@@ -28,11 +28,25 @@ void sdr_cell::store(const bdbus_sdr_record &record)
     }
 }
 
+constinit sdr_store *sdr_store::created_ = nullptr;
+
 sdr_store *sdr_store::create()
 {
     auto *store = static_cast<sdr_store *>(calloc(1, sizeof(sdr_store)));
-    if (store != nullptr) {
-        pthread_mutex_init(&store->lock_, nullptr);
+    if (store == nullptr) {
+        return nullptr;
+    }
+    pthread_mutex_init(&store->lock_, nullptr);
+    created_ = store;
+    const auto lock = [] {
+        pthread_mutex_lock(&created_->lock_);
+    };
+    const auto unlock = [] {
+        pthread_mutex_unlock(&created_->lock_);
+    };
+    if (pthread_atfork(lock, unlock, unlock) != 0) {
+        free(store);
+        return nullptr;
     }
     return store;
 }

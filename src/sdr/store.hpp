@@ -56,7 +56,10 @@ struct sdr_slot {
 class sdr_store
 {
 public:
-    /** An empty store, or null without memory. It lives to the end of the process. */
+    /**
+     * The store of the process, empty, or null without memory. It lives to the end of the process. A fork waits for its
+     * writers, so that a child can read it.
+     */
     static sdr_store *create();
 
     /** Copy a record out; `out` is written when there is one. @return whether the ID is stored. */
@@ -118,6 +121,8 @@ private:
     bool read_again(const sdr_slot &slot, bdbus_sdr_record &out) const;
     static void write(sdr_slot &slot, sdr_cell *cell, const bdbus_sdr_record &record);
     sdr_cell *take_cell();
+
+    static sdr_store *created_;
 
     mutable pthread_mutex_t lock_;
     sdr_slot slots_[0x10000];

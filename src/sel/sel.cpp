@@ -17,9 +17,14 @@ static constexpr service sel_service = {
     .interface = "com.brisemont.SystemEventLog1",
 };
 
-/** An entry's bytes that cannot be read are a reply that cannot be read. */
+/** A request that cannot be built is one that cannot be sent; an entry's bytes are part of the reply. */
 static constexpr call_texts sel_texts = {
-    .issue = plain_texts.issue, .parse = plain_texts.parse, .array = plain_texts.parse};
+    .issue = plain_texts.issue,
+    .create = plain_texts.issue,
+    .append_array = plain_texts.issue,
+    .parse = plain_texts.parse,
+    .array = plain_texts.parse,
+};
 
 static constinit bus_module sel_module;
 static constinit std::atomic<const bdbus_sel_callback_table *> sel_callbacks{nullptr};
@@ -45,11 +50,13 @@ static constexpr struct {
     {"SelFull", sel_event<&bdbus_sel_callback_table::sel_full>},
 };
 
-static void sel_events_match(sd_bus *bus)
+static int32_t sel_events_match(sd_bus *bus)
 {
+    int32_t result = 0;
     for (const auto &[member, handler] : sel_signals) {
-        match_signal(bus, sel_service, member, handler);
+        result = result < 0 ? result : match_signal(bus, sel_service, member, handler);
     }
+    return result;
 }
 
 static int32_t sel_bus_acquire()
@@ -64,10 +71,10 @@ static void sel_bus_release()
 
 using sel_hold = module_hold<sel_module, sel_bus_acquire, sel_bus_release>;
 
-class sel_call : sel_hold, public call_frame
+class sel_call : public module_call<sel_hold>
 {
 public:
-    sel_call() : call_frame(sel_service, sel_texts, bus(), acquired()) {}
+    sel_call() : module_call(sel_service, sel_texts) {}
 };
 
 } // namespace bdbus

@@ -23,10 +23,10 @@ void upgrade_bus_release();
 using upgrade_hold = module_hold<upgrade_module, upgrade_bus_acquire, upgrade_bus_release>;
 
 /** One call on the held connection, to the upgrade service unless another is named. */
-class upgrade_call : upgrade_hold, public call_frame
+class upgrade_call : public module_call<upgrade_hold>
 {
 public:
-    explicit upgrade_call(const service &peer = upgrade_service) : call_frame(peer, plain_texts, bus(), acquired()) {}
+    explicit upgrade_call(const service &peer = upgrade_service) : module_call(peer, plain_texts) {}
 };
 
 } // namespace bdbus

@@ -62,14 +62,17 @@ static int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *e
 }
 
 template <std::size_t... Slots>
-static void match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
+static int32_t match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
 {
-    (match_signal(bus, upgrade_service, upgrade_signals[Slots], upgrade_event<Slots>), ...);
+    int32_t result = 0;
+    static_cast<void>(
+        (((result = match_signal(bus, upgrade_service, upgrade_signals[Slots], upgrade_event<Slots>)) >= 0) && ...));
+    return result;
 }
 
-void upgrade_events_match(sd_bus *bus)
+int32_t upgrade_events_match(sd_bus *bus)
 {
-    match_all(bus, std::make_index_sequence<BDBUS_UPGRADE_SIGNALS>());
+    return match_all(bus, std::make_index_sequence<BDBUS_UPGRADE_SIGNALS>());
 }
 
 } // namespace bdbus

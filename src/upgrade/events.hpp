@@ -3,10 +3,12 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
+
 namespace bdbus
 {
 
-/** Subscribe a new connection to the 80 notices. */
-void upgrade_events_match(sd_bus *bus);
+/** Subscribe a new connection to the 80 notices. @return 0, or the first match's negative code. */
+int32_t upgrade_events_match(sd_bus *bus);
 
 } // namespace bdbus

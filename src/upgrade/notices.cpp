@@ -4,13 +4,11 @@
 
 #include <bdbus/upgrade.h>
 
-#include <cstring>
-
 namespace bdbus
 {
 
-/** @return the result of the last step, after its line if it failed and has one. */
-static int32_t upgrade_announce(sd_bus *bus, const char *member, const signal_texts &texts)
+/** @return the result of the last step; if it failed and has a line, that is reported. */
+static int32_t upgrade_announce(call_report &report, sd_bus *bus, const char *member, const signal_texts &texts)
 {
     sd_bus_message *signal = nullptr;
     const char *step = texts.create;
@@ -19,8 +17,8 @@ static int32_t upgrade_announce(sd_bus *bus, const char *member, const signal_te
         step = texts.send;
         result = sd_bus_send(bus, signal, nullptr);
     }
-    if (result < 0 && step != nullptr) {
-        complain(step, strerror(-result));
+    if (result < 0) {
+        report.set(step, result);
     }
     sd_bus_message_unref(signal);
     return result;
@@ -32,18 +30,20 @@ static int32_t upgrade_announce(sd_bus *bus, const char *member, const signal_te
  */
 static int32_t upgrade_handle_change(const char *member)
 {
-    return upgrade_announce(upgrade_module.bus, member, change_handle_texts);
+    call_report report;
+    return upgrade_announce(report, upgrade_module.bus, member, change_handle_texts);
 }
 
 } // namespace bdbus
 
 int32_t bdbus_upgrade_bmc_sensors_ready(void)
 {
+    bdbus::call_report report;
     const bdbus::upgrade_hold hold;
     if (hold.acquired() < 0) {
         return hold.acquired();
     }
-    return bdbus::upgrade_announce(hold.bus(), "BmcSensorsReady", bdbus::notice_texts);
+    return bdbus::upgrade_announce(report, hold.bus(), "BmcSensorsReady", bdbus::notice_texts);
 }
 
 int32_t bdbus_upgrade_fpga_change_handle(void)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The activation stage: activate, follow the self test, roll back when it fails, and ask for the rollback status when
 // something went wrong.
+#include "bus/guard.hpp"
 #include "upgrade_agent/clock.hpp"
 #include "upgrade_agent/commands.hpp"
 #include "upgrade_agent/image.hpp"
@@ -176,5 +177,6 @@ int32_t bdbus_upgrade_agent_activation_stage(bdbus_upgrade_agent_context *contex
         bdbus::log_truncated();
         return -1;
     }
+    const bdbus::calls_in_a_row stage;
     return bdbus::activate(*context);
 }

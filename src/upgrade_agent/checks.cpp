@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // What the agent finds out before anything is written: what the target holds, whether the image is for this controller,
 // and which components differ.
+#include "bus/guard.hpp"
 #include "upgrade_agent/commands.hpp"
 #include "upgrade_agent/image.hpp"
 #include "upgrade_agent/state.hpp"
@@ -237,6 +238,7 @@ static int32_t check_action(bdbus_upgrade_agent_context &context, const action_r
 
 int32_t bdbus_upgrade_agent_target_check(void)
 {
+    const bdbus::calls_in_a_row stage;
     bdbus_hpm1_target_caps_rec caps = {};
     if (const int32_t result = bdbus::bdbus_upgrade_agent_get_target_caps(&caps); result != 0) {
         syslog(LOG_ERR, "HW may not support HPM.1 standard\n");
@@ -259,6 +261,7 @@ int32_t bdbus_upgrade_agent_preparation_stage(bdbus_upgrade_agent_context *conte
         bdbus::log_truncated();
         return -1;
     }
+    const bdbus::calls_in_a_row stage;
     if (const int32_t status = bdbus::read_identity(*context); status != 0) {
         return status;
     }
@@ -281,6 +284,7 @@ int32_t bdbus_upgrade_agent_preparation_stage(bdbus_upgrade_agent_context *conte
 
 int32_t bdbus_upgrade_agent_pre_upgrade_check(bdbus_upgrade_agent_context *context)
 {
+    const bdbus::calls_in_a_row stage;
     bdbus::record_walk walk(context);
     bdbus::walk_step step = walk.next();
     for (; step == bdbus::walk_step::record; step = walk.next()) {

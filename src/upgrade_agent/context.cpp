@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A context's life: the file comes in whole, and goes with the context. The agent's status starts and ends with it.
+#include "bus/guard.hpp"
 #include "upgrade_agent/state.hpp"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -29,30 +29,24 @@ static void log_short_read(const char *path, int64_t size, size_t got)
            static_cast<int>(got));
 }
 
-/** Open for reading without ever waiting, as opening a pipe would; only regular files get further than this. */
+/** Open for reading without ever waiting, as opening a pipe would. What cannot be sought, such as that, ends there. */
 static FILE *open_image(const char *path)
 {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    FILE *file = fd < 0 ? nullptr : fdopen(fd, "rb");
-    if (file == nullptr && fd >= 0) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    fcntl(fd, F_SETFL, 0); // from here on it may wait
+    FILE *file = fdopen(fd, "rb");
+    if (file == nullptr) {
         close(fd);
     }
     return file;
 }
 
-static bool is_regular(FILE *file)
-{
-    struct stat info = {};
-    return fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
-}
-
 /** Read an open file whole into the context. @return whether it was; else a line is logged. */
 static bool read_image(FILE *file, const char *path, bdbus_upgrade_agent_context &context)
 {
-    if (!is_regular(file)) {
-        log_short_read(path, 0, 0);
-        return false;
-    }
     if (fseeko(file, 0, SEEK_END) != 0) {
         syslog(LOG_ERR, "SW image %s fseek fail at address 0\n", path);
         return false;
@@ -99,6 +93,7 @@ static void free_context(bdbus_upgrade_agent_context *context)
 
 bdbus_upgrade_agent_context *bdbus_upgrade_agent_initialization(const char *path)
 {
+    const bdbus::uncancelled guard;
     bdbus::set_status(BDBUS_UPGRADE_AGENT_STAGE_IDLE, 0);
     auto *context = static_cast<bdbus_upgrade_agent_context *>(calloc(1, sizeof(bdbus_upgrade_agent_context)));
     if (context == nullptr) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The upgrade stage: the image's actions carried out in their order, each marked component uploaded block by block.
+#include "bus/guard.hpp"
 #include "upgrade_agent/clock.hpp"
 #include "upgrade_agent/commands.hpp"
 #include "upgrade_agent/image.hpp"
@@ -220,6 +221,7 @@ static int32_t carry_out_all(bdbus_upgrade_agent_context *context)
 
 int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context)
 {
+    const bdbus::calls_in_a_row stage;
     bdbus::current_status.stage.store(BDBUS_UPGRADE_AGENT_STAGE_RUNNING, std::memory_order_relaxed);
     const int32_t result = bdbus::carry_out_all(context);
     bdbus::current_status.stage.store(result == 0 ? BDBUS_UPGRADE_AGENT_STAGE_DONE : BDBUS_UPGRADE_AGENT_STAGE_FAILED,

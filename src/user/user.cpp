@@ -22,7 +22,7 @@ static constinit bus_module user_module;
 
 static int32_t user_bus_acquire()
 {
-    return module_acquire(user_module, no_matches);
+    return module_acquire(user_module, nullptr);
 }
 
 static void user_bus_release()
@@ -32,10 +32,10 @@ static void user_bus_release()
 
 using user_hold = module_hold<user_module, user_bus_acquire, user_bus_release>;
 
-class user_call : user_hold, public call_frame
+class user_call : public module_call<user_hold>
 {
 public:
-    user_call() : call_frame(user_service, plain_texts, bus(), acquired()) {}
+    user_call() : module_call(user_service, plain_texts) {}
 };
 
 /** Zero beyond what a function puts at its front. */
