@@ -9,13 +9,9 @@ build=$root/build
 
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
-test_packages=(libgtest-dev libgmock-dev libbenchmark-dev dwarves)
-check_packages=(clang libclang-rt-dev clang-format clang-tidy shellcheck)
+test_packages=(libgtest-dev dwarves)
+check_packages=(libbenchmark-dev clang libclang-rt-dev clang-format clang-tidy shellcheck)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
-
-# Unpacked for the cross compiler, not installed.
-sysroot_packages=(libc6-dev libstdc++6 libsystemd-dev libexpat1-dev libwolfssl-dev libgtest-dev libgmock-dev
-    nlohmann-json3-dev)
 
 # need_packages PACKAGE...: installs those that are missing; without the right to do so, says what to run and gives up.
 need_packages()

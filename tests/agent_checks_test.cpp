@@ -2,6 +2,7 @@
 #include "support/capture.hpp"
 #include "support/image.hpp"
 #include "support/simulator.hpp"
+#include "support/wait.hpp"
 
 #include <sys/syslog.h>
 
@@ -180,10 +181,11 @@ TEST_F(agent_checks, preparation_passes_a_configuration_failure_on_before_storin
                       {"count", 0},
                       {"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", "no"}}}});
     int32_t result = 0;
-    for (int i = 0; i < 1000 && result == 0; i++) { // until the notice has dropped the cache
+    EXPECT_TRUE(eventually([&] { // the notice has dropped the cache
         context->device_id = 0;
         result = bdbus_upgrade_agent_preparation_stage(context);
-    }
+        return result != 0;
+    }));
     EXPECT_EQ(result, 0x1000 | EACCES);
     EXPECT_EQ(context->device_id, 0);
 }

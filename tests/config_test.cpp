@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
+#include "support/wait.hpp"
 
 #include <bdbus/config.h>
 
@@ -23,9 +24,10 @@ protected:
         bdbus_config_get_bool("Hpm3.Enabled");
         announce();
         simulator::clear_calls();
-        for (int i = 0; i < 1000 && simulator::calls("Config1").empty(); i++) {
+        EXPECT_TRUE(eventually([] {
             bdbus_config_get_bool("Hpm3.Enabled");
-        }
+            return !simulator::calls("Config1").empty();
+        }));
         simulator::clear_calls();
     }
 
@@ -76,10 +78,7 @@ TEST_F(config, asks_the_service_once_until_it_announces_a_change)
     EXPECT_EQ(simulator::calls("Config1").size(), 1U);
 
     simulator::set({{"config", {{"Firmware.Major", first + 1}}}}); // the service announces it
-    int asked = 0;
-    while (major() == first && asked < 1000) {
-        asked++;
-    }
+    EXPECT_TRUE(eventually([first] { return major() != first; }));
     EXPECT_EQ(major(), first + 1);
     EXPECT_EQ(simulator::calls("Config1").size(), 2U);
 }

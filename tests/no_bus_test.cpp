@@ -3,6 +3,7 @@
 // this program runs them in one sequence.
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
+#include "support/wait.hpp"
 
 #include <bdbus/bdbus.h>
 
@@ -64,9 +65,10 @@ TEST_F(no_bus, upgrade_prints_it_each_time_and_subscribes_once_the_bus_is_there)
     EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
     handle_changes(true);
     simulator::emit({{"service", "Upgrade1"}, {"member", "BmcReset"}});
-    for (int i = 0; i < 100'000 && notices == 0; i++) {
+    EXPECT_TRUE(eventually([] {
         EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
-    }
+        return notices > 0;
+    }));
     for (int i = 0; i < 100; i++) {
         bdbus_upgrade_signal_process();
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
+#include "support/timeout.hpp"
+#include "support/wait.hpp"
 
 #include <bdbus/config.h>
 #include <bdbus/storectrl.h>
@@ -409,19 +411,21 @@ TEST_F(raid, blocks_itself_alone_while_an_operation_gets_no_answer)
     simulator::fault({{"service", "RAIDMgmt"}, {"member", "CreateVirtualDrive"}, {"no_reply", true}});
     const stderr_capture said;
     std::atomic<bool> ended = false;
-    std::thread operation([&] {
-        EXPECT_EQ(bdbus_storectrl_create_virtual_drive(new_drive()), 0);
-        ended = true;
-    });
-    while (simulator::calls("RAIDMgmt").empty()) {
+    std::thread operation;
+    {
+        const short_timeout of_other_calls;
+        operation = std::thread([&] {
+            EXPECT_EQ(bdbus_storectrl_create_virtual_drive(new_drive()), 0);
+            ended = true;
+        });
+        ASSERT_TRUE(eventually([] { return !simulator::calls("RAIDMgmt").empty(); }));
     }
     std::atomic<bool> asked = false;
     std::thread query([&] {
         EXPECT_EQ(bdbus_storectrl_get_virtual_drive_list().count, 0) << "the service is gone by then";
         asked = true;
     });
-    // Longer than the default time-out, which the environment sets to a second.
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1300);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     while (std::chrono::steady_clock::now() < until) {
         int32_t count = 0;
         uint32_t major = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
+#include "support/wait.hpp"
 
 #include <bdbus/sel.h>
 
@@ -143,9 +144,10 @@ int hear(sd_bus_message *signal, void *userdata, sd_bus_error * /*error*/)
 
 void process(size_t expected)
 {
-    for (int i = 0; i < 100'000 && heard.size() < expected; i++) {
+    EXPECT_TRUE(eventually([expected] {
         EXPECT_EQ(bdbus_sel_event_process(), 0);
-    }
+        return heard.size() >= expected;
+    }));
     for (int i = 0; i < 100; i++) {
         EXPECT_EQ(bdbus_sel_event_process(), 0);
     }

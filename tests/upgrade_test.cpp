@@ -2,6 +2,8 @@
 #include "support/capture.hpp"
 #include "support/image.hpp"
 #include "support/simulator.hpp"
+#include "support/timeout.hpp"
+#include "support/wait.hpp"
 
 #include <bdbus/bdbus.h>
 
@@ -222,9 +224,12 @@ bdbus_upgrade_callback_table recorders(std::index_sequence<Slots...> /*slots*/)
 /** Process until so many notices were delivered, and a little longer, for those that should not be. */
 void process(size_t expected)
 {
-    for (int i = 0; i < 100'000 && delivered.size() < expected; i++) {
-        EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
-    }
+    EXPECT_TRUE(eventually([expected] {
+        for (int i = 0; i < 100; i++) {
+            EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
+        }
+        return delivered.size() >= expected;
+    }));
     for (int i = 0; i < 200; i++) {
         EXPECT_EQ(bdbus_upgrade_signal_process(), 0);
     }
@@ -314,25 +319,24 @@ TEST_F(upgrade, lets_handlers_change_tables_and_slots_while_notices_come)
         expected.push_back(i % 2);
     }
     expected.resize(100);
-    process(150);
+    process(expected.size());
     EXPECT_EQ(delivered, expected);
 }
 
 TEST_F(upgrade, sends_its_notices_also_from_within_a_handler)
 {
     const auto notices = [](size_t expected) {
-        for (int i = 0; i < 5000; i++) { // what others sent is not in step with the control object
-            json heard = json::array();
+        json heard;
+        EXPECT_TRUE(eventually([&] { // what others sent is not in step with the control object
+            heard = json::array();
             for (const json &call : simulator::calls("Upgrade1")) {
                 if (call["kind"] == "signal") {
                     heard.push_back({call["path"], call["interface"], call["member"], call["signature"]});
                 }
             }
-            if (heard.size() >= expected) {
-                return heard;
-            }
-        }
-        return json();
+            return heard.size() >= expected;
+        }));
+        return heard;
     };
     const auto notice = [](const char *member) {
         return json({"/com/brisemont/Upgrade1", "com.brisemont.Upgrade1", member, ""});
@@ -386,8 +390,9 @@ TEST_F(upgrade, sends_every_setting_field_by_field)
 
     const auto version = [&](const char *member, int32_t (*set)(bdbus_upgrade_version_update *), const char *hex,
                              bdbus_upgrade_version_update request) {
-        answer(member, 0xFE, 1200);
-        EXPECT_GT(set(&request), 0) << "beyond the time-out of other calls";
+        const short_timeout of_other_calls;
+        answer(member, 0xFE, 300);
+        EXPECT_GT(set(&request), 0);
         EXPECT_EQ(request.result, 0xFE);
         EXPECT_EQ(last_call(), json({member, "ay", {{{"length", 6}, {"hex", hex}}}}));
     };

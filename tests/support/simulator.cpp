@@ -3,6 +3,7 @@
 
 #include "support/capture.hpp"
 #include "support/clock.hpp"
+#include "support/timeout.hpp"
 
 #include <systemd/sd-bus.h>
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 namespace
 {
@@ -21,7 +23,7 @@ sd_bus *control_bus()
 {
     static sd_bus *const bus = [] {
         sd_bus *opened = nullptr;
-        if (sd_bus_open_system(&opened) < 0) {
+        if (sd_bus_open_system_with_description(&opened, "control") < 0) {
             fputs("run the tests under bdbus-sim run\n", stderr);
             abort();
         }
@@ -131,7 +133,13 @@ void expect_every_failure_is_told(const failing_call &subject)
         fault.update({{"service", subject.service}, {"member", subject.member}, {"count", 1}});
         simulator::fault(fault);
         const stderr_capture said;
-        EXPECT_FALSE(subject.call());
+        {
+            std::optional<short_timeout> timeout;
+            if (one.action.contains("no_reply")) {
+                timeout.emplace();
+            }
+            EXPECT_FALSE(subject.call());
+        }
         const std::string text = said.text();
         EXPECT_EQ(text.substr(0, one.line.size()), one.line);
         EXPECT_EQ(text.find('\n') + 1, text.size()) << text;

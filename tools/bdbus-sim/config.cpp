@@ -14,8 +14,10 @@ struct config_key {
 
     std::string interface() const
     {
-        size_t dot = name.rfind('.');
-        return "com.brisemont.Config1" + (dot == std::string::npos ? "" : "." + name.substr(0, dot));
+        std::string whole = "com.brisemont.Config1";
+        if (size_t dot = name.rfind('.'); dot != std::string::npos)
+            whole.append(".").append(name, 0, dot);
+        return whole;
     }
 
     std::string member() const { return name.substr(name.rfind('.') + 1); }
