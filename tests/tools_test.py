@@ -158,6 +158,29 @@ class Tools(unittest.TestCase):
         self.assert_status(done, 0)
         self.assertIn('1', json.dumps(json.loads(done.stdout)))
 
+    def test_an_upgrade_that_is_interrupted_writes_no_further_component(self):
+        firmware, received = self.file('firmware', os.urandom(3000)), os.path.join(self.folder.name, 'received')
+        done = on_controller('''$ctl -q image create -o "$1.hpm" --backup 1,3 --prepare 1,3 -c "1=$1" -c "3=$1" --oem "$1"
+            $ctl -qy upgrade run "$1.hpm" && $sim received 3 "$2" || exit
+            $sim calls; $sim clear-calls; $sim set '{"target":{"busy_polls":{"finish":1000000}}}'
+            $ctl -jy upgrade run "$1.hpm" --force & run=$!
+            until $sim calls Upgrade1 | grep -q FinishFirmwareUpload; do :; done
+            kill -TERM $run; wait $run; echo $?; $sim calls''', firmware, received)
+        self.assert_status(done, 0)
+        with open(firmware, 'rb') as sent, open(received, 'rb') as got:
+            self.assertEqual(got.read(), sent.read())
+        calls, rest = done.stdout.split('\n]\n', 1)
+        document, status, rest = rest.split('\n', 2)
+        self.assertIn('was aborted on the target', json.loads(document)['error']['message'])
+        self.assertEqual(status, '1')
+
+        def written(calls):
+            return [call['args'][1:] if call['member'] == 'InitiateUpgradeAction' else call['member'] for call in json.loads(calls)
+                    if call['member'] in ('InitiateUpgradeAction', 'UploadFirmwareBlock', 'FinishFirmwareUpload', 'ActivateFirmware')]
+        upload = ['UploadFirmwareBlock', 'UploadFirmwareBlock', 'FinishFirmwareUpload']
+        self.assertEqual(written(calls + ']'), [[10, 0], [10, 1], [2, 2], *upload, [8, 2], *upload, 'ActivateFirmware'])
+        self.assertEqual(written(rest), [[10, 0], [10, 1], [2, 2], *upload])
+
     def test_drives_are_made_shown_located_and_deleted(self):
         done = on_controller("""
             $ctl -j raid create -y --param1 1 --size 100 --text 'boot "1"' --option9 7 267 268
@@ -287,7 +310,7 @@ class Tools(unittest.TestCase):
         }
         paths = [self.file(f'{index}.sdr', sdr) for index, sdr in enumerate(records)]
         done = on_controller('''for file; do $ctl -j sdr add "$file" || exit; done; $ctl -j sdr list
-                             $ctl -j sdr show 130 && $ctl -j sdr show 135 && $ctl sdr show 135 && $ctl sdr list''', *paths)
+                             $ctl -j sdr show 130 && $ctl -j sdr show 135 && $ctl sdr show 135 && $ctl -q sdr show 135 && $ctl sdr list''', *paths)
         self.assert_status(done, 0)
         *added, listed, other, nonsense = [json.loads(line) for line in done.stdout.splitlines()[:len(paths) + 3]]
         shown = {row['id']: row for row in listed}
@@ -295,10 +318,11 @@ class Tools(unittest.TestCase):
         for (sdr, expected), answer in zip(records.items(), added):
             row = shown[answer['id']]
             self.assertEqual((row['reading'], row['unit'], row['name']), expected, sdr.hex())
-            self.assertEqual(row['reading_raw'], sdr[31])
+            self.assertEqual((row['reading_raw'], row['announced'], row['state']), (sdr[31], False, None))
         self.assertEqual((other['record_type'], nonsense['sdr_hex']), (0xC0, '8700' + 'ff' * 62))
         self.assertFalse(set(done.stdout) & set(map(chr, [*range(10), *range(11, 32), *range(0x7F, 0xA0)])))
-        self.assertIn('54 +12V voltage 12.06 V 11.40 11.04 10.80 12.60 12.96 13.20 ok', ' '.join(done.stdout.split()))
+        self.assertIn('54 +12V voltage 12.06 V 11.40 11.04 10.80 12.60 12.96 13.20 -', ' '.join(done.stdout.split()))
+        self.assertEqual(done.stdout.count('nominal ones until the service announces others'), 2)
         for wrong in (b'', b'x' * 63, b'x' * 65):
             done = run(CTL, 'sdr', 'add', '-', input=wrong.decode(), env=NO_BUS)
             self.assert_status(done, 1, '64 bytes')
@@ -313,6 +337,7 @@ class Tools(unittest.TestCase):
                 ('set-reading 1 44.4', 'SetReading', [1, 84], 'state', 'upper critical'),
                 ('set-reading 1 -10', 'SetReading', [1, 30], 'state', 'lower non-recoverable'),
                 ('set-reading 1 --raw 0x51', 'SetReading', [1, 0x51], 'reading', 41),
+                ('set-reading 1 20', 'SetReading', [1, 60], 'announced', True),
                 ('set-hysteresis 54 0.12 0.06', 'SetHysteresis', [54, 2, 1], 'hysteresis_positive', 0.12),
                 ('set-event 1 --flags 0', 'SetEvent', [1, 0, 0x7A95, 0x7A95], 'enable_flags', 0),
                 ('set-event 1 --status --assertions 0x80', 'SetEventStatus', [1, 0, 0x80, 0], 'status_assertions_names',
@@ -333,6 +358,7 @@ class Tools(unittest.TestCase):
 
     def test_watching_shows_readings_and_notices_until_told_to_end(self):
         done = on_controller('''$sim set '{"sdr":{"moving_ms":20}}'; $ctl --json=pretty sdr watch --count 3
+            until $ctl -j sdr list --wait 1 | grep '"announced":true'; do :; done
             $ctl sdr watch >"$1" & until [ -s "$1" ]; do sleep 0.02; done; kill -TERM $!; wait $! || exit
             $ctl -j sel watch --count 6 & watch=$!; $sim set '{"sel":{"capacity":2}}'
             while kill -0 $watch 2>/dev/null; do
@@ -340,8 +366,39 @@ class Tools(unittest.TestCase):
             wait $watch''', os.path.join(self.folder.name, 'seen'))
         self.assert_status(done, 0)
         lines = [json.loads(line) for line in done.stdout.splitlines()]
-        self.assertEqual([line['state'] for line in lines[:3]], ['ok'] * 3)
-        self.assertEqual({line['notice'] for line in lines[3:]}, {'cleared', 'almost-full', 'full'})
+        self.assertEqual([(line['announced'], line['state']) for line in lines[:3]], [(True, 'ok')] * 3)
+        self.assertLessEqual({(row['announced'], row['state']) for row in lines[3]}, {(True, 'ok'), (False, None)})
+        self.assertEqual({line['notice'] for line in lines[4:]}, {'cleared', 'almost-full', 'full'})
+
+    def test_watching_fails_when_the_service_or_the_bus_goes(self):
+        notices = {'sdr': '"SensorDataRepository1","member":"ReadingSet","signature":"sqy","args":[":1.99",1,77]',
+                   'sel': '"SystemEventLog1","member":"SelFull"', 'upgrade': '"Upgrade1","member":"UbootEnvDefaults"'}
+        command = 'read daemon rest </proc/$PPID/task/$PPID/children; echo $daemon $DBUS_SYSTEM_BUS_ADDRESS; exec sleep 600'
+        outer = subprocess.Popen([SIM, 'run', '--', 'sh', '-c', command], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.addCleanup(outer.communicate)
+        self.addCleanup(outer.kill)
+        daemon, address = outer.stdout.readline().split()
+        reached = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
+
+        def assert_all_end(end, status, said):
+            watching = {family: subprocess.Popen([CTL, '-j', family, 'watch'], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                                 text=True, env=reached) for family in notices}
+            for family, watch in watching.items():
+                self.addCleanup(watch.kill)
+                while not select.select([watch.stdout], [], [], 0.05)[0]:
+                    run(SIM, 'emit', '{"service":%s}' % notices[family], env=reached)
+            end()
+            for watch in watching.values():
+                shown, errors = watch.communicate(timeout=60)
+                self.assertEqual(watch.returncode, status, errors)
+                self.assertIn(said, json.loads(shown.splitlines()[-1])['error']['message'])
+
+        services = [notice.split('"')[1] for notice in notices.values()]
+        assert_all_end(lambda: [run(SIM, 'stop', service, env=reached) for service in services], 1, 'is not on the bus')
+        self.assert_status(run(CTL, 'sel', 'watch', env=reached), 1, 'is not on the bus')
+        for service in services:
+            self.assert_status(run(SIM, 'start', service, env=reached), 0)
+        assert_all_end(lambda: os.kill(int(daemon), signal.SIGKILL), 3, 'bus was lost')
 
     def test_the_event_log_is_read_written_and_cleared(self):
         event = '--sensor-type 8 --sensor 0xf2 --offset 3 --deasserted --time 0x20000000 --data2 7 --generator 0x1234'

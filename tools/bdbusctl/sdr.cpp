@@ -5,6 +5,7 @@
 #include "watch.hpp"
 
 #include <algorithm>
+#include <bitset>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -23,9 +24,45 @@ namespace
 
 // ---- reading sensors
 
+// What the listener announced; never destroyed, for the listener outlives main.
+struct announcements {
+    std::mutex lock;
+    std::bitset<UINT16_MAX + 1> ids;       // of the sensors whose reading is known
+    std::vector<bdbus_sdr_record> records; // for whoever takes them
+    bool kept = false;                     // whether somebody does
+
+    void add(const bdbus_sdr_record &record)
+    {
+        constexpr size_t most = 100'000; // while nobody takes the output
+        const std::scoped_lock held(lock);
+        ids.set(record.record_id);
+        if (kept && records.size() < most)
+            records.push_back(record);
+    }
+    void add(uint16_t id)
+    {
+        const std::scoped_lock held(lock);
+        ids.set(id);
+    }
+    bool has(uint16_t id)
+    {
+        const std::scoped_lock held(lock);
+        return ids.test(id);
+    }
+};
+
+announcements &announced()
+{
+    static auto *const readings = new announcements;
+    return *readings;
+}
+
 // The service gives the records; readings and what else was set since are heard of only as they are announced.
 outcome open_repository(const session &run, std::chrono::seconds listening = {})
 {
+    bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
+        announced().add(*record);
+    };
     outcome seen = run.watch(bdbus_sdr_init);
     if (seen.result < 0)
         throw failed_call("cannot open the sensor repository", seen);
@@ -38,19 +75,26 @@ failure unreadable(const outcome &opened)
     return failed_call("cannot read the sensor repository", opened);
 }
 
+// Whether the reading is known is asked first: it may become known at any time.
+std::optional<sensor> find_stored(uint16_t id)
+{
+    const bool known = announced().has(id);
+    bdbus_sdr_record record{};
+    return bdbus_sdr_get(id, &record) == 0 ? std::optional(sensor(record, known)) : std::nullopt;
+}
+
 sensor stored_sensor(uint16_t id)
 {
-    bdbus_sdr_record record{};
-    if (bdbus_sdr_get(id, &record) < 0)
+    const auto stored = find_stored(id);
+    if (!stored)
         throw failure(format("no such sensor: %u (see bdbusctl sdr list)", id));
-    return sensor(record);
+    return *stored;
 }
 
 sensor find_sensor(const session &run, uint16_t id, std::chrono::seconds listening = {})
 {
     const outcome opened = open_repository(run, listening);
-    bdbus_sdr_record record{};
-    if (bdbus_sdr_get(id, &record) < 0 && !opened.faults().empty())
+    if (!find_stored(id) && !opened.faults().empty())
         throw unreadable(opened);
     return stored_sensor(id);
 }
@@ -68,6 +112,7 @@ report new_report()
         columns.push_back({limit.key, limit.title, true});
     columns.push_back({"thresholds_hex"});
     columns.push_back({"state", "STATE"});
+    columns.push_back({"announced"});
     return report(std::move(columns));
 }
 
@@ -86,7 +131,15 @@ void add_row(report &table, const sensor &shown)
     }
     row.emplace_back(hex_digits(raw));
     row.push_back(shown.state());
+    row.emplace_back(shown.announced());
     table.add(std::move(row));
+}
+
+void explain_nominal(const session &run)
+{
+    run.say(
+        "Readings without a state are the records' nominal ones until the service announces others; bdbusctl sdr watch "
+        "follows them.");
 }
 
 struct show_arguments {
@@ -103,13 +156,17 @@ void list(const session &run, const show_arguments &given)
 {
     const outcome opened = open_repository(run, std::chrono::seconds(given.seconds));
     report table = new_report();
-    bdbus_sdr_record record{};
+    bool all_announced = true;
     for (uint32_t id = 0; id <= UINT16_MAX; id++)
-        if (bdbus_sdr_get(static_cast<uint16_t>(id), &record) == 0)
-            add_row(table, sensor(record));
+        if (const auto stored = find_stored(static_cast<uint16_t>(id))) {
+            add_row(table, *stored);
+            all_announced = all_announced && stored->announced();
+        }
     if (!opened.faults().empty())
         table.show_so_far(run, unreadable(opened), "sensors");
     table.show(run);
+    if (!all_announced)
+        explain_nominal(run);
 }
 
 // ---- one sensor, in parts
@@ -126,6 +183,7 @@ void add_reading(record &fields, const sensor &shown)
 {
     fields.add("reading", "Reading", shown.reading());
     fields.add("reading_raw", "Raw reading", {hex_text(shown.live().reading), shown.live().reading});
+    fields.add("announced", "Announced", shown.announced());
     fields.add("state", "State", shown.state());
 }
 
@@ -196,6 +254,8 @@ void show(const session &run, const show_arguments &given)
     add_events(fields, shown);
     shown.describe(fields);
     fields.show(run);
+    if (!shown.announced())
+        explain_nominal(run);
 }
 
 // ---- changing one
@@ -255,7 +315,12 @@ void set_reading(const session &run, const value_arguments &given)
 {
     const uint8_t reading = raw_value(find_sensor(run, given.id), "VALUE", given.values[0], given.raw);
     change(
-        run, given.id, "reading", [&] { return bdbus_sdr_reading_set(given.id, reading); }, add_reading);
+        run, given.id, "reading",
+        [&] {
+            announced().add(given.id); // the announcement of what we set ourselves may come later
+            return bdbus_sdr_reading_set(given.id, reading);
+        },
+        add_reading);
 }
 
 void declare_thresholds(CLI::App &command, value_arguments &given)
@@ -386,31 +451,13 @@ void remove(const session &run, const delete_arguments &given)
     identity(target).show(run);
 }
 
-// Readings that the listener announced; never destroyed, for the listener outlives main.
-struct announced_readings {
-    std::mutex lock;
-    std::vector<bdbus_sdr_record> records;
-};
-
-announced_readings &announced()
-{
-    static auto *const readings = new announced_readings;
-    return *readings;
-}
-
 void watch(const session &run, const watch_arguments &given)
 {
-    announced();
-    bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
-        constexpr size_t most = 100'000; // while nobody takes the output
-        const std::scoped_lock held(announced().lock);
-        if (announced().records.size() < most)
-            announced().records.push_back(*record);
-    };
+    announced().kept = true;
     const outcome opened = open_repository(run);
     if (!opened.faults().empty())
         throw unreadable(opened);
-    follow(run, given, [] {
+    follow(run, given, "com.brisemont.SensorDataRepository1", [] {
         std::vector<bdbus_sdr_record> records;
         {
             const std::scoped_lock held(announced().lock);
@@ -418,7 +465,7 @@ void watch(const session &run, const watch_arguments &given)
         }
         std::vector<happening> lines;
         for (const auto &record : records) {
-            const sensor changed(record);
+            const sensor changed(record, true);
             report row = new_report();
             add_row(row, changed);
             lines.push_back({format("%5u %-16s %s (%s)", changed.id(), changed.name().c_str(),

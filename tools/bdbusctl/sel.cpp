@@ -304,7 +304,7 @@ constexpr bdbus_sel_callback_table handlers{take<almost_full>, take<cleared>, ta
 void watch(const session &run, const watch_arguments &given)
 {
     bdbus_sel_event_callbacks(&handlers);
-    follow(run, given, [&run] {
+    follow(run, given, "com.brisemont.SystemEventLog1", [&run] {
         // A call takes one message, of which some are not notices.
         constexpr int messages = 20;
         run.call("follow the log's notices", [] {

@@ -107,9 +107,9 @@ std::string utf8_of_latin1(uint8_t character)
 
 } // namespace
 
-sensor::sensor(const bdbus_sdr_record &record)
-    : record_(record), format_(static_cast<data_format>(bits(20, 6, 2))), linearization_(bits(23, 0, 7)),
-      m_(number(24)), b_(number(26)), b_exponent_(sign_extended(bits(29, 0, 4), 4)),
+sensor::sensor(const bdbus_sdr_record &record, bool announced)
+    : record_(record), announced_(announced), format_(static_cast<data_format>(bits(20, 6, 2))),
+      linearization_(bits(23, 0, 7)), m_(number(24)), b_(number(26)), b_exponent_(sign_extended(bits(29, 0, 4), 4)),
       r_exponent_(sign_extended(bits(29, 4, 4), 4))
 {
 }
@@ -277,6 +277,8 @@ std::vector<std::string> sensor::event_names(uint16_t mask) const
 // As the sensor compares: raw values, at a threshold is beyond it. Discrete sensors show what is asserted.
 cell sensor::state() const
 {
+    if (!announced_)
+        return cell::none();
     if (!is_available())
         return {"unavailable", "unavailable", "blue"};
     if (!has_type())

@@ -39,9 +39,11 @@ constexpr std::array thresholds{
 class sensor
 {
 public:
-    explicit sensor(const bdbus_sdr_record &record);
+    // `announced`: the reading is one that the service announced, and not the record's nominal one.
+    sensor(const bdbus_sdr_record &record, bool announced);
 
     const bdbus_sdr_record &live() const { return record_; }
+    bool announced() const { return announced_; }
     uint16_t id() const { return record_.record_id; }
     std::string name() const;
     std::string unit() const;
@@ -55,7 +57,7 @@ public:
     cell value(uint8_t raw, bool with_unit) const;
     cell hysteresis(uint8_t raw) const;
     cell reading() const;
-    cell state() const;
+    cell state() const; // none unless announced
 
     // What the raw value for an engineering one is; std::invalid_argument says why there is none.
     uint8_t to_raw(double value) const;
@@ -81,6 +83,7 @@ private:
     uint8_t nearest(double counts, int least, int most) const;
 
     bdbus_sdr_record record_;
+    bool announced_;
     data_format format_;
     uint8_t linearization_;
     int m_, b_, b_exponent_, r_exponent_;

@@ -20,6 +20,7 @@
 #include <csignal>
 #include <memory>
 #include <optional>
+#include <span>
 #include <thread>
 
 namespace bdbusctl
@@ -54,8 +55,57 @@ private:
     std::shared_ptr<shared_state> state_ = std::make_shared<shared_state>();
 };
 
-// Stops the upgrade on the target. The agent goes on to its next component if it is just between two, so the target is
-// told again until the upload has ended.
+// The image's actions, carried out so that they can be cancelled. To the upgrade stage an aborted finish looks like one
+// that ended well, and it would go on to the next component. So it gets one record at a time, with the image's header
+// put right before it, over what was carried out already.
+class cancellable_upload
+{
+public:
+    cancellable_upload(const context &whole, const std::vector<hpm1_image::record> &records)
+        : part_(whole), image_(whole.image_data, whole.image_size)
+    {
+        for (const auto &record : records)
+            offsets_.push_back(record.offset);
+        const bytes header = image_.first(offsets_.empty() ? 0 : offsets_.front());
+        header_.assign(header.begin(), header.end());
+        offsets_.push_back(image_.size() - hpm1_image::digest_bytes);
+    }
+
+    // The result of the first stage that failed, or 0. The image's header is back in its place then.
+    int32_t carry_out()
+    {
+        int32_t result = 0;
+        for (size_t index = 0; index + 1 < offsets_.size() && result == 0 && !cancelled_; index++) {
+            const bytes part =
+                image_.subspan(offsets_[index] - header_.size(),
+                               header_.size() + offsets_[index + 1] - offsets_[index] + hpm1_image::digest_bytes);
+            std::copy(header_.begin(), header_.end(), part.begin());
+            part_.image_data = part.data();
+            part_.image_size = static_cast<uint32_t>(part.size());
+            result = bdbus_upgrade_agent_upgrade_stage(&part_);
+        }
+        std::copy(header_.begin(), header_.end(), image_.begin());
+        return result;
+    }
+
+    // No further record is begun. Any thread may call it.
+    void cancel() { cancelled_ = true; }
+
+    // The component that is being uploaded, or was last. Any thread may ask.
+    uint8_t component() const { return __atomic_load_n(&part_.component_id, __ATOMIC_RELAXED); }
+
+private:
+    using bytes = std::span<uint8_t>;
+
+    context part_;
+    bytes image_;
+    std::vector<uint8_t> header_;
+    std::vector<size_t> offsets_; // of the records, and where they end
+    std::atomic<bool> cancelled_{false};
+};
+
+// Stops the upgrade on the target. A command that was just being sent may get there after it, so the target is told
+// again until the upload has ended.
 class target_abort
 {
 public:
@@ -134,6 +184,7 @@ private:
     std::unique_ptr<context, context_end> context_;
     const char *stage_ = "";
     json stages_ = json::array();
+    std::vector<hpm1_image::record> records_;
     std::vector<planned_component> components_;
 };
 
@@ -181,8 +232,8 @@ void upgrade::check()
 void upgrade::plan()
 {
     enter("plan");
-    const hpm1_image::image image = hpm1_image::read({context_->image_data, context_->image_size});
-    for (const auto &record : image.records) {
+    records_ = hpm1_image::read({context_->image_data, context_->image_size}).records;
+    for (const auto &record : records_) {
         if (!record.is_upload())
             continue;
         planned_component component;
@@ -210,17 +261,19 @@ void upgrade::upload()
     capture caught;
     progress shown(run_, caught.original_stderr(), std::move(uploads));
     target_abort abort;
-    context *const uploaded = context_.get();
-    const background_call job([uploaded] { return bdbus_upgrade_agent_upgrade_stage(uploaded); });
+    const auto uploaded = std::make_shared<cancellable_upload>(*context_, records_);
+    const background_call job([uploaded] { return uploaded->carry_out(); });
     while ((!job.finished() || abort.running()) && !abort.hopeless()) {
         constexpr std::chrono::milliseconds redraw{50};
-        if (signals.wait(redraw))
+        if (signals.wait(redraw)) {
+            uploaded->cancel();
             abort.request();
+        }
         abort.proceed(job.finished());
         uint8_t percent = 0;
         bdbus_upgrade_agent_get_upgrade_stage_status(nullptr, &percent);
         if (!job.finished())
-            shown.update(__atomic_load_n(&uploaded->component_id, __ATOMIC_RELAXED), percent);
+            shown.update(uploaded->component(), percent);
     }
     shown.end(job.finished() && job.result() == 0 && !abort.requested());
     const outcome seen{job.finished() ? job.result() : 0, caught.end()};
@@ -232,6 +285,7 @@ void upgrade::upload()
                           ? "interrupted; the upgrade was aborted on the target"
                           : "interrupted; aborting the upgrade on the target failed: " + join(seen.faults(), "; "));
     judge(seen);
+    context_->component_id = uploaded->component(); // the activation stage asks for it
 }
 
 // The threads still use the context, so it stays.

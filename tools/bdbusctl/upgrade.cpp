@@ -296,7 +296,7 @@ int32_t take_what_came()
 void watch(const session &run, const watch_arguments &given)
 {
     bdbus_upgrade_callbacks(&notice_handlers());
-    follow(run, given, [&run] {
+    follow(run, given, "com.brisemont.Upgrade1", [&run] {
         run.call("follow the upgrade's notices", take_what_came);
         return std::exchange(happened, {});
     });

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Verbs that follow what happens: a line, or a JSON object on a line, for each thing, until there are enough of them or
-// a signal ends the program.
+// Verbs that follow what happens: a line, or a JSON object on a line, for each thing, until there are enough of them, a
+// signal ends the program, or the service or the bus goes.
 #pragma once
 
 #include "command.hpp"
@@ -23,7 +23,8 @@ struct happening {
     json document; // an object
 };
 
-// Asks `take` ten times a second for what has happened since.
-void follow(const session &run, const watch_arguments &given, const std::function<std::vector<happening>()> &take);
+// Asks `take` ten times a second for what has happened since; fails when the service is not on the bus.
+void follow(const session &run, const watch_arguments &given, const char *service,
+            const std::function<std::vector<happening>()> &take);
 
 } // namespace bdbusctl
