@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+#include "support/calls.hpp"
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
 #include "support/wait.hpp"
 
 #include <bdbus/rstorage.h>
+
+#include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -12,6 +16,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 using rstorage = controller_test;
@@ -241,6 +246,40 @@ TEST_F(rstorage, tells_every_failure_in_its_own_words)
                            "failed to parse response message: No such device or address\n");
     EXPECT_EQ(out, 31) << "it came before the text";
     EXPECT_STREQ(text, "kept");
+}
+
+TEST_F(rstorage, drops_what_strangers_send_to_connections_without_notices)
+{
+    const auto descriptors = [] {
+        return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd"));
+    };
+    sd_bus *stranger = nullptr;
+    ASSERT_GE(sd_bus_open_system_with_description(&stranger, "stranger"), 0);
+    for (const sample_call &call : sample_calls) {
+        if (strcmp(call.service, "RStorage1") != 0 && strcmp(call.service, "AuthLog1") != 0) {
+            continue;
+        }
+        EXPECT_EQ(call.make(), 0);
+        const std::string receiver = simulator::calls(call.service).back()["sender"];
+        EXPECT_EQ(sd_bus_call_method(stranger, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId", nullptr,
+                                     nullptr, nullptr),
+                  1);
+        const auto before = descriptors();
+        for (int i = 0; i < 8; i++) {
+            sd_bus_message *signal = nullptr;
+            sd_bus_message_new_signal(stranger, &signal, "/stranger", "com.example.Stranger", "Here");
+            sd_bus_message_append(signal, "h", STDIN_FILENO);
+            EXPECT_GE(sd_bus_send_to(stranger, signal, receiver.c_str(), nullptr), 0);
+            sd_bus_message_unref(signal);
+        }
+        sd_bus_call_method(stranger, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId", nullptr, nullptr,
+                           nullptr);
+        EXPECT_EQ(call.make(), 0);
+        EXPECT_EQ(descriptors(), before + 8) << "what came before its reply";
+        EXPECT_EQ(call.make(), 0);
+        EXPECT_EQ(descriptors(), before) << call.name;
+    }
+    sd_bus_unref(stranger);
 }
 
 TEST_F(rstorage, answers_getters_while_a_mount_takes_its_time)

@@ -5,12 +5,17 @@
 
 #include <bdbus/sdr.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -140,6 +145,11 @@ TEST_F(sdr_walk, follows_the_chain_to_its_end)
     reply(2, 0xFFFF);
     EXPECT_EQ(stored_after_init(), 3);
     EXPECT_EQ(asked(), 3U);
+
+    for (uint16_t id = 1; id <= 3; id++) { // a service that counts its records from 1
+        reply(id, id == 3 ? 0xFFFF : id);
+    }
+    EXPECT_EQ(stored_after_init(), 3);
 }
 
 TEST_F(sdr_walk, keeps_what_it_has_read_when_a_record_cannot_be_read)
@@ -165,7 +175,7 @@ TEST_F(sdr_walk, keeps_what_it_has_read_when_a_record_cannot_be_read)
 TEST_F(sdr_walk, stops_at_an_id_that_comes_again)
 {
     const std::vector<std::vector<std::pair<uint16_t, uint16_t>>> chains = {
-        {{5, 5}},                 // the record that was first, by its own ID
+        {{5, 5}, {5, 5}},         // the last record
         {{5, 6}, {6, 0}},         // restarts the walk
         {{5, 6}, {6, 7}, {7, 6}}, // a loop
         {{5, 6}, {5, 8}, {5, 8}}, // one record under many IDs
@@ -198,6 +208,34 @@ TEST_F(sdr_walk, hears_of_changes_while_it_lasts)
     waitpid(child, &status, 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_LT(asked(), simulator::state()["sdr"]["records"].size());
+}
+
+// Of what the standard streams and the last descriptors are, a thread in the background must not depend.
+TEST_F(sdr_walk, leaves_a_listener_that_takes_no_stream_and_does_not_spin)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            close(stream);
+        }
+        const bool read = bdbus_sdr_init() == 0;
+        bool taken = false;
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            taken |= fcntl(stream, F_GETFD) >= 0;
+        }
+        const rlimit none = {.rlim_cur = 1, .rlim_max = 1};
+        setrlimit(RLIMIT_NOFILE, &none);
+        bdbus_sdr_reading_set(1, 77); // wakes it
+        const bool idle = eventually([] {
+            const clock_t before = clock();
+            poll(nullptr, 0, 500);
+            return clock() - before < CLOCKS_PER_SEC / 10;
+        });
+        _exit(read && !taken && idle ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 class sdr : public controller_test
@@ -463,6 +501,27 @@ TEST_F(sdr, hands_every_reading_to_the_callback_once)
         bdbus_sdr_event status = {};
         return bdbus_sdr_event_status_get(id_, &status) == 0 && status.flags == 3;
     }));
+}
+
+TEST_F(sdr, calls_back_in_a_thread_with_a_name_and_its_own_faults)
+{
+    static std::array<char, 16> name;
+    static sigset_t blocked;
+    called = 0;
+    set_callback([](bdbus_sdr_record *) {
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        called++;
+    });
+    announce("ReadingSet", "sqy", {id_, 1});
+    ASSERT_TRUE(eventually([] { return called == 1; }));
+    EXPECT_STREQ(name.data(), "bdbus-sdr");
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        EXPECT_EQ(sigismember(&blocked, fault), 0) << fault;
+    }
+    for (const int signal : {SIGINT, SIGTERM, SIGALRM, SIGCHLD, SIGUSR1, SIGRTMAX}) {
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+    }
 }
 
 TEST_F(sdr, misses_no_signal_that_came_in_with_a_reply)

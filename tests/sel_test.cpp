@@ -5,10 +5,23 @@
 
 #include <bdbus/sel.h>
 
+#include <dlfcn.h>
+#include <systemd/sd-bus.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
 using sel = controller_test;
+
+static std::atomic<bool> out_of_memory;
+
+extern "C" int sd_bus_message_append_array(sd_bus_message *message, char type, const void *data, size_t size)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&sd_bus_message_append_array)>(dlsym(RTLD_NEXT, "sd_bus_message_append_array"));
+    return out_of_memory ? -ENOMEM : real(message, type, data, size);
+}
 
 static void answer(const char *member, const char *signature, const json &values)
 {
@@ -120,6 +133,13 @@ TEST_F(sel, tells_every_failure_and_goes_on)
     EXPECT_LT(bdbus_sel_get_entry(&entry), 0);
     EXPECT_EQ(said.text(), "Failed to parse response message: No such device or address\n");
     EXPECT_EQ(entry.completion_code, 0x31);
+
+    bdbus_sel_new_entry added = {};
+    out_of_memory = true;
+    const stderr_capture complaint;
+    EXPECT_EQ(bdbus_sel_add_entry(&added), -ENOMEM);
+    EXPECT_EQ(complaint.text(), "Failed to issue method call: Cannot allocate memory\n");
+    out_of_memory = false;
 
     EXPECT_EQ(bdbus_sel_add_entry(nullptr), -EINVAL);
     EXPECT_EQ(bdbus_sel_clear(nullptr), -EINVAL);

@@ -118,6 +118,8 @@ void expect_every_failure_is_told(const failing_call &subject)
          issue + ": " + errno_or("the text, verbatim: %s", EACCES)},
         {"an error without a text", error(nullptr), issue + ": " + strerror(EACCES)},
         {"an error with an empty text", error(""), issue + ": " + strerror(EACCES)},
+        {"an error with line ends and terminal escapes", error("a\nb\r\x1b[2J\x7f\u009Bc"),
+         issue + ": " + errno_or("a b  [2J   c\n", EACCES)},
         {"an error that carries a number", error(7), issue + ": " + strerror(EACCES)},
         {"no answer", {{"no_reply", true}}, issue + ": "},
         {"a service that dies in the call", {{"die", true}, {"return_after_ms", 0}}, issue + ": "},

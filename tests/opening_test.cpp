@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// How a kept connection begins, towards buses that do not get far.
+#include "support/bare-bus.hpp"
+#include "support/calls.hpp"
+#include "support/capture.hpp"
+#include "support/simulator.hpp"
+
+#include <cstring>
+
+using opening = controller_test;
+using opening_refused = controller_test;
+
+namespace
+{
+
+/** The calls that open a connection and keep it. */
+std::vector<sample_call> openers()
+{
+    std::vector<sample_call> openers = {
+        {"notices", "Upgrade1", "", true, bdbus_upgrade_signal_process},
+        {"sensors", "SensorDataRepository1", "", true, bdbus_sdr_init},
+    };
+    std::ranges::copy_if(sample_calls, std::back_inserter(openers), &sample_call::keeps_connection);
+    return openers;
+}
+
+bool has_matches(const sample_call &call)
+{
+    return strcmp(call.service, "AuthLog1") != 0 && strcmp(call.service, "RStorage1") != 0;
+}
+
+} // namespace
+
+TEST_F(opening, counts_once_greeted_and_each_match_answered)
+{
+    const std::string timeout = getenv("SYSTEMD_BUS_TIMEOUT");
+    setenv("SYSTEMD_BUS_TIMEOUT", "100ms", 1);
+    for (const int answers : {0, 1, 2}) {
+        for (const auto end : {bare_bus::ending::hang_up, bare_bus::ending::silence}) {
+            for (const sample_call &call : openers()) {
+                if (answers > 0 && !has_matches(call)) {
+                    continue;
+                }
+                SCOPED_TRACE(std::string(call.name) + ", after " + std::to_string(answers));
+                if (strcmp(call.service, "Config1") == 0 && answers > 1) {
+                    continue; // its only match was answered
+                }
+                const bare_bus bus(answers, end);
+                const stderr_capture said;
+                EXPECT_LT(call.make(), 0);
+                EXPECT_EQ(bus.connections(), 1);
+                const std::string text = said.text();
+                EXPECT_EQ(text.starts_with("Failed to connect to system bus: "), call.prints) << text;
+                const auto lines = std::ranges::count(text, '\n');
+                EXPECT_EQ(lines, (call.prints ? 1 : 0) + (*call.property_line != '\0' ? 1 : 0)) << text;
+            }
+        }
+    }
+    setenv("SYSTEMD_BUS_TIMEOUT", timeout.c_str(), 1);
+    for (const sample_call &call : openers()) {
+        EXPECT_EQ(call.make(), 0) << call.name;
+    }
+}
+
+TEST_F(opening_refused, matches_leave_a_connection_that_works)
+{
+    const bare_bus bus(bare_bus::refuse_matches, bare_bus::ending::silence);
+    for (const sample_call &call : openers()) {
+        const stderr_capture said;
+        const bool talks = *call.member != '\0';
+        EXPECT_EQ(call.make(), talks ? -EHOSTUNREACH : 0) << call.name;
+        EXPECT_EQ(said.text().find("connect"), std::string::npos) << said.text();
+    }
+    EXPECT_EQ(bus.connections(), 7);
+}
