@@ -39,13 +39,12 @@ struct peer {
             return 1;
         }
         self.left--;
-        const sd_bus_error nobody = SD_BUS_ERROR_MAKE_CONST(SD_BUS_ERROR_SERVICE_UNKNOWN, "nobody is here");
         if (sd_bus_message_is_method_call(request, nullptr, "Hello") > 0) {
             sd_bus_reply_method_return(request, "s", ":1.1");
         } else if (self.left >= 0 && sd_bus_message_is_method_call(request, nullptr, "AddMatch") > 0) {
             sd_bus_reply_method_return(request, nullptr);
         } else {
-            sd_bus_reply_method_error(request, &nobody);
+            sd_bus_reply_method_errorf(request, SD_BUS_ERROR_SERVICE_UNKNOWN, "nobody is here");
         }
         return 1;
     }
