@@ -151,7 +151,7 @@ TEST_F(interruption, by_a_signal_waits_for_the_call_or_ends_it)
         SCOPED_TRACE(call.name);
         for (const int signal : {SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF, SIGVTALRM}) {
             const handler reports(signal);
-            fault(call, {{"delay_ms", 50}});
+            fault(call, {{"delay_ms", 20}});
             EXPECT_EQ(make_under(signal, call), 0) << signal;
             EXPECT_GT(handled, 0) << signal;
         }
@@ -184,7 +184,7 @@ TEST_F(interruption, by_a_timer_leaves_no_upgrade_half_done)
 TEST_F(interruption, by_a_cancellation_leaves_no_lock_behind)
 {
     for (const sample_call &call : sample_calls) {
-        fault(call, {{"delay_ms", 100}});
+        fault(call, {{"delay_ms", 50}});
         pthread_t thread = {};
         const auto body = [](void *subject) -> void * {
             static_cast<const sample_call *>(subject)->make();
@@ -251,7 +251,7 @@ TEST_F(interruption, by_a_fork_gives_the_child_an_answer_at_once)
     ASSERT_EQ(bdbus_sdr_init(), 0);
     const stderr_capture said;
     const auto forks_during = [](const sample_call &call, const std::function<int()> &body) {
-        fault(call, {{"delay_ms", 300}});
+        fault(call, {{"delay_ms", 100}});
         std::thread holder([&call] { EXPECT_EQ(call.make(), 0); });
         EXPECT_TRUE(has_arrived(call));
         const int result = in_child(body);
