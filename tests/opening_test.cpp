@@ -4,8 +4,13 @@
 #include "support/calls.hpp"
 #include "support/capture.hpp"
 #include "support/simulator.hpp"
+#include "support/wait.hpp"
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <thread>
 
 using opening = controller_test;
 using opening_refused = controller_test;
@@ -30,6 +35,29 @@ bool has_matches(const sample_call &call)
 }
 
 } // namespace
+
+TEST_F(opening, leaves_the_child_of_a_fork_meanwhile_free_to_try)
+{
+    const std::string timeout = getenv("SYSTEMD_BUS_TIMEOUT");
+    setenv("SYSTEMD_BUS_TIMEOUT", "300ms", 1);
+    const stderr_capture said;
+    for (const sample_call &call : openers()) {
+        const bare_bus bus(0, bare_bus::ending::silence);
+        std::thread opener([&call] { EXPECT_LT(call.make(), 0); });
+        EXPECT_TRUE(eventually([&bus] { return bus.connections() == 1; }));
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(180);
+            setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+            _exit(call.make() < 0 ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << call.name;
+        opener.join();
+    }
+    setenv("SYSTEMD_BUS_TIMEOUT", timeout.c_str(), 1);
+}
 
 TEST_F(opening, counts_once_greeted_and_each_match_answered)
 {

@@ -31,19 +31,20 @@
  * The connection: the first call opens it and subscribes to the notice. It is open once the bus has greeted it and has
  * answered the subscription, be it with a refusal; before that, a connection that was dropped or timed out is one that
  * could not be opened, and the next call tries again. One that was open is never opened again: when the bus has gone
- * away, calls that ask the service give 0x1000 | ECONNRESET once and 0x1000 | ENOTCONN from then on, until the process
- * is restarted, while cached values are given on, whatever changes. A get on a bus that hangs waits one time-out: 90 s
- * while it opens the connection, else 25 s or what the environment's SYSTEMD_BUS_TIMEOUT says.
+ * away, calls that ask the service give 0x1000 | ENOTCONN (the one during which it went 0x1000 | ECONNRESET), until the
+ * process is restarted, while cached values are given on, whatever changes. A get on a bus that hangs waits one
+ * time-out: 90 s while it opens the connection, else 25 s or what the environment's SYSTEMD_BUS_TIMEOUT says.
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
  * ...), with SA_RESTART or without, ends the call with 0x1000 | EINTR, which can serve as a program's own limit on a
- * call; a set has reached the service or not. While the connection is opened and subscribed, all signals are held back
- * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ * call (best with a timer that repeats, and not while the call waits for another thread's call); a set has reached the
+ * service or not. While the connection is opened and subscribed, all signals are held back during each step but SIGINT,
+ * SIGTERM, SIGQUIT, SIGHUP and faults.
  *
  * Threads: any thread may call; calls of this family wait for one another. A thread that is cancelled (pthread_cancel)
- * inside a call ends only after it. In a child that was forked while the connection was open, calls that ask the
- * service give 0x1000 | ECHILD at once.
+ * inside a call ends only after it. In a child that was forked while the connection was open or being opened, every get
+ * and set of a key gives 0x1000 | ECHILD at once, also of a cached one.
  */
 #ifndef BDBUS_CONFIG_H
 #define BDBUS_CONFIG_H

@@ -13,18 +13,20 @@
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
- * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
- * target has got the command or not, and the reply is lost. While the connection is opened, all signals are held back
- * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults, and so they are while a stage of upgrade_agent.h
- * sends these commands.
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call (best
+ * with a timer that repeats, and not while the call waits for another thread's call); the target has got the command or
+ * not, and the reply is lost. While the connection is opened, all signals are held back during each step but SIGINT,
+ * SIGTERM, SIGQUIT, SIGHUP and faults, and so they are while a stage of upgrade_agent.h sends these commands,
+ * alarm(2)'s with its default action too.
  *
  * Threads: any thread may call. The commands share one connection and one lock with upgrade.h and wait for one another.
  * They must not be called from a handler of ::bdbus_upgrade_callback_table, which runs with that lock held. A thread
  * that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection
- * was open, commands fail with -ECHILD at once.
+ * was open or being opened, commands fail with -ECHILD at once.
  *
  * The connection is opened by the first call of either file, and never again once it was open (upgrade.h): when the bus
- * has gone away, commands fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted.
+ * has gone away, commands fail with -ENOTCONN (the one during which it went with -ECONNRESET), until the process is
+ * restarted.
  */
 #ifndef BDBUS_HPM1_H
 #define BDBUS_HPM1_H

@@ -37,7 +37,8 @@
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
  * ...), with SA_RESTART or without, ends the call with 0x1000 | EINTR, which can serve as a program's own limit on a
- * call; the request has reached the service or not, and the reply is lost.
+ * call (best with a timer that repeats, and not while the call waits for another thread's call); the request has
+ * reached the service or not, and the reply is lost.
  *
  * Threads: any thread may call; calls of this family wait for one another, each while it talks to the bus. A thread
  * that is cancelled (pthread_cancel) inside a call ends only after it. A forked child may call too, unless another

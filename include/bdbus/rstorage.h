@@ -13,15 +13,16 @@
  * allowed, without a line and with nothing sent.
  *
  * The connections: one for the getters and bdbus_rstorage_disk_get_status(), one for the other calls, each opened by
- * the first call that needs it. A connection that the bus drops, or does not greet in time, before the first answer has
- * come counts as never opened, and the next call tries again. One that was open is never opened again: when the bus has
- * gone away, calls fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted. There
- * are no notices: messages that strangers send to a connection are dropped by the next call on it.
+ * the first call that needs it. A connection that the bus drops before it has greeted it, or does not greet in time,
+ * counts as never opened, and the next call tries again. One that was open is never opened again: when the bus has gone
+ * away, calls fail with -ENOTCONN (the one during which it went with -ECONNRESET), until the process is restarted.
+ * There are no notices: messages that strangers send to a connection are dropped by the next call on it.
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
- * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
- * request has reached the service or not, and the reply is lost: a mount may go on.
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call (best
+ * with a timer that repeats, and not while the call waits for another thread's call); the request has reached the
+ * service or not, and the reply is lost: a mount may go on.
  *
  * Texts come NUL-terminated into the caller's buffer of `len` bytes, cut to `len` - 1; bytes after the NUL stay as they
  * were. With a `len` of 0 nothing is written, and the call succeeds all the same.
@@ -29,8 +30,8 @@
  * Threads: any thread may call. The getters and bdbus_rstorage_disk_get_status() wait for one another, and so do mount,
  * unmount and the gadget's start and stop among themselves, also while one waits for its answer; but neither group
  * waits for the other, so a long mount does not hold up the getters. A thread that is cancelled (pthread_cancel) inside
- * a call ends only after it. In a child that was forked while a connection was open, calls on it fail with -ECHILD at
- * once.
+ * a call ends only after it. In a child that was forked while a connection was open or being opened, calls on it fail
+ * with -ECHILD at once.
  */
 #ifndef BDBUS_RSTORAGE_H
 #define BDBUS_RSTORAGE_H

@@ -13,19 +13,21 @@
  * The connection: the first call opens it and subscribes to the three notices. It is open once the bus has greeted it
  * and has answered each subscription; a refusal is an answer, and that notice is then never received. A connection that
  * was dropped or timed out before that is a failed open, with the line "Failed to connect to system bus: ...", and the
- * next call tries again. One that was open is never opened again: when the bus has gone away, calls fail with
- * -ECONNRESET once and with -ENOTCONN from then on, until the process is restarted.
+ * next call tries again. One that was open is never opened again: when the bus has gone away, calls fail with -ENOTCONN
+ * (the one during which it went with -ECONNRESET), until the process is restarted.
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
- * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
- * request has reached the service or not, and the reply is lost. While the connection is opened and subscribed, all
- * signals are held back during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call (best
+ * with a timer that repeats, and not while the call waits for another thread's call); the request has reached the
+ * service or not, and the reply is lost. While the connection is opened and subscribed, all signals are held back
+ * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
  *
  * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer. None of
- * them but bdbus_sel_event_callbacks() may be called from a handler of the callback table. A thread that is cancelled
- * (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection was open, calls
- * fail with -ECHILD at once.
+ * them but bdbus_sel_event_callbacks() may be called from a handler of the callback table. A handler must not wait for
+ * another family whose handlers call this one: two threads that process both would wait for each other for ever. A
+ * thread that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the
+ * connection was open or being opened, calls fail with -ECHILD at once.
  */
 #ifndef BDBUS_SEL_H
 #define BDBUS_SEL_H

@@ -8,8 +8,8 @@
  * queue on the connection until bdbus_upgrade_signal_process() is called. It is open once the bus has greeted it and
  * has answered each subscription; a refusal is an answer, and that signal is then never received. A connection that was
  * dropped or timed out before that is a failed open, with the line "Failed to connect to system bus: ...", and the next
- * call tries again. One that was open is never opened again: when the bus has gone away, calls fail with -ECONNRESET
- * once and with -ENOTCONN from then on, until the process is restarted.
+ * call tries again. One that was open is never opened again: when the bus has gone away, calls fail with -ENOTCONN (the
+ * one during which it went with -ECONNRESET), until the process is restarted.
  *
  * Results: 0 or more when the call succeeded. Otherwise the negative errno-style code of the step that failed, after
  * one line on stderr, with the output untouched. -EINVAL for a null output or record, without a line and with nothing
@@ -17,15 +17,17 @@
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
- * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
- * request has reached the service or not, and the reply is lost. While the connection is opened and subscribed, all
- * signals are held back during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call (best
+ * with a timer that repeats, and not while the call waits for another thread's call); the request has reached the
+ * service or not, and the reply is lost. While the connection is opened and subscribed, all signals are held back
+ * during each step but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
  *
  * Threads: any thread may call. The functions share one lock with hpm1.h and wait for one another, also while one waits
  * for its answer. None of them may be called from a handler of the callback table, where the lock is held, but
- * bdbus_upgrade_callbacks() and the three change handles, which take no lock and have a rule of their own. A thread
- * that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the connection
- * was open, calls fail with -ECHILD at once.
+ * bdbus_upgrade_callbacks() and the three change handles, which take no lock and have a rule of their own. A handler
+ * must not wait for another family whose handlers call this one: two threads that process both would wait for each
+ * other for ever. A thread that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was
+ * forked while the connection was open or being opened, calls fail with -ECHILD at once.
  */
 #ifndef BDBUS_UPGRADE_H
 #define BDBUS_UPGRADE_H

@@ -22,14 +22,16 @@
  * SIGTERM, SIGQUIT, SIGHUP and faults; the others' handlers run between the calls, and end none. A handler of one of
  * those four that runs in this thread during a call makes it fail with -EINTR (when the controller's identity is read,
  * 0x1000 | EINTR): the target has got the command or not, the reply is lost, and the stage goes on as after any failed
- * command, which means a rollback when it was the self test's. Block these four where that is not wanted.
- * bdbus_upgrade_agent_abort() and bdbus_upgrade_agent_get_component_properties() are single calls and go by hpm1.h.
+ * command, which means a rollback when it was the self test's. Block these four where that is not wanted. What is held
+ * back is held back with its default action, too: an alarm(2) that should end the program does so only between the
+ * calls. bdbus_upgrade_agent_abort() and bdbus_upgrade_agent_get_component_properties() are single calls and go by
+ * hpm1.h.
  *
  * Threads: the stages run on the caller's thread, and only one upgrade may run at a time in a process. Another thread
  * may watch it with bdbus_upgrade_agent_get_upgrade_stage_status(), and have the target give up with
  * bdbus_upgrade_agent_abort(), which does not by itself end the stage. A thread that is cancelled (pthread_cancel)
- * inside a call ends only after that call. In a child that was forked after the first command, every command fails with
- * -ECHILD.
+ * inside a call ends only after that call. In a child that was forked after or during the first command, every command
+ * fails with -ECHILD.
  */
 #ifndef BDBUS_UPGRADE_AGENT_H
 #define BDBUS_UPGRADE_AGENT_H

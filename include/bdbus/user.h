@@ -11,19 +11,20 @@
  * line on stderr; the record is then untouched, but for the completion code of a reply that broke off after it. -EINVAL
  * for a null record, without a line and with nothing sent.
  *
- * The connection: the first call opens it. A connection that the bus drops, or does not greet in time, before the first
- * answer has come counts as never opened, and the next call tries again. One that was open is never opened again: when
- * the bus has gone away, calls fail with -ECONNRESET once and with -ENOTCONN from then on, until the process is
+ * The connection: the first call opens it. A connection that the bus drops before it has greeted it, or does not greet
+ * in time, counts as never opened, and the next call tries again. One that was open is never opened again: when the bus
+ * has gone away, calls fail with -ENOTCONN (the one during which it went with -ECONNRESET), until the process is
  * restarted. The family has no notices: messages that strangers send to its connection are dropped by its next call.
  *
  * Signals: while a call waits, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in its thread, and
  * their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM, SIGUSR1, SIGTERM,
- * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call; the
- * request has reached the service or not (an entry may have been added), and the reply is lost.
+ * ...), with SA_RESTART or without, ends the call with -EINTR, which can serve as a program's own limit on a call (best
+ * with a timer that repeats, and not while the call waits for another thread's call); the request has reached the
+ * service or not (an entry may have been added), and the reply is lost.
  *
  * Threads: any thread may call; calls of this family wait for one another, also while one waits for its answer. A
  * thread that is cancelled (pthread_cancel) inside a call ends only after it. In a child that was forked while the
- * connection was open, calls fail with -ECHILD at once.
+ * connection was open or being opened, calls fail with -ECHILD at once.
  */
 #ifndef BDBUS_USER_H
 #define BDBUS_USER_H

@@ -25,7 +25,7 @@ public:
      * @param report prints the line of a step that fails; it outlives the call's lock.
      * @param acquired the result of having got the connection: a negative one is this call's first failure.
      */
-    call_frame(call_report &report, const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
+    call_frame(failure_report &report, const service &peer, const call_texts &texts, sd_bus *bus, int32_t acquired)
         : report_(report), peer_(peer), texts_(texts), bus_(bus), result_(acquired)
     {
     }
@@ -170,7 +170,7 @@ private:
     void issued(int result);
     void got_property(int result, const char *name);
 
-    call_report &report_;
+    failure_report &report_;
     const service &peer_;
     const call_texts &texts_;
     sd_bus *bus_;

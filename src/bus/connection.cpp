@@ -8,48 +8,72 @@
 namespace bdbus
 {
 
-/** Which process this is, counted by the forks since the first open. */
-static constinit std::atomic<uint32_t> process_number{1};
-static constinit std::atomic<bool> counts_forks{false};
+static constinit std::atomic<bus_module *> watched_modules{nullptr};
+static constinit std::atomic<bool> forks_are_watched{false};
 
-static int32_t count_forks()
+/** In a child, whose only thread this is. */
+static void after_fork()
 {
-    if (counts_forks.load(std::memory_order_relaxed)) {
-        return 0;
+    for (bus_module *module = watched_modules.load(); module != nullptr; module = module->next) {
+        module->inherited = module->inherited || module->bus != nullptr;
+        if (!module->inherited) {
+            pthread_mutex_init(&module->lock, nullptr);
+        }
     }
-    const int error = pthread_atfork(nullptr, nullptr, [] { process_number.fetch_add(1, std::memory_order_relaxed); });
-    counts_forks.store(error == 0, std::memory_order_relaxed); // twice, by two threads, does no harm
-    return -error;
 }
 
-bool is_inherited(const bus_module &owner)
+int32_t watch_forks(bus_module &owner)
 {
-    const uint32_t opened_by = owner.opened_by.load(std::memory_order_relaxed);
-    return opened_by != 0 && opened_by != process_number.load(std::memory_order_relaxed);
+    if (owner.watched.load(std::memory_order_relaxed)) {
+        return 0;
+    }
+    if (!forks_are_watched.load()) {
+        if (const int error = pthread_atfork(nullptr, nullptr, after_fork); error != 0) {
+            return -error;
+        }
+        forks_are_watched.store(true); // twice, by two threads, does no harm
+    }
+    if (!owner.watched.exchange(true)) {
+        owner.next = watched_modules.load();
+        while (!watched_modules.compare_exchange_weak(owner.next, &owner)) {
+        }
+    }
+    return 0;
 }
 
 int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler)
 {
+    const held_signals held;
     const int matched = sd_bus_match_signal(bus, nullptr, nullptr, peer.path, peer.interface, member, handler, nullptr);
     switch (matched) {
     case -EINTR:
     case -ENOMEM: // libsystemd 252 is left with a match that it cannot use
     case -ETIMEDOUT:
+    case -EXFULL: // no descriptor is left for one that came with a message: the stream is out of step for good
+    case -EBADMSG:
         return matched;
     default:
         return sd_bus_is_ready(bus) > 0 ? 0 : -ECONNRESET;
     }
 }
 
-/** Wait for the bus's greeting, as the first call would, and subscribe. */
+/** Wait for the bus's greeting, as the first call would. */
+static int32_t await_greeting(sd_bus *bus)
+{
+    const held_signals held;
+    const char *name = nullptr;
+    return sd_bus_get_unique_name(bus, &name);
+}
+
+/** The greeting and the matches are calls in a row; a greeting alone is a call like any other. */
 static int32_t begin(sd_bus *bus, subscription subscribe)
 {
-    const char *name = nullptr;
-    const int greeted = sd_bus_get_unique_name(bus, &name);
-    if (greeted < 0 || subscribe == nullptr) {
-        return greeted;
+    if (subscribe == nullptr) {
+        return await_greeting(bus);
     }
-    return subscribe(bus);
+    const calls_in_a_row steps;
+    const int32_t greeted = await_greeting(bus);
+    return greeted < 0 ? greeted : subscribe(bus);
 }
 
 int32_t module_open(bus_module &owner, subscription subscribe)
@@ -57,12 +81,7 @@ int32_t module_open(bus_module &owner, subscription subscribe)
     if (owner.bus != nullptr) {
         return 0;
     }
-    const calls_in_a_row matches;
-    const held_signals held;
-    int32_t result = count_forks();
-    if (result == 0) {
-        result = sd_bus_open_system(&owner.bus);
-    }
+    int32_t result = sd_bus_open_system(&owner.bus);
     if (result < 0) {
         owner.bus = nullptr;
         return result;
@@ -72,7 +91,6 @@ int32_t module_open(bus_module &owner, subscription subscribe)
         owner.bus = sd_bus_unref(owner.bus);
         return result;
     }
-    owner.opened_by.store(process_number.load(std::memory_order_relaxed), std::memory_order_relaxed);
     return 0;
 }
 
@@ -86,19 +104,27 @@ static void drop_queued(sd_bus *bus)
     }
 }
 
+int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
+{
+    if (is_inherited(owner)) {
+        return -ECHILD;
+    }
+    if (const int32_t watched = watch_forks(owner); watched < 0) {
+        return watched;
+    }
+    pthread_mutex_lock(&owner.lock);
+    const int32_t result = module_open(owner, subscribe);
+    if (result < 0) {
+        pthread_mutex_unlock(&owner.lock);
+    } else if (subscribe == nullptr) {
+        drop_queued(owner.bus);
+    }
+    return result;
+}
+
 int32_t module_acquire(bus_module &owner, subscription subscribe)
 {
-    int32_t result = -ECHILD;
-    if (!is_inherited(owner)) {
-        pthread_mutex_lock(&owner.lock);
-        result = module_open(owner, subscribe);
-        if (result == 0 && subscribe == nullptr) {
-            drop_queued(owner.bus);
-        }
-        if (result < 0) {
-            pthread_mutex_unlock(&owner.lock);
-        }
-    }
+    const int32_t result = module_acquire_silently(owner, subscribe);
     if (result < 0) {
         print_failure(connect_text, nullptr, result);
     }

@@ -47,17 +47,27 @@ using subscription = int32_t (*)(sd_bus *bus);
 struct bus_module {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     sd_bus *bus = nullptr;
-    std::atomic<uint32_t> opened_by{0}; // which process, counted by forks from 1 on; 0 for none
+    bool inherited = false; // set in a forked child alone, before it has a second thread
+    bus_module *next = nullptr;
+    std::atomic<bool> watched{false};
 };
 
 /**
- * Whether the connection is a parent's, whose socket, lock and listener are of no use here. It takes no lock, for
- * another thread may have held it at the fork.
+ * Have forks watched for, before the module's lock is taken for the first time. In a child, a connection that was there
+ * or under way is inherited, and the lock of a module without one is free, whoever held it.
+ *
+ * @return 0, or a negative code.
  */
-bool is_inherited(const bus_module &owner);
+int32_t watch_forks(bus_module &owner);
+
+/** Whether the connection is a parent's, whose socket, lock and listener are of no use here. */
+inline bool is_inherited(const bus_module &owner)
+{
+    return owner.inherited;
+}
 
 /**
- * Have a module's connection open and subscribed. Its lock is held. Nothing is printed.
+ * Have a module's connection open and subscribed. Its lock is held, and forks are watched for. Nothing is printed.
  *
  * An open counts once the bus has greeted the connection and answered every match; what ends before that is closed, and
  * the next call tries again.
@@ -77,6 +87,9 @@ int32_t module_open(bus_module &owner, subscription subscribe);
  * opened it.
  */
 int32_t module_acquire(bus_module &owner, subscription subscribe);
+
+/** The same without the line. */
+int32_t module_acquire_silently(bus_module &owner, subscription subscribe);
 
 void module_release(bus_module &owner);
 

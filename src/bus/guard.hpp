@@ -44,7 +44,7 @@ private:
 
 /**
  * While this lives, the calls of its thread are parts of one thing, which a timer's signal must not leave half done:
- * during each of them all signals wait but those that end a program, and faults. Between them the handlers run.
+ * during each of them all signals wait but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults. Between them the handlers run.
  */
 class calls_in_a_row
 {

@@ -50,7 +50,7 @@ void print_failure(const char *text, const char *name, int32_t code)
     print_failure(text, name, strerror(-code));
 }
 
-call_report::~call_report()
+failure_report::~failure_report()
 {
     if (text_ != nullptr) {
         print_failure(text_, name_, reason_ != nullptr ? reason_ : strerror(-code_));
@@ -58,14 +58,14 @@ call_report::~call_report()
     sd_bus_error_free(&error_);
 }
 
-void call_report::set(const char *text, int32_t code, const char *name)
+void failure_report::set(const char *text, int32_t code, const char *name)
 {
     text_ = text;
     code_ = code;
     name_ = name;
 }
 
-void call_report::set_peer_error(const char *text, int32_t code)
+void failure_report::set_peer_error(const char *text, int32_t code)
 {
     set(text, code);
     reason_ = error_.message != nullptr && error_.message[0] != '\0' ? error_.message : nullptr;

@@ -18,16 +18,16 @@ void print_failure(const char *text, const char *name, const char *reason);
 void print_failure(const char *text, const char *name, int32_t code);
 
 /**
- * What a call has to report when all is over. It stands before the call's lock, so that the line is printed after the
+ * The line of what failed, printed when all is over. It stands before the lock, so that the line is printed after the
  * lock is free: a program whose stderr is stuck holds up nobody but the thread that failed.
  */
-class call_report
+class failure_report
 {
 public:
-    call_report() = default;
-    ~call_report();
-    call_report(const call_report &) = delete;
-    call_report &operator=(const call_report &) = delete;
+    failure_report() = default;
+    ~failure_report();
+    failure_report(const failure_report &) = delete;
+    failure_report &operator=(const failure_report &) = delete;
 
     /** Where sd-bus puts the peer's error. */
     sd_bus_error *error() { return &error_; }
@@ -39,13 +39,16 @@ public:
     void set_peer_error(const char *text, int32_t code);
 
 private:
-    uncancelled uncancelled_;
-    held_signals held_;
     sd_bus_error error_ = {}; // the value of SD_BUS_ERROR_NULL, whose spelling is C alone
     const char *text_ = nullptr;
     const char *name_ = nullptr;
     const char *reason_ = nullptr;
     int32_t code_ = 0;
+};
+
+/** What stands before a single call: it spares the thread until the call's line is printed, too. */
+class call_report : uncancelled, held_signals, public failure_report
+{
 };
 
 } // namespace bdbus

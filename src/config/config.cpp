@@ -126,6 +126,9 @@ static int32_t config_bus_pump()
     if (is_inherited(config_module)) {
         return config_status(-ECHILD);
     }
+    if (const int32_t watched = watch_forks(config_module); watched < 0) {
+        return config_status(watched);
+    }
     const mutex_guard guard(config_module.lock);
     sd_bus *bus = config_bus_get();
     if (bus == nullptr) {
@@ -160,7 +163,6 @@ private:
 /** Ask the service for a value into a new allocation: a text, or a cell. The cache lock is held. */
 static int32_t config_read(config_key &key)
 {
-    const held_signals held;
     const mutex_guard guard(config_module.lock);
     sd_bus *bus = config_module.bus;
     const config_property property(key.name);
@@ -190,7 +192,6 @@ static int32_t config_read(config_key &key)
 /** Hand a value to the service. The cache lock is held. */
 static int32_t config_write(const config_key &key, uint32_t value)
 {
-    const held_signals held;
     const mutex_guard guard(config_module.lock);
     const config_property property(key.name);
     return config_status(sd_bus_set_property(config_module.bus, config_service.name, config_service.path,
@@ -217,6 +218,7 @@ static int32_t config_get(config_key &key, void *out, uint32_t len)
         return config_status(-EINVAL);
     }
     const uncancelled guard;
+    const held_signals held;
     int32_t status = config_bus_pump();
     if (status != BDBUS_CONFIG_OK) {
         return status;
@@ -239,6 +241,7 @@ static int32_t config_set(config_key &key, const uint32_t *value)
         return config_status(-EINVAL);
     }
     const uncancelled guard;
+    const held_signals held;
     const int32_t status = config_bus_pump();
     if (status != BDBUS_CONFIG_OK) {
         return status; // nothing is cached before there is a connection

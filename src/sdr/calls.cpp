@@ -106,9 +106,12 @@ static int32_t sdr_untold(stored outcome)
 
 /** Ask for a record and put it into the store, before anything that came after it is dispatched. @return the next ID,
  * or a negative code. */
-static int32_t sdr_fetch(uint16_t id, sdr_store &store)
+static int32_t sdr_fetch(failure_report &report, uint16_t id, sdr_store &store)
 {
-    sdr_call call("GetSdr", sdr_fetch_texts);
+    const held_signals held;
+    const sdr_hold hold;
+    call_frame call(report, sdr_service, sdr_fetch_texts, hold.bus(), hold.acquired());
+    call.create("GetSdr");
     call.append<"q">(id);
     call.send(call_frame::default_timeout);
     if (call.failed()) {
@@ -142,7 +145,7 @@ private:
  * Read the repository, until its end, a record that cannot be read, or an ID that was asked for before. What a record
  * says of itself ends nothing: a service may count its records from 1 and call the first of them 0, too.
  */
-static void sdr_fetch_all(sdr_store &store)
+static void sdr_fetch_all(failure_report &report, sdr_store &store)
 {
     const calls_in_a_row fetches;
     const listener_pause pause;
@@ -150,7 +153,7 @@ static void sdr_fetch_all(sdr_store &store)
     uint16_t id = first_record;
     while (id != no_more_records && !asked.has(id)) {
         asked.add(id);
-        const int32_t next = sdr_fetch(id, store);
+        const int32_t next = sdr_fetch(report, id, store);
         if (next < 0) {
             return;
         }
@@ -159,7 +162,7 @@ static void sdr_fetch_all(sdr_store &store)
 }
 
 /** Create what init creates. An earlier attempt's store and connection are taken up again. */
-static int32_t sdr_set_up()
+static int32_t sdr_set_up(failure_report &report)
 {
     static constinit sdr_store *store = nullptr;
     if (store == nullptr) {
@@ -168,8 +171,9 @@ static int32_t sdr_set_up()
             return -ENOMEM;
         }
     }
-    const int32_t acquired = module_acquire(sdr_module, sdr_subscribe);
+    const int32_t acquired = module_acquire_silently(sdr_module, sdr_subscribe);
     if (acquired < 0) {
+        report.set(connect_text, acquired);
         return acquired;
     }
     sdr_records.store(store, std::memory_order_release);
@@ -188,15 +192,19 @@ int32_t bdbus_sdr_init(void)
     if (bdbus::is_inherited(bdbus::sdr_module)) {
         return bdbus::sdr_fail_in_child(bdbus::connect_text);
     }
+    static constinit bdbus::bus_module once; // its lock alone, which a child finds free
+    if (const int32_t watched = bdbus::watch_forks(once); watched < 0) {
+        return watched;
+    }
     const bdbus::uncancelled uncancelled;
-    static constinit pthread_mutex_t once = PTHREAD_MUTEX_INITIALIZER;
-    const bdbus::mutex_guard guard(once);
+    bdbus::failure_report report;
+    const bdbus::mutex_guard guard(once.lock);
     if (bdbus::sdr_records.load(std::memory_order_acquire) != nullptr) {
         return 0;
     }
-    const int32_t result = bdbus::sdr_set_up();
+    const int32_t result = bdbus::sdr_set_up(report);
     if (result == 0) {
-        bdbus::sdr_fetch_all(*bdbus::sdr_records.load(std::memory_order_relaxed));
+        bdbus::sdr_fetch_all(report, *bdbus::sdr_records.load(std::memory_order_relaxed));
     }
     return result;
 }
