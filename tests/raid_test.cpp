@@ -439,6 +439,6 @@ TEST_F(raid, blocks_itself_alone_while_an_operation_gets_no_answer)
     operation.join();
     query.join();
     simulator::start("RAIDMgmt");
-    EXPECT_EQ(said.text().find("Failed to bus call: "), 0U) << said.text();
+    EXPECT_NE(said.text().find("Failed to bus call: "), std::string::npos) << said.text();
     EXPECT_EQ(bdbus_storectrl_get_virtual_drive_list().count, 3);
 }
