@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "client.hpp"
 
-#include "bus.hpp"
-#include "codec.hpp"
-#include "json.hpp"
+#include "frame/bus.hpp"
+#include "frame/codec.hpp"
+#include "frame/json.hpp"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "bus.hpp"
 #include "client.hpp"
-#include "json.hpp"
+#include "frame/bus.hpp"
+#include "frame/json.hpp"
 #include "run.hpp"
 
 #include <algorithm>

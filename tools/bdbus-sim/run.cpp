@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "run.hpp"
 
-#include "bus.hpp"
-#include "descriptor.hpp"
-#include "event.hpp"
+#include "common/descriptor.hpp"
+#include "frame/bus.hpp"
+#include "frame/event.hpp"
 #include "simulator.hpp"
 
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 #ifndef BDBUS_SIM_RUN_HPP
 #define BDBUS_SIM_RUN_HPP
 
-#include "json.hpp"
+#include "frame/json.hpp"
 
 #include <string>
 #include <vector>

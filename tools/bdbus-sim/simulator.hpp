@@ -3,13 +3,13 @@
 #ifndef BDBUS_SIM_SIMULATOR_HPP
 #define BDBUS_SIM_SIMULATOR_HPP
 
-#include "calls.hpp"
-#include "event.hpp"
-#include "faults.hpp"
-#include "hpm1-target.hpp"
-#include "json.hpp"
-#include "service.hpp"
-#include "state.hpp"
+#include "frame/calls.hpp"
+#include "frame/event.hpp"
+#include "frame/faults.hpp"
+#include "frame/json.hpp"
+#include "frame/service.hpp"
+#include "frame/state.hpp"
+#include "services/hpm1-target.hpp"
 
 #include <functional>
 #include <memory>

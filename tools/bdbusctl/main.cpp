@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // bdbusctl: the controller's services at a shell.
-#include "command.hpp"
+#include "frame/command.hpp"
 
 #include <fcntl.h>
 #include <syslog.h>

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The list of received calls. Kept as text, which is what it is asked for and takes a fraction of the memory.
+#ifndef BDBUS_SIM_CALLS_HPP
+#define BDBUS_SIM_CALLS_HPP
+
+#include "frame/json.hpp"
+
+#include <deque>
+#include <string>
+
+class call_list
+{
+public:
+    // Byte arrays are shortened to their length and first bytes. The oldest entries go when the list is full.
+    void add(const std::string &service, json call);
+
+    // A JSON array of the calls of a service, or of all for "", oldest first.
+    std::string text(const std::string &service) const;
+
+    void clear();
+
+private:
+    struct entry {
+        std::string service;
+        std::string text;
+    };
+
+    std::deque<entry> entries_;
+    size_t bytes_ = 0;
+};
+
+#endif

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "frame/json.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+json parse_json(const std::string &text, const std::string &what)
+{
+    if (text.size() > json_text_max)
+        throw std::invalid_argument(what + ": longer than " + std::to_string(json_text_max) + " bytes");
+
+    auto limit_depth = [&](int depth, json::parse_event_t, json &) {
+        if (depth > json_depth_max)
+            throw std::invalid_argument(what + ": nested too deep");
+        return true;
+    };
+    try {
+        return json::parse(text, limit_depth);
+    } catch (const json::exception &error) {
+        // Without the mark of the JSON library that begins its texts.
+        std::string why = error.what();
+        throw std::invalid_argument(what + ": " + why.substr(why.find(' ') + 1));
+    }
+}
+
+json read_json_file(const std::string &path)
+{
+    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rb"), fclose);
+    std::string text(json_text_max + 1, '\0');
+    if (file != nullptr)
+        text.resize(fread(text.data(), 1, text.size(), file.get()));
+    if (file == nullptr || ferror(file.get()) != 0)
+        throw std::system_error(errno, std::generic_category(), path);
+    return parse_json(text, path);
+}
+
+json parse_json_argument(const std::string &argument)
+{
+    return argument.starts_with('@') ? read_json_file(argument.substr(1)) : parse_json(argument, "JSON argument");
+}
+
+object_reader::object_reader(const json &object, std::string what, const std::set<std::string> &keys)
+    : object_(object), what_(std::move(what))
+{
+    if (!object.is_object())
+        refuse("must be an object");
+    for (const auto &[key, value] : object.items())
+        if (!keys.contains(key))
+            refuse("no such key: \"" + key + '"');
+}
+
+json object_reader::value(const std::string &key, const json &otherwise) const
+{
+    auto found = object_.find(key);
+    return found == object_.end() ? otherwise : *found;
+}
+
+std::string object_reader::text(const std::string &key, const std::string &otherwise) const
+{
+    json found = value(key, otherwise);
+    if (!found.is_string())
+        refuse('"' + key + "\" must be a text");
+    return found.get<std::string>();
+}
+
+bool object_reader::flag(const std::string &key) const
+{
+    json found = value(key, false);
+    if (!found.is_boolean())
+        refuse('"' + key + "\" must be true or false");
+    return found.get<bool>();
+}
+
+std::optional<uint64_t> object_reader::number(const std::string &key, uint64_t most) const
+{
+    if (!has(key))
+        return std::nullopt;
+    json found = value(key, 0);
+    if (!found.is_number_unsigned() || found.get<uint64_t>() > most)
+        refuse('"' + key + "\" must be a number from 0 to " + std::to_string(most));
+    return found.get<uint64_t>();
+}
+
+void object_reader::refuse(const std::string &why) const
+{
+    throw std::invalid_argument(what_ + ": " + why);
+}
+
+std::string to_text(const json &value, int indent)
+{
+    return value.dump(indent, ' ', false, json::error_handler_t::replace);
+}

@@ -1,0 +1,307 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "services/sensors.hpp"
+#include "simulator.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <utility>
+
+namespace
+{
+
+constexpr uint16_t no_record = 0xFFFF;
+constexpr uint16_t last_id = 0xFFFE;
+constexpr uint16_t first_extra_id = 0x1000;
+constexpr uint8_t record_not_present = 0xCB;
+
+// A value of a record that clients set and that is announced to all of them. The call takes the record's ID and the
+// value; the signal names the author and says the same.
+struct live_value {
+    const char *key;
+    const char *set;
+    const char *set_signature;
+    const char *announced;
+};
+
+const live_value reading = {"reading", "SetReading", "qy", "ReadingSet"};
+
+const live_value live_values[] = {
+    reading,
+    {"event_enable", "SetEvent", "qyqq", "EventSet"},
+    {"event_status", "SetEventStatus", "qyqq", "EventStatusSet"},
+    {"hysteresis", "SetHysteresis", "qyy", "HysteresisSet"},
+    {"thresholds", "SetThresholds", "qay", "ThresholdSet"},
+};
+
+// The value as it is in the state, from the call's arguments.
+json value_in(const call &what)
+{
+    if (what.args.size() > 2)
+        return json(what.args.begin() + 1, what.args.end());
+    const json &value = what.args[1];
+    if (!value.is_binary())
+        return value;
+    if (value.get_binary().size() != thresholds_size)
+        throw std::invalid_argument("thresholds are 7 bytes");
+    return static_cast<const byte_vector &>(value.get_binary());
+}
+
+class repository
+{
+public:
+    repository(simulator &simulator, service &bus_service)
+        : loop_(simulator.loop), state_(simulator.state), service_(bus_service)
+    {
+    }
+
+    json get(uint16_t id) const;
+    uint16_t add(const call &what);
+    void remove(const call &what);
+    void set(const live_value &row, const call &what);
+
+    // The state was changed by others than clients of the service.
+    void follow(const json &before, const json &after);
+
+private:
+    json &section() const { return state_.own("sdr"); }
+    json &records() const { return section()["records"]; }
+
+    uint32_t extras_end() const;
+    bool is_extra(uint16_t id) const { return id >= first_extra_id && id < extras_end(); }
+    bool has(uint16_t id) const { return records().contains(std::to_string(id)) || is_extra(id); }
+    uint16_t next_after(uint16_t id) const;
+    json &at(uint16_t id);
+
+    void complete();
+    void announce(const live_value &row, const std::string &author, uint16_t id, const json &value);
+    void announce_record(uint16_t id, const json *before, const json &after);
+    void schedule_move();
+    void move();
+
+    event_loop &loop_;
+    state_document &state_;
+    service &service_;
+    std::minstd_rand chance_;
+    timer_ptr next_move_;
+};
+
+// ---- the records: those of the state, and behind them the extra ones, which exist by their number alone
+
+uint32_t repository::extras_end() const
+{
+    return first_extra_id + std::min(section()["extra_records"].get<uint32_t>(), last_id - first_extra_id + 1U);
+}
+
+uint16_t repository::next_after(uint16_t id) const
+{
+    uint32_t next = std::max<uint32_t>(id + 1U, first_extra_id);
+    if (next >= extras_end())
+        next = no_record;
+    for (const auto &[key, record] : records().items()) {
+        auto other = static_cast<uint32_t>(std::stoul(key));
+        if (other > id)
+            next = std::min(next, other);
+    }
+    return static_cast<uint16_t>(next);
+}
+
+// An extra record is in the state from its first change on.
+json &repository::at(uint16_t id)
+{
+    if (!has(id))
+        throw dbus_error("com.brisemont.Error.NoSuchRecord", "No such record: " + std::to_string(id));
+    json &record = records()[std::to_string(id)];
+    if (record.is_null())
+        record = extra_sensor(id);
+    return record;
+}
+
+json repository::get(uint16_t id) const
+{
+    if (id == 0)
+        id = next_after(0);
+    if (!has(id))
+        return {record_not_present, no_record, json::array()};
+    auto found = records().find(std::to_string(id));
+    return {0, next_after(id), found != records().end() ? (*found)["sdr"] : extra_sensor(id)["sdr"]};
+}
+
+uint16_t repository::add(const call &what)
+{
+    const byte_vector &sdr = what.args[0].get_binary();
+    if (sdr.size() != sdr_size)
+        throw std::invalid_argument("a record is 64 bytes");
+    uint16_t id = 1;
+    while (has(id))
+        id++;
+    if (id > last_id)
+        throw standard_error("LimitsExceeded", "The repository is full.");
+
+    json record = sensor_record(id, sdr);
+    records()[std::to_string(id)] = record;
+    service_.emit("RecordAdded", "say", {what.sender, record["sdr"]});
+    return id;
+}
+
+void repository::remove(const call &what)
+{
+    auto id = what.arg<uint16_t>(0);
+    at(id);
+    if (is_extra(id)) {
+        // Those above it become records like all others, for the extra ones leave no gap.
+        for (uint32_t above = id + 1U; above < extras_end(); above++)
+            at(static_cast<uint16_t>(above));
+        section()["extra_records"] = id - first_extra_id;
+    }
+    records().erase(std::to_string(id));
+    service_.emit("RecordDeleted", "sq", {what.sender, id});
+}
+
+void repository::set(const live_value &row, const call &what)
+{
+    auto id = what.arg<uint16_t>(0);
+    json value = value_in(what);
+    at(id)[row.key] = value;
+    announce(row, what.sender, id, value);
+}
+
+// ---- what is announced
+
+void repository::announce(const live_value &row, const std::string &author, uint16_t id, const json &value)
+{
+    std::string signature = row.set_signature;
+    json args = {author, id};
+    if (signature == "qy" || signature == "qay")
+        args.push_back(value);
+    else
+        args.insert(args.end(), value.begin(), value.end());
+    service_.emit(row.announced, "s" + signature, args);
+}
+
+// Who hears of a new record gives it the values of its 64 bytes, so only others need saying.
+void repository::announce_record(uint16_t id, const json *before, const json &after)
+{
+    json known = before != nullptr ? *before : json();
+    if (before == nullptr || known["sdr"] != after["sdr"]) {
+        service_.emit("RecordAdded", "say", {service_.unique_name(), after["sdr"]});
+        known = sensor_record(id, after["sdr"]);
+        if (before != nullptr)
+            known["event_status"] = (*before)["event_status"];
+    }
+    for (const live_value &row : live_values)
+        if (known[row.key] != after[row.key])
+            announce(row, service_.unique_name(), id, after[row.key]);
+}
+
+// Records may come into the state as no more than their 64 bytes.
+void repository::complete()
+{
+    for (auto &[key, record] : records().items()) {
+        json whole = sensor_record(static_cast<uint16_t>(std::stoul(key)), record["sdr"]);
+        record["sdr"] = whole["sdr"];
+        for (const live_value &row : live_values)
+            if (!record.contains(row.key))
+                record[row.key] = whole[row.key];
+    }
+}
+
+void repository::follow(const json &before, const json &after)
+{
+    complete();
+    const json &old = before["records"];
+    for (const auto &[key, record] : old.items()) {
+        auto id = static_cast<uint16_t>(std::stoul(key));
+        if (!has(id))
+            service_.emit("RecordDeleted", "sq", {service_.unique_name(), id});
+        else if (!after["records"].contains(key))
+            announce_record(id, &record, extra_sensor(id));
+    }
+    for (const auto &[key, record] : after["records"].items()) {
+        auto known = old.find(key);
+        if (known == old.end() || *known != record)
+            announce_record(static_cast<uint16_t>(std::stoul(key)), known == old.end() ? nullptr : &*known, record);
+    }
+    if (before["moving_ms"] != after["moving_ms"])
+        schedule_move();
+}
+
+// ---- readings that move
+
+void repository::schedule_move()
+{
+    auto interval = std::chrono::milliseconds(section()["moving_ms"].get<uint32_t>());
+    next_move_.reset();
+    if (interval.count() > 0)
+        next_move_ = loop_.after(interval, [this] {
+            move();
+            schedule_move();
+        });
+}
+
+// A few sensors make a small step, inside the limits beyond which they would be worth an event.
+void repository::move()
+{
+    constexpr int at_a_time = 3;
+    for (int i = 0; i < at_a_time && !records().empty(); i++) {
+        auto place = std::next(records().begin(), static_cast<long>(chance_() % records().size()));
+        json &record = *place;
+        const json &limits = record["thresholds"];
+        auto mask = limits[readable_mask].get<unsigned>();
+        int least = (mask & 1U) != 0 ? limits[lower_noncritical].get<int>() + 1 : 1;
+        int most = (mask & 8U) != 0 ? limits[upper_noncritical].get<int>() - 1 : 254;
+        int step = chance_() % 2 == 0 ? 1 : -1;
+        int moved = record["reading"].get<int>() + step;
+        record["reading"] = std::max(std::min(moved, most), std::min(least, 255));
+        announce(reading, service_.unique_name(), static_cast<uint16_t>(std::stoul(place.key())), record["reading"]);
+    }
+}
+
+std::vector<method> methods(const std::shared_ptr<repository> &sdr)
+{
+    std::vector<method> rows = {
+        method("GetSdr", "q", "yqay", [=](const call &what) { return sdr->get(what.arg<uint16_t>(0)); }),
+        method("AddSdr", "ay", "q", [=](const call &what) { return json::array({sdr->add(what)}); }),
+        method("DeleteSdr", "q", "",
+               [=](const call &what) {
+                   sdr->remove(what);
+                   return json::array();
+               }),
+    };
+    for (const live_value &row : live_values)
+        rows.emplace_back(row.set, row.set_signature, "", [sdr, &row](const call &what) {
+            sdr->set(row, what);
+            return json::array();
+        });
+    return rows;
+}
+
+std::vector<signal_row> announcements()
+{
+    std::vector<signal_row> rows = {{"", "RecordAdded", "say"}, {"", "RecordDeleted", "sq"}};
+    for (const live_value &row : live_values)
+        rows.push_back({"", row.announced, std::string("s") + row.set_signature});
+    return rows;
+}
+
+} // namespace
+
+void add_sdr(simulator &simulator)
+{
+    json record = {{"sdr", "64y"},
+                   {"reading?", "y"},
+                   {"event_enable?", {"y", "q", "q"}},
+                   {"event_status?", {"y", "q", "q"}},
+                   {"hysteresis?", "2y"},
+                   {"thresholds?", "7y"}};
+    json defaults = {{"records", default_sensors()}, {"moving_ms", 0}, {"extra_records", 0}};
+    json shape = {{"records", {{"#", record}}}, {"moving_ms", "u"}, {"extra_records", "q"}};
+    simulator.state.add_section("sdr", defaults, shape);
+
+    service &service = simulator.add_service("SensorDataRepository1");
+    auto sdr = std::make_shared<repository>(simulator, service);
+    service.add_object(methods(sdr), {}, announcements());
+    simulator.state.on_change("sdr", [sdr](const json &before, const json &after) { sdr->follow(before, after); });
+}

@@ -1,0 +1,425 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// image: making and reading HPM.1 image files.
+#include "frame/command.hpp"
+#include "frame/report.hpp"
+#include "names/hpm1-image.hpp"
+#include "names/hpm1-names.hpp"
+
+#include <bdbus/upgrade_agent.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+namespace bdbusctl
+{
+
+namespace
+{
+
+using file_bytes = std::vector<uint8_t>;
+
+[[noreturn]] void fail_with_errno(const std::string &message)
+{
+    throw failure(message + ": " + strerror(errno));
+}
+
+struct descriptor {
+    explicit descriptor(int opened) : fd(opened) {}
+    ~descriptor() { close(fd); }
+    descriptor(const descriptor &) = delete;
+    descriptor &operator=(const descriptor &) = delete;
+
+    const int fd;
+};
+
+file_bytes read_file(const std::string &path, uint64_t largest)
+{
+    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status = {};
+    if (file.fd < 0 || fstat(file.fd, &status) < 0)
+        fail_with_errno("cannot read " + path);
+    if (!S_ISREG(status.st_mode))
+        throw failure("cannot read " + path + ": not a regular file");
+    if (static_cast<uint64_t>(status.st_size) > largest)
+        throw failure("cannot read " + path + ": over " + size_text(largest));
+
+    file_bytes bytes(static_cast<size_t>(status.st_size));
+    size_t filled = 0;
+    for (ssize_t got = 1; filled < bytes.size() && got != 0; filled += static_cast<size_t>(got)) {
+        got = ::read(file.fd, bytes.data() + filled, bytes.size() - filled);
+        if (got < 0)
+            fail_with_errno("cannot read " + path);
+    }
+    bytes.resize(filled);
+    return bytes;
+}
+
+// Under another name first, so that whoever opens the file finds all of it or the one that was there before.
+void write_file(const std::string &path, const file_bytes &bytes)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        throw failure("cannot write " + path + ": not a regular file");
+    std::string temporary = path + ".XXXXXX";
+    const descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+    if (file.fd < 0)
+        fail_with_errno("cannot write " + path);
+
+    const mode_t mask = umask(0);
+    umask(mask);
+    bool written = fchmod(file.fd, 0666 & ~mask) == 0;
+    for (size_t done = 0; written && done < bytes.size();) {
+        const ssize_t count = ::write(file.fd, bytes.data() + done, bytes.size() - done);
+        written = count >= 0;
+        done += written ? static_cast<size_t>(count) : 0;
+    }
+    if (written && fsync(file.fd) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
+        return;
+    const int reason = errno;
+    unlink(temporary.c_str());
+    errno = reason;
+    fail_with_errno("cannot write " + path);
+}
+
+std::array<uint8_t, 2> parse_short_version(const std::string &text)
+{
+    const auto version = parse_version(text);
+    return {version[0], version[1]};
+}
+
+uint8_t parse_timeout(const std::string &text)
+{
+    const uint64_t seconds = parse_number(text, 0, UINT8_MAX * hpm1_image::timeout_unit_s);
+    return static_cast<uint8_t>((seconds + hpm1_image::timeout_unit_s - 1) / hpm1_image::timeout_unit_s);
+}
+
+uint32_t parse_time(const std::string &text)
+{
+    tm date{};
+    if (const char *end = strptime(text.c_str(), date_format, &date); end && !*end)
+        return static_cast<uint32_t>(timegm(&date));
+    return static_cast<uint32_t>(parse_number(text, 0, UINT32_MAX));
+}
+
+uint32_t default_time()
+{
+    const char *reproducible = getenv("SOURCE_DATE_EPOCH");
+    return reproducible ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
+}
+
+// Hex is a mask, decimal a list of component numbers.
+uint8_t parse_components(const std::string &text)
+{
+    if (text.starts_with("0x"))
+        return static_cast<uint8_t>(parse_number(text, 1, UINT8_MAX));
+    uint8_t mask = 0;
+    for (const auto &number : CLI::detail::split(text, ','))
+        mask = static_cast<uint8_t>(mask | 1U << parse_number(number, 0, 7));
+    return mask;
+}
+
+struct component_source {
+    uint8_t id = 0;
+    std::string file;
+    std::optional<hpm1_image::version> version;
+    std::string description;
+};
+
+// ID=FILE[,version=V][,description=TEXT]; the keys are looked for from the right, so that file names may hold commas.
+component_source parse_component(std::string text)
+{
+    component_source source;
+    const size_t id_end = text.find('=');
+    if (id_end == std::string::npos)
+        throw std::invalid_argument("'" + one_line(text) + "' is not ID=FILE[,version=V][,description=TEXT]");
+    source.id = static_cast<uint8_t>(parse_number(text.substr(0, id_end), 0, 7));
+    const auto cut = [&text](const std::string &key) {
+        const size_t start = text.rfind("," + key + "=");
+        if (start == std::string::npos)
+            return std::string();
+        const size_t value = start + key.size() + 2;
+        const size_t end = std::min(text.find(key == "version" ? ",description=" : ",version=", value), text.size());
+        std::string found = text.substr(value, end - value);
+        text.erase(start, end - start);
+        return found;
+    };
+    if (const std::string version = cut("version"); !version.empty())
+        source.version = parse_version(version);
+    source.description = cut("description");
+    source.file = text.substr(id_end + 1);
+    if (source.description.empty())
+        source.description =
+            std::filesystem::path(source.file).filename().string().substr(0, hpm1_image::description_bytes - 1);
+    if (source.description.size() >= hpm1_image::description_bytes)
+        throw std::invalid_argument(
+            format("the description has over %zu characters", hpm1_image::description_bytes - 1));
+    return source;
+}
+
+constexpr uint8_t self_test_capability = 0x01;
+
+// The identity is that of the simulated controller unless given.
+struct create_arguments {
+    create_arguments()
+    {
+        head.device_id = 32;
+        head.manufacturer_id = 41651;
+        head.product_id = 4660;
+        head.firmware = {1, 0};
+    }
+
+    hpm1_image::header head;
+    std::optional<uint32_t> time;
+    std::string output;
+    bool self_test = false;
+    bool prepend_version = false;
+    std::string oem_file;
+    uint8_t backup = 0;
+    uint8_t prepare = 0;
+    std::vector<std::string> components;
+};
+
+void declare_create(CLI::App &command, create_arguments &given)
+{
+    hpm1_image::header &head = given.head;
+    command.add_option("-o,--output", given.output, "Image file to write")->type_name("FILE")->required();
+    command
+        .add_option("-c,--component", given.components,
+                    "Firmware of component ID (0 to 7); its version is the image's unless given; repeatable")
+        ->type_name("ID=FILE[,version=V][,description=TEXT]")
+        ->allow_extra_args(false)
+        ->required();
+    add_number(command, "--device-id", head.device_id, "Device ID [32]")->type_name("N");
+    add_number(command, "--manufacturer-id", head.manufacturer_id, "Manufacturer ID [41651]", 0, 0xFFFFFF)
+        ->type_name("N");
+    add_number(command, "--product-id", head.product_id, "Product ID [4660]")->type_name("N");
+    add_parsed(command, "--version", head.firmware, parse_version, "Firmware version [1.00]")
+        ->type_name("MAJOR.MINOR[.AUX]");
+    add_parsed(command, "--earliest", head.earliest, parse_short_version, "Oldest firmware that can be upgraded [0.00]")
+        ->type_name("MAJOR.MINOR");
+    command.add_flag("--self-test", given.self_test, "A self test follows activation");
+    add_parsed(command, "--self-test-timeout", head.self_test_timeout, parse_timeout, "Rounded up to 5 s [0]")
+        ->type_name("SECONDS");
+    add_parsed(command, "--rollback-timeout", head.rollback_timeout, parse_timeout, "Rounded up to 5 s [0]")
+        ->type_name("SECONDS");
+    command.add_option("--oem", given.oem_file, "OEM data of the header")->type_name("FILE");
+    add_parsed(command, "--time", given.time, parse_time,
+               "Time stamp: seconds since 1970, or YYYY-MM-DDTHH:MM:SSZ [SOURCE_DATE_EPOCH, or now]")
+        ->type_name("TIME");
+    add_parsed(command, "--backup", given.backup, parse_components, "Back up first: numbers 0,2 or a mask 0x05")
+        ->type_name("COMPONENTS");
+    add_parsed(command, "--prepare", given.prepare, parse_components, "Prepare first: numbers 0,2 or a mask 0x05")
+        ->type_name("COMPONENTS");
+    command.add_flag("--prepend-version", given.prepend_version, "Put the six version bytes before each firmware");
+}
+
+std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
+{
+    std::vector<hpm1_image::payload> payloads;
+    uint8_t mask = 0;
+    constexpr uint64_t around_payloads = uint64_t{128} * 1024; // header, OEM data and records, generously
+    uint64_t room = UINT32_MAX - around_payloads;
+    for (const auto &text : given.components) {
+        component_source source;
+        try {
+            source = parse_component(text);
+        } catch (const std::invalid_argument &reason) {
+            throw failure(std::string("--component: ") + reason.what(), exit_status::usage);
+        }
+        if (mask >> source.id & 1)
+            throw failure(format("--component: %u is given twice", source.id), exit_status::usage);
+        mask = static_cast<uint8_t>(mask | 1U << source.id);
+
+        hpm1_image::payload part{source.id, source.version.value_or(given.head.firmware), source.description,
+                                 read_file(source.file, room)};
+        if (given.prepend_version)
+            part.data.insert(part.data.begin(), part.firmware.begin(), part.firmware.end());
+        room -= std::min<uint64_t>(room, part.data.size());
+        payloads.push_back(std::move(part));
+    }
+    if ((given.backup | given.prepare) & ~mask)
+        throw failure("--backup, --prepare: a component that the image does not hold", exit_status::usage);
+    return payloads;
+}
+
+report new_record_table()
+{
+    return report({{"offset", "OFFSET", true},
+                   {"action", "ACTION"},
+                   {"components", "COMPONENTS"},
+                   {"components_raw"},
+                   {"version", "VERSION"},
+                   {"version_hex"},
+                   {"description", "DESCRIPTION"},
+                   {"data_offset", "DATA AT", true},
+                   {"length", "LENGTH", true}});
+}
+
+report record_table(const hpm1_image::image &image)
+{
+    report table = new_record_table();
+    for (const auto &record : image.records) {
+        const std::string action(action_name(record.action));
+        const cell components{join(component_numbers(record.components), ", "), component_array(record.components)};
+        if (record.is_upload())
+            table.add({record.offset, action, components, record.components, version_text(record.firmware),
+                       hex_digits(record.firmware), record.description, record.data_offset, record.length});
+        else
+            table.add({record.offset, action, components, record.components, cell::none(), cell::none(), cell::none(),
+                       cell::none(), cell::none()});
+    }
+    return table;
+}
+
+void show_image(const session &run, const std::string &path, const file_bytes &bytes, const hpm1_image::image &image)
+{
+    const hpm1_image::header &head = image.head;
+    const auto timeout = [](uint8_t units) {
+        const unsigned seconds = units * hpm1_image::timeout_unit_s;
+        return cell(format("%u s", seconds), seconds);
+    };
+    const report records = record_table(image);
+    record shown;
+    shown.add("file", "File", path);
+    shown.add("size", "Size", bytes.size());
+    shown.add("device_id", "Device ID", {format("%u (0x%02x)", head.device_id, head.device_id), head.device_id});
+    shown.add("manufacturer_id", "Manufacturer ID",
+              {format("%u (0x%06x)", head.manufacturer_id, head.manufacturer_id), head.manufacturer_id});
+    shown.add("product_id", "Product ID", {format("%u (0x%04x)", head.product_id, head.product_id), head.product_id});
+    shown.add("version", "Firmware version", version_text(head.firmware));
+    shown.hide("version_hex", hex_digits(head.firmware));
+    shown.add("earliest", "Earliest compatible", version_text(head.earliest));
+    shown.add("time", "Time stamp", {time_text(head.time), head.time});
+    shown.hide("time_text", time_text(head.time));
+    shown.add("self_test", "Self test follows", (head.capabilities & self_test_capability) != 0);
+    shown.add("capabilities_raw", "Capability byte", {hex_text(head.capabilities), head.capabilities});
+    shown.add("components", "Components",
+              {join(component_numbers(head.components), ", "), component_array(head.components)});
+    shown.hide("components_raw", head.components);
+    shown.add("self_test_timeout_s", "Self-test timeout", timeout(head.self_test_timeout));
+    shown.add("rollback_timeout_s", "Rollback timeout", timeout(head.rollback_timeout));
+    shown.add("inaccessibility_timeout_s", "Inaccessible up to", timeout(head.inaccessibility_timeout));
+    shown.add("oem_bytes", "OEM data", {format("%zu B", head.oem_data.size()), head.oem_data.size()});
+    const bool intact = image.faults.empty() && hpm1_image::digest_holds(bytes);
+    shown.add("intact", "Intact", {intact ? "yes" : "no (see bdbusctl image verify)", intact, intact ? "" : "red"});
+    shown.hide("records", records.to_json());
+    shown.show(run);
+    if (!run.wants_json()) {
+        puts("");
+        records.show_table(run);
+    }
+}
+
+void create(const session &run, const create_arguments &given)
+{
+    hpm1_image::header head = given.head;
+    head.time = given.time ? *given.time : default_time();
+    if (given.self_test)
+        head.capabilities = self_test_capability;
+    if (!given.oem_file.empty())
+        head.oem_data = read_file(given.oem_file, UINT16_MAX);
+    const file_bytes bytes = hpm1_image::build(head, given.backup, given.prepare, read_payloads(given));
+    write_file(given.output, bytes);
+    if (run.wants_json())
+        show_image(run, given.output, bytes, hpm1_image::read(bytes));
+    else
+        run.say(format("%s: %zu bytes", given.output.c_str(), bytes.size()));
+}
+
+std::string fault_text(const hpm1_image::fault &fault)
+{
+    return format("%s (at offset %zu)", fault.text.c_str(), fault.offset);
+}
+
+struct file_argument {
+    std::string path;
+};
+
+void declare_file(CLI::App &command, file_argument &given)
+{
+    command.add_option("FILE", given.path, "HPM.1 image file")->type_name("")->required();
+}
+
+void info(const session &run, const file_argument &given)
+{
+    const file_bytes bytes = read_file(given.path, UINT32_MAX);
+    const hpm1_image::image image = hpm1_image::read(bytes);
+    if (!image.complete)
+        throw failure(given.path + ": " + fault_text(image.faults.back()));
+    show_image(run, given.path, bytes, image);
+}
+
+const char *integrity_name(int32_t result)
+{
+    constexpr std::array names{
+        "intact",           "digest not computed", "digest not computed",    "digest not computed",
+        "wrong MD5 digest", "no HPM.1 signature",  "unknown header version", "wrong header checksum",
+        "truncated"};
+    return result <= 0 && result > -static_cast<int32_t>(names.size()) ? names.at(static_cast<size_t>(-result))
+                                                                       : "unknown fault";
+}
+
+int32_t check_integrity(const session &run, const std::string &path)
+{
+    return run
+        .watch([&] {
+            auto *context = bdbus_upgrade_agent_initialization(path.c_str());
+            const int32_t result = bdbus_upgrade_agent_validate_image_integrity(context);
+            bdbus_upgrade_agent_end(context);
+            return result;
+        })
+        .result;
+}
+
+// What the upgrade itself would refuse, and what our own walk finds in all records.
+void verify(const session &run, const file_argument &given)
+{
+    const file_bytes bytes = read_file(given.path, UINT32_MAX);
+    const hpm1_image::image image = hpm1_image::read(bytes);
+    const int32_t integrity = check_integrity(run, given.path);
+    if (integrity != 0 || !image.faults.empty()) {
+        std::vector<std::string> reasons;
+        if (integrity != 0)
+            reasons.push_back(format("%s (%d)", integrity_name(integrity), integrity));
+        json faults = json::array();
+        for (const auto &fault : image.faults) {
+            reasons.push_back(fault_text(fault));
+            faults.push_back({{"offset", fault.offset}, {"message", fault.text}});
+        }
+        failure error(given.path + ": " + join(reasons, "; "));
+        error.error["integrity"] = integrity;
+        error.error["integrity_name"] = integrity_name(integrity);
+        error.error["faults"] = std::move(faults);
+        throw error;
+    }
+    record shown;
+    shown.add("file", "File", given.path);
+    shown.add("intact", "Intact", true);
+    shown.add("size", "Size", bytes.size());
+    shown.add("records", "Records", image.records.size());
+    if (run.wants_json())
+        shown.show(run);
+    else
+        run.say(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), bytes.size(), image.records.size()));
+}
+
+} // namespace
+
+void add_image(CLI::App &program, session &run)
+{
+    family image(program, run, "image", "HPM.1 image files: make and read them");
+    image.verb("create", "Make an image from firmware files", declare_create, create);
+    image.verb("info", "Show an image's header and records", declare_file, info);
+    image.verb("verify", "Check an image: digest, checksums, lengths", declare_file, verify);
+}
+
+} // namespace bdbusctl

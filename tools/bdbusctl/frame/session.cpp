@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "frame/session.hpp"
+
+#include "frame/text.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+namespace bdbusctl
+{
+
+bool session::wants_color() const
+{
+    const char *no_color = getenv("NO_COLOR");
+    const char *terminal = getenv("TERM");
+    return isatty(STDOUT_FILENO) && (!no_color || !*no_color) && terminal && strcmp(terminal, "dumb") != 0;
+}
+
+void session::print(const std::string &line, const json &document) const
+{
+    if (wants_json())
+        print(document);
+    else
+        puts(line.c_str());
+}
+
+void session::print(const json &document) const
+{
+    const int indent = style == json_style::pretty ? 2 : -1;
+    puts(escape_controls(document.dump(indent, ' ', false, json::error_handler_t::replace)).c_str());
+}
+
+void session::say(const std::string &line) const
+{
+    if (quiet || wants_json())
+        return;
+    puts(line.c_str());
+    fflush(stdout);
+}
+
+void session::warn(const std::string &line) const
+{
+    fprintf(stderr, "%s: %s\n", program_name, one_line(line).c_str());
+}
+
+void session::confirm(const std::string &question) const
+{
+    if (yes)
+        return;
+    if (wants_json() || !isatty(STDIN_FILENO))
+        throw failure("this changes the controller and nobody can be asked: add --yes", exit_status::usage);
+    fflush(stdout);
+    fprintf(stderr, "%s Type \"yes\" to go on: ", question.c_str());
+    std::string answer;
+    if (!std::getline(std::cin, answer))
+        fputc('\n', stderr);
+    if (answer != "yes")
+        throw failure("not confirmed, nothing was changed");
+}
+
+outcome session::watch(const std::function<int32_t()> &call) const
+{
+    outcome seen = observe(call);
+    show_details(seen);
+    return seen;
+}
+
+int32_t session::call(const std::string &intent, const std::function<int32_t()> &call) const
+{
+    const outcome seen = watch(call);
+    if (seen.result < 0)
+        throw failed_call("cannot " + intent, seen);
+    return seen.result;
+}
+
+int32_t session::answer(const std::string &intent, const std::function<int32_t()> &call) const
+{
+    const outcome seen = watch(call);
+    if (std::any_of(seen.lines.begin(), seen.lines.end(),
+                    [](const std::string &line) { return line.starts_with("Failed to "); }))
+        throw failed_call("cannot " + intent, seen);
+    return seen.result;
+}
+
+void session::show_details(const outcome &seen) const
+{
+    if (!verbose)
+        return;
+    for (const auto &line : seen.lines)
+        fprintf(stderr, "%s\n", line.c_str());
+}
+
+void session::report(const failure &error) const
+{
+    if (wants_json()) {
+        json object{{"message", error.what()}};
+        object.update(error.error);
+        json document{{"error", object}};
+        document.update(error.document);
+        print(document);
+    }
+    fflush(stdout);
+    warn(error.what());
+}
+
+failure failed_with(const std::string &message, const std::string &reason, exit_status status)
+{
+    failure error(reason.empty() ? message : message + ": " + reason, status);
+    error.error["reason"] = reason;
+    return error;
+}
+
+failure failed_call(const std::string &message, const outcome &seen)
+{
+    std::string reason = join(seen.faults(), "; ");
+    if (reason.empty() && seen.result < 0)
+        reason = strerror(-seen.result);
+    return failed_with(message, reason, seen.bus_unreachable() ? exit_status::no_bus : exit_status::failed);
+}
+
+} // namespace bdbusctl

@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "frame/text.hpp"
+
+#include <array>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <stdexcept>
+
+namespace bdbusctl
+{
+
+std::string format(const char *pattern, ...)
+{
+    va_list arguments;
+    va_start(arguments, pattern);
+    char *text = nullptr;
+    const int length = vasprintf(&text, pattern, arguments);
+    va_end(arguments);
+    if (length < 0)
+        throw std::bad_alloc();
+    std::string result(text, static_cast<size_t>(length));
+    free(text);
+    return result;
+}
+
+// U+0080 to U+009F, control characters of two bytes.
+static bool is_long_control(std::string_view text)
+{
+    const auto second = static_cast<unsigned char>(text.size() < 2 ? 0 : text[1]);
+    return text.starts_with('\xC2') && second >= 0x80 && second < 0xA0;
+}
+
+std::string one_line(std::string_view text)
+{
+    std::string line(text);
+    for (size_t at = 0; at < line.size(); at++) {
+        const auto byte = static_cast<unsigned char>(line[at]);
+        if (byte < 0x20 || byte == 0x7F)
+            line[at] = ' ';
+        else if (is_long_control(std::string_view(line).substr(at)))
+            line[at] = line[at + 1] = ' ';
+    }
+    return line;
+}
+
+std::string escape_controls(std::string_view json_text)
+{
+    std::string escaped;
+    for (size_t at = 0; at < json_text.size(); at++) {
+        if (is_long_control(json_text.substr(at)))
+            escaped += format("\\u%04x", static_cast<unsigned char>(json_text[++at]));
+        else
+            escaped += json_text[at];
+    }
+    return escaped;
+}
+
+std::string join(const std::vector<std::string> &parts, std::string_view separator)
+{
+    std::string joined;
+    for (const auto &part : parts) {
+        if (&part != &parts.front())
+            joined += separator;
+        joined += part;
+    }
+    return joined;
+}
+
+std::string hex_digits(std::span<const uint8_t> bytes)
+{
+    std::string digits;
+    for (const uint8_t byte : bytes)
+        digits += format("%02x", byte);
+    return digits;
+}
+
+std::string size_text(uint64_t bytes)
+{
+    constexpr std::array units{"B", "KiB", "MiB", "GiB"};
+    auto amount = static_cast<double>(bytes);
+    size_t unit = 0;
+    for (; amount >= 1024 && unit + 1 < units.size(); unit++)
+        amount /= 1024;
+    return format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, units.at(unit));
+}
+
+std::string time_text(uint32_t seconds)
+{
+    const auto since_1970 = static_cast<time_t>(seconds);
+    tm date{};
+    gmtime_r(&since_1970, &date);
+    std::array<char, 32> text{};
+    strftime(text.data(), text.size(), date_format, &date);
+    return text.data();
+}
+
+std::string hex_text(uint8_t byte)
+{
+    return format("0x%02x", byte);
+}
+
+uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest)
+{
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char *const begin = text.data() + (hex ? 2 : 0);
+    const char *const end = text.data() + text.size();
+    uint64_t value = 0;
+    const auto [stop, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
+    if (error == std::errc::invalid_argument || stop != end)
+        throw std::invalid_argument("'" + one_line(text) + "' is not a number");
+    if (error == std::errc::result_out_of_range || value < smallest || value > largest)
+        throw std::invalid_argument(one_line(text) + " is not in " + std::to_string(smallest) + " to " +
+                                    std::to_string(largest));
+    return value;
+}
+
+std::vector<uint8_t> parse_bytes(const std::vector<std::string> &words)
+{
+    std::vector<uint8_t> bytes;
+    for (const auto &word : words) {
+        if (word.size() % 2 != 0 || word.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+            throw std::invalid_argument("'" + one_line(word) + "' is not two hex digits for each byte");
+        for (size_t at = 0; at < word.size(); at += 2)
+            bytes.push_back(static_cast<uint8_t>(std::stoul(word.substr(at, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+} // namespace bdbusctl

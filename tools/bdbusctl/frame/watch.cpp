@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "frame/watch.hpp"
+
+#include "frame/held-signals.hpp"
+
+#include <systemd/sd-bus.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+namespace bdbusctl
+{
+
+namespace
+{
+
+// Whether the bus and a service are still there. The library's calls do not tell, so this is a connection beside it.
+class presence
+{
+public:
+    explicit presence(const char *service) : service_(service)
+    {
+        sd_bus *bus = nullptr;
+        const int opened = sd_bus_open_system(&bus);
+        bus_.reset(bus);
+        const std::string rule =
+            format("type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='%s'", service);
+        need(opened < 0 ? opened : sd_bus_add_match(bus, nullptr, rule.c_str(), on_owner_changed, this));
+        // Whether it was there when the match was made.
+        const int found = sd_bus_get_name_creds(bus, service, 0, nullptr);
+        gone_ = found == -ENXIO;
+        if (!gone_)
+            need(found);
+    }
+
+    // Why there will be no more notices, if so.
+    std::optional<failure> lost()
+    {
+        int result = 0;
+        do
+            result = sd_bus_process(bus_.get(), nullptr);
+        while (result > 0);
+        if (result < 0 || sd_bus_is_open(bus_.get()) <= 0)
+            return failure("the connection to the bus was lost", exit_status::no_bus);
+        if (gone_)
+            return failure(format("%s is not on the bus", service_));
+        return std::nullopt;
+    }
+
+private:
+    struct closing {
+        void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
+    };
+
+    static void need(int result)
+    {
+        if (result < 0)
+            throw failed_with("cannot reach the bus", strerror(-result), exit_status::no_bus);
+    }
+
+    static int on_owner_changed(sd_bus_message *message, void *userdata, sd_bus_error * /*error*/)
+    {
+        const char *owner = nullptr;
+        if (sd_bus_message_read(message, "sss", nullptr, nullptr, &owner) >= 0 && !*owner)
+            static_cast<presence *>(userdata)->gone_ = true;
+        return 0;
+    }
+
+    const char *service_;
+    std::unique_ptr<sd_bus, closing> bus_;
+    bool gone_ = false;
+};
+
+} // namespace
+
+void declare_watch(CLI::App &command, watch_arguments &given)
+{
+    add_number(command, "--count", given.count, "End after so many lines", 1)->type_name("NUMBER");
+}
+
+void follow(const session &run, const watch_arguments &given, const char *service,
+            const std::function<std::vector<happening>()> &take)
+{
+    constexpr std::chrono::milliseconds interval{100};
+    session lines = run;
+    if (run.wants_json())
+        lines.style = json_style::compact;
+    const held_signals signals;
+    std::optional<presence> watched;
+    signals.end_during([&] { watched.emplace(service); });
+    uint64_t shown = 0;
+    std::optional<failure> lost;
+    do {
+        std::vector<happening> happenings;
+        signals.end_during([&] { happenings = take(); });
+        for (const auto &[line, document] : happenings) {
+            const std::string now = time_text(static_cast<uint32_t>(time(nullptr)));
+            json object{{"time", now}};
+            object.update(document);
+            signals.end_during([&, &text = line] {
+                lines.print(now + " " + text, object);
+                if (fflush(stdout) != 0)
+                    throw failure("cannot write the output");
+            });
+            if (++shown == given.count)
+                return;
+        }
+        // What came before the end is shown before it.
+        if (lost && happenings.empty())
+            throw failure(*lost);
+        lost = watched->lost();
+    } while (!signals.wait(interval));
+}
+
+} // namespace bdbusctl

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Verbs that follow what happens: a line, or a JSON object on a line, for each thing, until there are enough of them, a
+// signal ends the program, or the service or the bus goes.
+#pragma once
+
+#include "frame/command.hpp"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bdbusctl
+{
+
+struct watch_arguments {
+    uint64_t count = 0;
+};
+
+void declare_watch(CLI::App &command, watch_arguments &given);
+
+struct happening {
+    std::string line;
+    json document; // an object
+};
+
+// Asks `take` ten times a second for what has happened since; fails when the service is not on the bus.
+void follow(const session &run, const watch_arguments &given, const char *service,
+            const std::function<std::vector<happening>()> &take);
+
+} // namespace bdbusctl

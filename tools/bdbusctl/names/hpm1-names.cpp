@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "names/hpm1-names.hpp"
+
+#include "frame/text.hpp"
+#include "names/ipmi-names.hpp"
+
+#include <bdbus/hpm1.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+
+namespace bdbusctl
+{
+
+namespace
+{
+
+struct command_completion {
+    hpm1_command command;
+    uint8_t code;
+    std::string_view name;
+};
+
+constexpr std::array command_completions{
+    command_completion{hpm1_command::component_properties, 0x82, "invalid component"},
+    command_completion{hpm1_command::component_properties, 0x83, "invalid property selector"},
+    command_completion{hpm1_command::abort, 0x80, "upgrade cannot be aborted now"},
+    command_completion{hpm1_command::action, 0x81, "invalid component"},
+    command_completion{hpm1_command::upload_block, 0x82, "block not taken, send it again"},
+    command_completion{hpm1_command::upload_block, 0x83, "block not taken, send it again"},
+    command_completion{hpm1_command::finish_upload, 0x81, "number of bytes differs from the image length"},
+    command_completion{hpm1_command::finish_upload, 0x82, "checksum error in the component's data"},
+    command_completion{hpm1_command::finish_upload, 0x83, "active copy does not match the upgrade image"},
+    command_completion{hpm1_command::rollback_status, 0x81, "rollback failed"},
+};
+
+constexpr std::array commands{
+    code_name{0x2E, "get target upgrade capabilities"},
+    code_name{0x2F, "get component properties"},
+    code_name{0x30, "abort firmware upgrade"},
+    code_name{0x31, "initiate upgrade action"},
+    code_name{0x32, "upload firmware block"},
+    code_name{0x33, "finish firmware upload"},
+    code_name{0x34, "get upgrade status"},
+    code_name{0x35, "activate firmware"},
+    code_name{0x36, "query self-test results"},
+    code_name{0x37, "query rollback status"},
+    code_name{0x38, "initiate manual rollback"},
+};
+
+constexpr std::array actions{
+    code_name{BDBUS_HPM1_ACTION_BACKUP, "backup"},
+    code_name{BDBUS_HPM1_ACTION_PREPARE, "prepare"},
+    code_name{BDBUS_HPM1_ACTION_UPLOAD, "upload"},
+};
+
+constexpr std::array self_test_results{
+    code_name{0x55, "passed"},
+    code_name{0x56, "no self test on this controller"},
+    code_name{0x57, "corrupted or inaccessible data or devices"},
+    code_name{0x58, "fatal hardware error"},
+};
+
+// Second byte of a self test that ended with 0x57.
+constexpr std::array<std::string_view, 8> inaccessible_parts{
+    "operational firmware corrupted", "boot block firmware corrupted", "internal use area of the FRU corrupted",
+    "SDR repository empty",           "IPMB lines do not respond",     "FRU device inaccessible",
+    "SDR repository inaccessible",    "SEL device inaccessible",
+};
+
+constexpr std::array<std::string_view, 8> global_capabilities{
+    "self-test",           "automatic-rollback", "manual-rollback",     "service-affected",
+    "deferred-activation", "degraded-meanwhile", "rollback-overridden", "upgrade-undesirable",
+};
+
+constexpr std::array<std::string_view, 8> component_capabilities{
+    "reserved-0",          "rollback",   "preparation", "comparison", "deferred-activation",
+    "activation-followup", "reserved-6", "reserved-7",
+};
+
+bool is_absent(std::span<const uint8_t> version)
+{
+    return std::all_of(version.begin(), version.end(), [](uint8_t byte) { return byte == 0xFF; });
+}
+
+} // namespace
+
+std::string_view command_name(uint8_t code)
+{
+    return find_name(commands, code, code == 0 ? "none" : "unknown command");
+}
+
+std::string_view action_name(uint8_t action)
+{
+    return find_name(actions, action, "unknown action");
+}
+
+std::string completion_name(hpm1_command command, uint8_t code)
+{
+    for (const auto &entry : command_completions)
+        if (entry.command == command && entry.code == code)
+            return std::string(entry.name);
+    if (code == BDBUS_HPM1_CC_IN_PROGRESS)
+        return "command in progress";
+    return completion_name(code);
+}
+
+cell completion_cell(hpm1_command command, uint8_t code)
+{
+    return {hex_text(code) + " (" + completion_name(command, code) + ")", code, code == 0 ? "" : "red"};
+}
+
+std::string self_test_name(uint8_t result1, uint8_t result2)
+{
+    std::string name(find_name(self_test_results, result1, "failed, device-specific"));
+    if (result1 == 0x57 && result2 != 0)
+        name += ": " + join(bit_names(inaccessible_parts, result2), ", ");
+    return name;
+}
+
+std::vector<std::string> global_capability_names(uint8_t bits)
+{
+    return bit_names(global_capabilities, bits);
+}
+
+std::vector<std::string> component_capability_names(uint8_t bits)
+{
+    return bit_names(component_capabilities, bits);
+}
+
+std::vector<std::string> component_numbers(uint8_t mask)
+{
+    std::vector<std::string> numbers;
+    for (unsigned component = 0; component < 8; component++)
+        if (mask >> component & 1)
+            numbers.push_back(std::to_string(component));
+    return numbers;
+}
+
+json component_array(uint8_t mask)
+{
+    json numbers = json::array();
+    for (unsigned component = 0; component < 8; component++)
+        if (mask >> component & 1)
+            numbers.push_back(component);
+    return numbers;
+}
+
+std::string version_text(std::span<const uint8_t> version)
+{
+    constexpr size_t longest = 6;
+    if (version.size() < 2)
+        return hex_digits(version);
+    std::string text = format("%u.%02X", version[0], version[1]);
+    const auto auxiliary = version.first(std::min(version.size(), longest)).subspan(2);
+    if (std::any_of(auxiliary.begin(), auxiliary.end(), [](uint8_t byte) { return byte != 0; }))
+        text += "." + hex_digits(auxiliary);
+    return version.size() > longest ? text + "..." : text;
+}
+
+std::array<uint8_t, 6> parse_version(const std::string &text)
+{
+    const std::vector<std::string> parts = CLI::detail::split(text, '.');
+    const std::string minor = parts.size() > 1 ? parts[1] : "";
+    const std::string auxiliary = parts.size() > 2 ? parts[2] : "";
+    std::array<uint8_t, 6> version{};
+    const size_t auxiliary_room = 2 * (version.size() - 2);
+    if (parts.size() > 3 || minor.empty() || minor.size() > 2 || auxiliary.size() % 2 != 0 ||
+        auxiliary.size() > auxiliary_room ||
+        (minor + auxiliary).find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        throw std::invalid_argument("'" + one_line(text) + "' is not MAJOR.MINOR, or that and up to 4 bytes in hex");
+
+    version[0] = static_cast<uint8_t>(parse_number(parts[0], 0, UINT8_MAX));
+    version[1] = static_cast<uint8_t>(std::stoul(minor, nullptr, 16));
+    for (size_t index = 0; index < auxiliary.size() / 2; index++)
+        version[2 + index] = static_cast<uint8_t>(std::stoul(auxiliary.substr(2 * index, 2), nullptr, 16));
+    return version;
+}
+
+cell version_cell(std::span<const uint8_t> version)
+{
+    return is_absent(version) ? cell::none() : cell(version_text(version));
+}
+
+cell version_hex_cell(std::span<const uint8_t> version)
+{
+    return cell::hidden(is_absent(version) ? json(nullptr) : json(hex_digits(version)));
+}
+
+} // namespace bdbusctl
