@@ -8,11 +8,14 @@
 namespace bdbus
 {
 
-static constinit std::atomic<bus_module *> watched_modules{nullptr};
-static constinit std::atomic<bool> forks_are_watched{false};
+namespace
+{
+
+constinit std::atomic<bus_module *> watched_modules{nullptr};
+constinit std::atomic<bool> forks_are_watched{false};
 
 /** In a child, whose only thread this is. */
-static void after_fork()
+void after_fork()
 {
     for (bus_module *module = watched_modules.load(); module != nullptr; module = module->next) {
         module->inherited = module->inherited || module->bus != nullptr;
@@ -21,6 +24,8 @@ static void after_fork()
         }
     }
 }
+
+} // namespace
 
 int32_t watch_forks(bus_module &owner)
 {
@@ -57,8 +62,11 @@ int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bu
     }
 }
 
+namespace
+{
+
 /** Wait for the bus's greeting, as the first call would. */
-static int32_t await_greeting(sd_bus *bus)
+int32_t await_greeting(sd_bus *bus)
 {
     const held_signals held;
     const char *name = nullptr;
@@ -66,7 +74,7 @@ static int32_t await_greeting(sd_bus *bus)
 }
 
 /** The greeting and the matches are calls in a row; a greeting alone is a call like any other. */
-static int32_t begin(sd_bus *bus, subscription subscribe)
+int32_t begin(sd_bus *bus, subscription subscribe)
 {
     if (subscribe == nullptr) {
         return await_greeting(bus);
@@ -75,6 +83,8 @@ static int32_t begin(sd_bus *bus, subscription subscribe)
     const int32_t greeted = await_greeting(bus);
     return greeted < 0 ? greeted : subscribe(bus);
 }
+
+} // namespace
 
 int32_t module_open(bus_module &owner, subscription subscribe)
 {
@@ -94,8 +104,11 @@ int32_t module_open(bus_module &owner, subscription subscribe)
     return 0;
 }
 
+namespace
+{
+
 /** Take off what is queued: signals and calls of strangers, and replies that came too late. */
-static void drop_queued(sd_bus *bus)
+void drop_queued(sd_bus *bus)
 {
     uint64_t queued = 0;
     sd_bus_get_n_queued_read(bus, &queued);
@@ -103,6 +116,8 @@ static void drop_queued(sd_bus *bus)
         sd_bus_process(bus, nullptr);
     }
 }
+
+} // namespace
 
 int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
 {

@@ -6,19 +6,24 @@
 namespace bdbus
 {
 
+namespace
+{
+
 // In the thread's own block from the start, so that the dynamic loader has no part in it.
-static constinit thread_local bool in_a_row __attribute__((tls_model("initial-exec"))) = false;
+constinit thread_local bool in_a_row __attribute__((tls_model("initial-exec"))) = false;
 
 /** The bit of a signal in the first word of a set, as the kernel has it. */
-static consteval unsigned long bit(int signal)
+consteval unsigned long bit(int signal)
 {
     return 1UL << (signal - 1);
 }
 
-static constexpr unsigned long reports =
+constexpr unsigned long reports =
     bit(SIGCHLD) | bit(SIGWINCH) | bit(SIGIO) | bit(SIGURG) | bit(SIGPROF) | bit(SIGVTALRM);
 
-static constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+
+} // namespace
 
 held_signals::held_signals()
 {

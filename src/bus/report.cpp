@@ -8,8 +8,11 @@
 namespace bdbus
 {
 
+namespace
+{
+
 /** The length in bytes of the control character that a text begins with, or 0. C1 controls have two in UTF-8. */
-static std::size_t control_bytes(const char *text)
+std::size_t control_bytes(const char *text)
 {
     const auto byte = static_cast<unsigned char>(text[0]);
     const auto next = static_cast<unsigned char>(byte == 0 ? 0 : text[1]);
@@ -19,7 +22,7 @@ static std::size_t control_bytes(const char *text)
     return (byte > 0 && byte < 0x20) || byte == 0x7F ? 1 : 0;
 }
 
-static bool has_controls(const char *text)
+bool has_controls(const char *text)
 {
     while (*text != '\0' && control_bytes(text) == 0) {
         text++;
@@ -27,12 +30,14 @@ static bool has_controls(const char *text)
     return *text != '\0';
 }
 
-static void blank_controls(char *text)
+void blank_controls(char *text)
 {
     for (; *text != '\0'; text++) {
         memset(text, ' ', control_bytes(text));
     }
 }
+
+} // namespace
 
 void print_failure(const char *text, const char *name, const char *reason)
 {

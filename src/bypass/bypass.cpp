@@ -8,17 +8,20 @@
 namespace bdbus
 {
 
-static constexpr service bypass_service = {
+namespace
+{
+
+constexpr service bypass_service = {
     .name = "com.brisemont.AdvancedBypass",
     .path = "/com/brisemont/AdvancedBypass",
     .interface = "com.brisemont.AdvancedBypass",
 };
 
-static constinit pthread_mutex_t bypass_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_mutex_t bypass_lock = PTHREAD_MUTEX_INITIALIZER;
 
 /** Send the low bytes of the values. */
 template <signature Sig, typename... Values>
-static int32_t bypass_call(const char *member, Values... values)
+int32_t bypass_call(const char *member, Values... values)
 {
     call_report report;
     const call_connection connection(bypass_lock, report);
@@ -28,6 +31,8 @@ static int32_t bypass_call(const char *member, Values... values)
     call.read<"i">(&answer);
     return answer;
 }
+
+} // namespace
 
 } // namespace bdbus
 

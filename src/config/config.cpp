@@ -20,7 +20,10 @@
 namespace bdbus
 {
 
-static constexpr service config_service = {
+namespace
+{
+
+constexpr service config_service = {
     .name = "com.brisemont.Config1",
     .path = "/com/brisemont/Config1",
     .interface = "com.brisemont.Config1",
@@ -34,7 +37,7 @@ struct config_key {
     const char *name;
 };
 
-static constinit config_key config_keys[] = {
+constinit config_key config_keys[] = {
     {"u", 0, 0, nullptr, "Firmware.Aux"},
     {"b", 0, 0, nullptr, "Firmware.Has_Signature"},
     {"u", 0, 0, nullptr, "Firmware.Major"},
@@ -53,11 +56,11 @@ static constinit config_key config_keys[] = {
     {nullptr, 0, 0, nullptr, nullptr},
 };
 
-static constinit bus_module config_module;
-static constinit pthread_mutex_t config_cache_lock = PTHREAD_MUTEX_INITIALIZER;
-static constinit std::atomic<bool> config_cache_stale{false};
+constinit bus_module config_module;
+constinit pthread_mutex_t config_cache_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit std::atomic<bool> config_cache_stale{false};
 
-static config_key *config_find(const char *name)
+config_key *config_find(const char *name)
 {
     for (config_key *key = config_keys; name != nullptr && key->type != nullptr; key++) {
         if (strcmp(key->name, name) == 0) {
@@ -67,19 +70,19 @@ static config_key *config_find(const char *name)
     return nullptr;
 }
 
-static bool config_signature_fits(const config_key &key, const char *signature)
+bool config_signature_fits(const config_key &key, const char *signature)
 {
     return signature != nullptr && signature[0] == key.type[0];
 }
 
-static void config_drop(config_key &key)
+void config_drop(config_key &key)
 {
     free(key.value);
     key.value = nullptr;
     key.cached = 0;
 }
 
-static void config_cache_invalidate_all()
+void config_cache_invalidate_all()
 {
     for (config_key *key = config_keys; key->type != nullptr; key++) {
         config_drop(*key);
@@ -99,14 +102,14 @@ public:
 };
 
 /** The notice's contents do not matter: any change drops the whole cache. */
-static int config_changed(sd_bus_message * /*signal*/, void * /*userdata*/, sd_bus_error * /*error*/)
+int config_changed(sd_bus_message * /*signal*/, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     config_cache_stale.store(true, std::memory_order_release);
     return 0;
 }
 
 /** The connection, opened and subscribed on first use, or null. The connection lock is held. */
-static sd_bus *config_bus_get()
+sd_bus *config_bus_get()
 {
     module_open(config_module, [](sd_bus *bus) {
         return match_signal(bus, config_service, "PropertiesChanged", config_changed);
@@ -115,13 +118,13 @@ static sd_bus *config_bus_get()
 }
 
 /** Fold an sd-bus code into the family's range. */
-static int32_t config_status(int code)
+int32_t config_status(int code)
 {
     return code < 0 ? BDBUS_CONFIG_ERRNO | -code : BDBUS_CONFIG_OK;
 }
 
 /** Handle what is queued, one message of it. @return a status; a broken connection shows in the read or write. */
-static int32_t config_bus_pump()
+int32_t config_bus_pump()
 {
     if (is_inherited(config_module)) {
         return config_status(-ECHILD);
@@ -161,7 +164,7 @@ private:
 };
 
 /** Ask the service for a value into a new allocation: a text, or a cell. The cache lock is held. */
-static int32_t config_read(config_key &key)
+int32_t config_read(config_key &key)
 {
     const mutex_guard guard(config_module.lock);
     sd_bus *bus = config_module.bus;
@@ -190,7 +193,7 @@ static int32_t config_read(config_key &key)
 }
 
 /** Hand a value to the service. The cache lock is held. */
-static int32_t config_write(const config_key &key, uint32_t value)
+int32_t config_write(const config_key &key, uint32_t value)
 {
     const mutex_guard guard(config_module.lock);
     const config_property property(key.name);
@@ -199,7 +202,7 @@ static int32_t config_write(const config_key &key, uint32_t value)
 }
 
 /** Copy a cached value out: a text as strncpy does, a number as it is. */
-static void config_copy(const config_key &key, void *out, uint32_t len)
+void config_copy(const config_key &key, void *out, uint32_t len)
 {
     if (key.type[0] == 's') {
         const auto *text = static_cast<const char *>(key.value);
@@ -212,7 +215,7 @@ static void config_copy(const config_key &key, void *out, uint32_t len)
 }
 
 /** A get whose key is known and whose signature fits. */
-static int32_t config_get(config_key &key, void *out, uint32_t len)
+int32_t config_get(config_key &key, void *out, uint32_t len)
 {
     if (out == nullptr) {
         return config_status(-EINVAL);
@@ -235,7 +238,7 @@ static int32_t config_get(config_key &key, void *out, uint32_t len)
 }
 
 /** A set whose key may be set and whose signature fits. */
-static int32_t config_set(config_key &key, const uint32_t *value)
+int32_t config_set(config_key &key, const uint32_t *value)
 {
     if (value == nullptr) {
         return config_status(-EINVAL);
@@ -250,6 +253,8 @@ static int32_t config_set(config_key &key, const uint32_t *value)
     config_drop(key);
     return key.type[0] == 's' ? BDBUS_CONFIG_NO_STRING_SET : config_write(key, *value);
 }
+
+} // namespace
 
 } // namespace bdbus
 

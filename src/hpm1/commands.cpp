@@ -10,7 +10,10 @@
 namespace bdbus
 {
 
-static constexpr service bmc_service = {
+namespace
+{
+
+constexpr service bmc_service = {
     .name = "com.brisemont.Bmc1",
     .path = "/com/brisemont/Bmc1",
     .interface = "com.brisemont.Bmc1",
@@ -19,7 +22,7 @@ static constexpr service bmc_service = {
 /** A command whose request is its record's PICMG identifier and the named bytes, and whose reply has no more than the
  * two. */
 template <signature Sig, typename Record, typename... Values>
-static int32_t basic_command(const char *member, Record *rec, Values Record::*...request)
+int32_t basic_command(const char *member, Record *rec, Values Record::*...request)
 {
     if (rec == nullptr) {
         return -EINVAL;
@@ -28,6 +31,8 @@ static int32_t basic_command(const char *member, Record *rec, Values Record::*..
     call.invoke<Sig>(member, rec->picmg_id, rec->*request...);
     return call.read<"yy">(&rec->completion_code, &rec->picmg_id);
 }
+
+} // namespace
 
 } // namespace bdbus
 

@@ -4,7 +4,12 @@
 namespace bdbus
 {
 
-static constinit bus_module network_module;
+namespace
+{
+
+constinit bus_module network_module;
+
+} // namespace
 
 sd_bus *network_bus_acquire()
 {

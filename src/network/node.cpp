@@ -12,14 +12,17 @@
 namespace bdbus
 {
 
-static constexpr service hostname_service = {
+namespace
+{
+
+constexpr service hostname_service = {
     .name = "com.brisemont.Network1",
     .path = "/com/brisemont/Network1",
     .interface = "com.brisemont.Network1",
 };
 
 /** What bnetwork_node_get() reads, in this order, and where it goes. */
-static constexpr struct node_key {
+constexpr struct node_key {
     const char *name;
     const char *type;
     std::size_t offset;
@@ -110,7 +113,7 @@ private:
 };
 
 /** Read one property into its field. A failure leaves the field as it was. */
-static void node_read(const char *node, const node_key &key, bnetwork_node *rec)
+void node_read(const char *node, const node_key &key, bnetwork_node *rec)
 {
     char *field = reinterpret_cast<char *>(rec) + key.offset;
     if (key.room == 0) {
@@ -125,6 +128,8 @@ static void node_read(const char *node, const node_key &key, bnetwork_node *rec)
         free(text);
     }
 }
+
+} // namespace
 
 } // namespace bdbus
 

@@ -13,14 +13,17 @@
 namespace bdbus
 {
 
-static constexpr service network_introspection = {
+namespace
+{
+
+constexpr service network_introspection = {
     .name = "com.brisemont.Network.Host1",
     .path = "/com/brisemont/network",
     .interface = "org.freedesktop.DBus.Introspectable",
 };
 
 /** The name that an element gives to a node, or null. Attributes come as pairs of name and value, closed by a null. */
-static const char *node_name(const char *element, const char **attributes)
+const char *node_name(const char *element, const char **attributes)
 {
     if (strcmp(element, "node") != 0) {
         return nullptr;
@@ -33,7 +36,7 @@ static const char *node_name(const char *element, const char **attributes)
     return nullptr;
 }
 
-static void XMLCALL count_node(void *list, const char *element, const char **attributes)
+void XMLCALL count_node(void *list, const char *element, const char **attributes)
 {
     if (node_name(element, attributes) != nullptr) {
         static_cast<bnetwork_node_list *>(list)->count++;
@@ -47,7 +50,7 @@ struct copied_nodes {
 };
 
 /** The slots are zero, so that a cut name is terminated. */
-static void XMLCALL copy_node(void *context, const char *element, const char **attributes)
+void XMLCALL copy_node(void *context, const char *element, const char **attributes)
 {
     auto *copied = static_cast<copied_nodes *>(context);
     const char *name = node_name(element, attributes);
@@ -58,7 +61,7 @@ static void XMLCALL copy_node(void *context, const char *element, const char **a
 }
 
 /** One pass over the text, which counts as unfinished: a document that breaks off is no error. */
-static bool parse(XML_Parser parser, const char *xml, XML_StartElementHandler start_element, void *context)
+bool parse(XML_Parser parser, const char *xml, XML_StartElementHandler start_element, void *context)
 {
     const size_t length = strlen(xml);
     XML_SetUserData(parser, context);
@@ -67,7 +70,7 @@ static bool parse(XML_Parser parser, const char *xml, XML_StartElementHandler st
 }
 
 /** Count the names, make room and copy them. The list is empty at first; what is allocated stays after a failure. */
-static bool list_nodes(XML_Parser parser, const char *xml, bnetwork_node_list &list)
+bool list_nodes(XML_Parser parser, const char *xml, bnetwork_node_list &list)
 {
     if (!parse(parser, xml, count_node, &list)) {
         return false;
@@ -81,7 +84,7 @@ static bool list_nodes(XML_Parser parser, const char *xml, bnetwork_node_list &l
            parse(parser, xml, copy_node, &copied);
 }
 
-static int32_t parse_introspection(const char *xml, bnetwork_node_list &list)
+int32_t parse_introspection(const char *xml, bnetwork_node_list &list)
 {
     XML_Parser parser = XML_ParserCreate(nullptr);
     const bool listed = parser != nullptr && list_nodes(parser, xml, list);
@@ -93,6 +96,8 @@ static int32_t parse_introspection(const char *xml, bnetwork_node_list &list)
     }
     return BDBUS_NETWORK_OK;
 }
+
+} // namespace
 
 } // namespace bdbus
 

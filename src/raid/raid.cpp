@@ -12,13 +12,16 @@
 namespace bdbus
 {
 
-static constexpr service raid_service = {
+namespace
+{
+
+constexpr service raid_service = {
     .name = "com.brisemont.RAIDMgmt",
     .path = "/com/brisemont/RAIDMgmt",
     .interface = "com.brisemont.RAIDMgmt",
 };
 
-static constinit pthread_mutex_t raid_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_mutex_t raid_lock = PTHREAD_MUTEX_INITIALIZER;
 
 class raid_call : call_report, call_connection, public call_frame
 {
@@ -39,7 +42,7 @@ public:
 
 /** The entries that are sent of a record's column: as many as the caller says, and as there are. */
 template <typename Element, size_t Capacity>
-static uint8_t entries_of(const Element (&)[Capacity], uint8_t count)
+uint8_t entries_of(const Element (&)[Capacity], uint8_t count)
 {
     static_assert(Capacity <= UINT8_MAX);
     return static_cast<uint8_t>(std::min<size_t>(count, Capacity));
@@ -59,7 +62,7 @@ private:
 
 /** The two lists that differ in the width of their ids and in their capacity. */
 template <typename List, typename Ids>
-static void read_progress_list(raid_call &call, List &list, Ids &ids)
+void read_progress_list(raid_call &call, List &list, Ids &ids)
 {
     call.read<"y">(&list.count);
     call.read_column(ids);
@@ -72,7 +75,7 @@ static void read_progress_list(raid_call &call, List &list, Ids &ids)
 
 /** An operation on plain values. */
 template <signature Sig, typename... Values>
-static int32_t raid_operation(const char *member, Values... values)
+int32_t raid_operation(const char *member, Values... values)
 {
     raid_call call;
     int32_t answer = 0;
@@ -83,7 +86,7 @@ static int32_t raid_operation(const char *member, Values... values)
 
 /** An operation on the first entries of columns, whose number goes before them. */
 template <typename First, typename... Columns>
-static int32_t raid_operation_on(const char *member, uint8_t count, const First &first, const Columns &...columns)
+int32_t raid_operation_on(const char *member, uint8_t count, const First &first, const Columns &...columns)
 {
     const uint8_t entries = entries_of(first, count);
     raid_call call(raid_request_texts);
@@ -94,6 +97,8 @@ static int32_t raid_operation_on(const char *member, uint8_t count, const First 
     call.read<"i">(&answer);
     return answer;
 }
+
+} // namespace
 
 } // namespace bdbus
 

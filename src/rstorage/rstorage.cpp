@@ -14,28 +14,31 @@
 namespace bdbus
 {
 
-static constexpr const char *rstorage_name = "com.brisemont.RStorage1"; // also the interface
-static constexpr const char *rstorage_path = "/com/brisemont/RStorage1";
+namespace
+{
 
-static constinit bus_module rstorage_query_module;
-static constinit bus_module rstorage_control_module;
+constexpr const char *rstorage_name = "com.brisemont.RStorage1"; // also the interface
+constexpr const char *rstorage_path = "/com/brisemont/RStorage1";
 
-static int32_t rstorage_query_bus_acquire()
+constinit bus_module rstorage_query_module;
+constinit bus_module rstorage_control_module;
+
+int32_t rstorage_query_bus_acquire()
 {
     return module_acquire(rstorage_query_module, nullptr);
 }
 
-static void rstorage_query_bus_release()
+void rstorage_query_bus_release()
 {
     module_release(rstorage_query_module);
 }
 
-static int32_t rstorage_control_bus_acquire()
+int32_t rstorage_control_bus_acquire()
 {
     return module_acquire(rstorage_control_module, nullptr);
 }
 
-static void rstorage_control_bus_release()
+void rstorage_control_bus_release()
 {
     module_release(rstorage_control_module);
 }
@@ -73,9 +76,9 @@ using rstorage_action = rstorage_call<rstorage_control_hold>;
 
 /** A property's read is silent: its getter prints a line with the property's name for every failure, one without a
  * connection included. */
-static constexpr call_texts property_texts;
+constexpr call_texts property_texts;
 
-static int32_t rstorage_property_result(int32_t result, const char *property)
+int32_t rstorage_property_result(int32_t result, const char *property)
 {
     if (result >= 0) {
         return 0;
@@ -87,7 +90,7 @@ static int32_t rstorage_property_result(int32_t result, const char *property)
 
 /** A property of one value, of which the caller gets the low byte. */
 template <signature Type, typename Value>
-static int32_t rstorage_get_byte(int32_t disk, const char *property, uint8_t *out)
+int32_t rstorage_get_byte(int32_t disk, const char *property, uint8_t *out)
 {
     if (out == nullptr) {
         return -EINVAL;
@@ -100,17 +103,17 @@ static int32_t rstorage_get_byte(int32_t disk, const char *property, uint8_t *ou
     return rstorage_property_result(result, property);
 }
 
-static int32_t rstorage_get_flag(int32_t disk, const char *property, uint8_t *out)
+int32_t rstorage_get_flag(int32_t disk, const char *property, uint8_t *out)
 {
     return rstorage_get_byte<"b", int32_t>(disk, property, out);
 }
 
-static int32_t rstorage_get_code(int32_t disk, const char *property, uint8_t *out)
+int32_t rstorage_get_code(int32_t disk, const char *property, uint8_t *out)
 {
     return rstorage_get_byte<"y", uint8_t>(disk, property, out);
 }
 
-static void rstorage_copy_text(char *buf, uint32_t len, const char *text)
+void rstorage_copy_text(char *buf, uint32_t len, const char *text)
 {
     if (len > 0) {
         const size_t taken = std::min<size_t>(strlen(text), len - 1);
@@ -123,7 +126,7 @@ static void rstorage_copy_text(char *buf, uint32_t len, const char *text)
  * A text is read where the reply has it, which is then the only copy besides the caller's: it is wiped there, because a
  * password must not stay behind in memory that is given back. The reply is this call's own, and nobody reads it again.
  */
-static int32_t rstorage_read_text(int32_t disk, const char *property, char *buf, uint32_t len)
+int32_t rstorage_read_text(int32_t disk, const char *property, char *buf, uint32_t len)
 {
     rstorage_query call(disk, property_texts);
     const char *text = nullptr;
@@ -135,10 +138,12 @@ static int32_t rstorage_read_text(int32_t disk, const char *property, char *buf,
     return call.result();
 }
 
-static int32_t rstorage_get_text(int32_t disk, const char *property, char *buf, uint32_t len)
+int32_t rstorage_get_text(int32_t disk, const char *property, char *buf, uint32_t len)
 {
     return buf == nullptr ? -EINVAL : rstorage_property_result(rstorage_read_text(disk, property, buf, len), property);
 }
+
+} // namespace
 
 } // namespace bdbus
 

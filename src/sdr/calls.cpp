@@ -11,12 +11,15 @@ namespace bdbus
 constinit bus_module sdr_module;
 constinit std::atomic<sdr_store *> sdr_records{nullptr};
 
-static constexpr uint16_t first_record = 0; // as a request: whichever is first
-static constexpr uint16_t no_more_records = 0xFFFF;
+namespace
+{
+
+constexpr uint16_t first_record = 0; // as a request: whichever is first
+constexpr uint16_t no_more_records = 0xFFFF;
 
 /** Copy one part of a record out. */
 template <typename Part>
-static int32_t sdr_read(uint16_t id, Part *out, Part bdbus_sdr_record::*part)
+int32_t sdr_read(uint16_t id, Part *out, Part bdbus_sdr_record::*part)
 {
     const sdr_store *store = sdr_records.load(std::memory_order_acquire);
     bdbus_sdr_record record;
@@ -27,24 +30,24 @@ static int32_t sdr_read(uint16_t id, Part *out, Part bdbus_sdr_record::*part)
     return 0;
 }
 
-static bool same(const bdbus_sdr_event &a, const bdbus_sdr_event &b)
+bool same(const bdbus_sdr_event &a, const bdbus_sdr_event &b)
 {
     return a.flags == b.flags && a.assertion_mask == b.assertion_mask && a.deassertion_mask == b.deassertion_mask;
 }
 
-static bool same(const bdbus_sdr_hysteresis &a, const bdbus_sdr_hysteresis &b)
+bool same(const bdbus_sdr_hysteresis &a, const bdbus_sdr_hysteresis &b)
 {
     return a.positive == b.positive && a.negative == b.negative;
 }
 
-static bool same(const bdbus_sdr_thresholds &a, const bdbus_sdr_thresholds &b)
+bool same(const bdbus_sdr_thresholds &a, const bdbus_sdr_thresholds &b)
 {
     return memcmp(&a, &b, sizeof(a)) == 0; // bytes without padding
 }
 
 /** What a call gives in a child of the process that init was called in, before it touches the copy. @return -ECHILD,
  * after its line. */
-static int32_t sdr_fail_in_child(const char *text)
+int32_t sdr_fail_in_child(const char *text)
 {
     call_report report;
     report.set(text, -ECHILD);
@@ -56,7 +59,7 @@ enum class stored : uint8_t { no, unchanged, changed, inherited };
 
 /** Store one part of a record, unless it holds these bytes already. */
 template <typename Part>
-static stored sdr_write(uint16_t id, const Part *value, Part bdbus_sdr_record::*part)
+stored sdr_write(uint16_t id, const Part *value, Part bdbus_sdr_record::*part)
 {
     sdr_store *store = sdr_records.load(std::memory_order_acquire);
     if (value == nullptr || store == nullptr) {
@@ -78,13 +81,13 @@ static stored sdr_write(uint16_t id, const Part *value, Part bdbus_sdr_record::*
 }
 
 /** Send a request whose reply is not read. */
-static int32_t sdr_tell(sdr_call &call)
+int32_t sdr_tell(sdr_call &call)
 {
     call.send(call_frame::default_timeout);
     return call.failed() ? call.result() : 0;
 }
 
-static int32_t sdr_tell_event(const char *member, uint16_t id, const bdbus_sdr_event &event)
+int32_t sdr_tell_event(const char *member, uint16_t id, const bdbus_sdr_event &event)
 {
     sdr_call call(member);
     call.append<"qyqq">(id, event.flags, event.assertion_mask, event.deassertion_mask);
@@ -92,7 +95,7 @@ static int32_t sdr_tell_event(const char *member, uint16_t id, const bdbus_sdr_e
 }
 
 /** The answer of a setter that told the service nothing. */
-static int32_t sdr_untold(stored outcome)
+int32_t sdr_untold(stored outcome)
 {
     switch (outcome) {
     case stored::unchanged:
@@ -106,7 +109,7 @@ static int32_t sdr_untold(stored outcome)
 
 /** Ask for a record and put it into the store, before anything that came after it is dispatched. @return the next ID,
  * or a negative code. */
-static int32_t sdr_fetch(failure_report &report, uint16_t id, sdr_store &store)
+int32_t sdr_fetch(failure_report &report, uint16_t id, sdr_store &store)
 {
     const held_signals held;
     const sdr_hold hold;
@@ -145,7 +148,7 @@ private:
  * Read the repository, until its end, a record that cannot be read, or an ID that was asked for before. What a record
  * says of itself ends nothing: a service may count its records from 1 and call the first of them 0, too.
  */
-static void sdr_fetch_all(failure_report &report, sdr_store &store)
+void sdr_fetch_all(failure_report &report, sdr_store &store)
 {
     const calls_in_a_row fetches;
     const listener_pause pause;
@@ -162,7 +165,7 @@ static void sdr_fetch_all(failure_report &report, sdr_store &store)
 }
 
 /** Create what init creates. An earlier attempt's store and connection are taken up again. */
-static int32_t sdr_set_up(failure_report &report)
+int32_t sdr_set_up(failure_report &report)
 {
     static constinit sdr_store *store = nullptr;
     if (store == nullptr) {
@@ -184,6 +187,8 @@ static int32_t sdr_set_up(failure_report &report)
     module_release(sdr_module);
     return started;
 }
+
+} // namespace
 
 } // namespace bdbus
 

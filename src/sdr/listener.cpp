@@ -21,12 +21,17 @@ void (*bdbus_sdr_set_reading_and_event_status_callback)(bdbus_sdr_record *record
 namespace bdbus
 {
 
-static constinit const char *own_name = nullptr; // unknown: every change counts as another client's
-static constinit int wake_fd = -1;
-static constinit std::atomic<bool> paused{false};
+namespace
+{
+
+constinit const char *own_name = nullptr; // unknown: every change counts as another client's
+constinit int wake_fd = -1;
+constinit std::atomic<bool> paused{false};
 
 /** The record whose reading the message in dispatch announced; the listener's own. */
-static constinit bdbus_sdr_record *read_record = nullptr;
+constinit bdbus_sdr_record *read_record = nullptr;
+
+} // namespace
 
 void sdr_wake_listener()
 {
@@ -60,18 +65,21 @@ listener_pause::~listener_pause()
     eventfd_write(wake_fd, 1);
 }
 
-static sdr_store &store()
+namespace
+{
+
+sdr_store &store()
 {
     return *sdr_records.load(std::memory_order_relaxed);
 }
 
-static bool is_own(const char *client)
+bool is_own(const char *client)
 {
     return own_name != nullptr && strcmp(client, own_name) == 0;
 }
 
 /** Read a byte array of exactly this length, or null. */
-static const uint8_t *read_exactly(sd_bus_message *signal, size_t length)
+const uint8_t *read_exactly(sd_bus_message *signal, size_t length)
 {
     const void *bytes = nullptr;
     size_t count = 0;
@@ -81,7 +89,7 @@ static const uint8_t *read_exactly(sd_bus_message *signal, size_t length)
 
 // The handlers. A signal that cannot be read, or is for a record that is not stored, leaves no trace.
 
-static int on_record_added(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_record_added(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     if (sd_bus_message_read(signal, "s", &client) < 0) {
@@ -94,7 +102,7 @@ static int on_record_added(sd_bus_message *signal, void * /*userdata*/, sd_bus_e
     return 0;
 }
 
-static int on_record_deleted(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_record_deleted(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     uint16_t id = 0;
@@ -106,7 +114,7 @@ static int on_record_deleted(sd_bus_message *signal, void * /*userdata*/, sd_bus
 
 /** EventSet and EventStatusSet: one field of the record takes the three values. */
 template <bdbus_sdr_event bdbus_sdr_record::*Field>
-static int on_event(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_event(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     uint16_t id = 0;
@@ -122,7 +130,7 @@ static int on_event(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * 
     return 0;
 }
 
-static int on_hysteresis(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_hysteresis(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     uint16_t id = 0;
@@ -137,7 +145,7 @@ static int on_hysteresis(sd_bus_message *signal, void * /*userdata*/, sd_bus_err
     return 0;
 }
 
-static int on_reading(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_reading(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     uint16_t id = 0;
@@ -155,7 +163,7 @@ static int on_reading(sd_bus_message *signal, void * /*userdata*/, sd_bus_error 
     return 0;
 }
 
-static int on_thresholds(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_thresholds(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
     uint16_t id = 0;
@@ -172,7 +180,7 @@ static int on_thresholds(sd_bus_message *signal, void * /*userdata*/, sd_bus_err
     return 0;
 }
 
-static constexpr struct {
+constexpr struct {
     const char *member;
     sd_bus_message_handler_t handler;
 } signals[] = {
@@ -192,9 +200,9 @@ struct wait_for {
     uint64_t until_us; // on the monotonic clock; 0: do not wait, UINT64_MAX: without end
 };
 
-static constexpr uint64_t us_per_s = 1'000'000;
+constexpr uint64_t us_per_s = 1'000'000;
 
-static uint64_t monotonic_us()
+uint64_t monotonic_us()
 {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -202,7 +210,7 @@ static uint64_t monotonic_us()
 }
 
 /** Dispatch at most one message. The module lock is held. @return what to wait for before the next turn. */
-static wait_for dispatch_one()
+wait_for dispatch_one()
 {
     sd_bus *bus = sdr_module.bus;
     const int processed = sd_bus_process(bus, nullptr);
@@ -220,7 +228,7 @@ static wait_for dispatch_one()
     return wait;
 }
 
-static void wait(const wait_for &what)
+void wait(const wait_for &what)
 {
     pollfd fds[] = {{.fd = wake_fd, .events = POLLIN, .revents = 0},
                     {.fd = paused.load(std::memory_order_relaxed) ? -1 : what.fd, .events = what.events, .revents = 0}};
@@ -240,7 +248,7 @@ static void wait(const wait_for &what)
 }
 
 /** Hand the reading of the message just dispatched to the caller. No lock is held. */
-static void tell_reading()
+void tell_reading()
 {
     bdbus_sdr_record *record = read_record;
     read_record = nullptr;
@@ -250,7 +258,7 @@ static void tell_reading()
     }
 }
 
-static void *listen(void * /*argument*/)
+void *listen(void * /*argument*/)
 {
     for (;;) {
         wait_for next = {};
@@ -269,7 +277,7 @@ static void *listen(void * /*argument*/)
 }
 
 /** Create the thread, with no signal of the process delivered to it but its own faults. */
-static int create_thread()
+int create_thread()
 {
     sigset_t all;
     sigset_t before;
@@ -287,6 +295,8 @@ static int create_thread()
     return error;
 }
 
+} // namespace
+
 int32_t sdr_subscribe(sd_bus *bus)
 {
     own_name = nullptr;
@@ -298,8 +308,11 @@ int32_t sdr_subscribe(sd_bus *bus)
     return result;
 }
 
+namespace
+{
+
 /** A descriptor that stands for none of the standard streams, which a program may have closed. */
-static int create_wake_fd()
+int create_wake_fd()
 {
     const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd < 0 || fd > STDERR_FILENO) {
@@ -311,6 +324,8 @@ static int create_wake_fd()
     errno = error;
     return moved;
 }
+
+} // namespace
 
 int32_t sdr_listener_start()
 {

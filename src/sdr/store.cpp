@@ -8,14 +8,19 @@
 namespace bdbus
 {
 
+namespace
+{
+
 /** Reads that may be lost to a writer before a reader waits for it. */
-static constexpr int read_attempts = 64;
+constexpr int read_attempts = 64;
 
 /**
  * Cells that are allocated together: so many that the allocator maps them apart from its heap, where single ones among
  * the bus's messages would leave holes that every later message is fitted around. Pages are touched as they are used.
  */
-static constexpr uint32_t cells_at_once = 2048;
+constexpr uint32_t cells_at_once = 2048;
+
+} // namespace
 
 void sdr_cell::store(const bdbus_sdr_record &record)
 {
@@ -102,13 +107,16 @@ sdr_cell *sdr_store::take_cell()
     return &unused_cells_[--unused_count_];
 }
 
-static uint16_t little_endian(const uint8_t *bytes)
+namespace
+{
+
+uint16_t little_endian(const uint8_t *bytes)
 {
     return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
 /** Fill a record from its SDR (IPMI 2.0, full sensor record); the numbers are offsets in it. */
-static void derive(bdbus_sdr_record &record, uint16_t key, const uint8_t *sdr)
+void derive(bdbus_sdr_record &record, uint16_t key, const uint8_t *sdr)
 {
     record.record_id = key;
     memcpy(record.sdr, sdr, sizeof(record.sdr));
@@ -131,6 +139,8 @@ static void derive(bdbus_sdr_record &record, uint16_t key, const uint8_t *sdr)
     };
     record.hysteresis = {.positive = sdr[42], .negative = sdr[43]};
 }
+
+} // namespace
 
 int32_t sdr_store::insert(uint16_t key, const uint8_t *sdr, uintptr_t context)
 {

@@ -11,14 +11,17 @@
 namespace bdbus
 {
 
-static constexpr service sel_service = {
+namespace
+{
+
+constexpr service sel_service = {
     .name = "com.brisemont.SystemEventLog1",
     .path = "/com/brisemont/SystemEventLog1",
     .interface = "com.brisemont.SystemEventLog1",
 };
 
 /** A request that cannot be built is one that cannot be sent; an entry's bytes are part of the reply. */
-static constexpr call_texts sel_texts = {
+constexpr call_texts sel_texts = {
     .issue = plain_texts.issue,
     .create = plain_texts.issue,
     .append_array = plain_texts.issue,
@@ -26,12 +29,12 @@ static constexpr call_texts sel_texts = {
     .array = plain_texts.parse,
 };
 
-static constinit bus_module sel_module;
-static constinit std::atomic<const bdbus_sel_callback_table *> sel_callbacks{nullptr};
+constinit bus_module sel_module;
+constinit std::atomic<const bdbus_sel_callback_table *> sel_callbacks{nullptr};
 
 /** What sd-bus calls for the notice of one slot; the handler's result means nothing. */
 template <sd_bus_message_handler_t bdbus_sel_callback_table::*Slot>
-static int sel_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
+int sel_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
 {
     const bdbus_sel_callback_table *table = sel_callbacks.load(std::memory_order_acquire);
     const sd_bus_message_handler_t handler = table == nullptr ? nullptr : table->*Slot;
@@ -41,7 +44,7 @@ static int sel_event(sd_bus_message *signal, void *userdata, sd_bus_error *error
     return 0;
 }
 
-static constexpr struct {
+constexpr struct {
     const char *member;
     sd_bus_message_handler_t handler;
 } sel_signals[] = {
@@ -50,7 +53,7 @@ static constexpr struct {
     {"SelFull", sel_event<&bdbus_sel_callback_table::sel_full>},
 };
 
-static int32_t sel_events_match(sd_bus *bus)
+int32_t sel_events_match(sd_bus *bus)
 {
     int32_t result = 0;
     for (const auto &[member, handler] : sel_signals) {
@@ -59,12 +62,12 @@ static int32_t sel_events_match(sd_bus *bus)
     return result;
 }
 
-static int32_t sel_bus_acquire()
+int32_t sel_bus_acquire()
 {
     return module_acquire(sel_module, sel_events_match);
 }
 
-static void sel_bus_release()
+void sel_bus_release()
 {
     module_release(sel_module);
 }
@@ -76,6 +79,8 @@ class sel_call : public module_call<sel_hold>
 public:
     sel_call() : module_call(sel_service, sel_texts) {}
 };
+
+} // namespace
 
 } // namespace bdbus
 

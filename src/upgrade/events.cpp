@@ -13,8 +13,11 @@
 namespace bdbus
 {
 
+namespace
+{
+
 // In the order of the slots of bdbus_upgrade_callback_table.
-static constexpr const char *upgrade_signals[] = {
+constexpr const char *upgrade_signals[] = {
     // clang-format off
     "UbootChange", "UbootUpdateSucceed", "UbootUpdateAborted", "UbootUpdateFail", "UbootUpdateTimeout",
     "UbootActivationFail", "UbootVersion", "UbootSignFail", "UbootEnvDefaults", "UbootFlash0Fail",
@@ -44,11 +47,11 @@ static constexpr const char *upgrade_signals[] = {
 static_assert(std::size(upgrade_signals) == BDBUS_UPGRADE_SIGNALS);
 static_assert(sizeof(bdbus_upgrade_callback_table) == sizeof(sd_bus_message_handler_t[BDBUS_UPGRADE_SIGNALS]));
 
-static constinit std::atomic<const bdbus_upgrade_callback_table *> upgrade_callbacks{nullptr};
+constinit std::atomic<const bdbus_upgrade_callback_table *> upgrade_callbacks{nullptr};
 
 /** What sd-bus calls for the signal of one slot; the handler's result means nothing. */
 template <std::size_t Slot>
-static int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
+int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
 {
     const bdbus_upgrade_callback_table *table = upgrade_callbacks.load(std::memory_order_acquire);
     if (table == nullptr) {
@@ -62,13 +65,15 @@ static int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *e
 }
 
 template <std::size_t... Slots>
-static int32_t match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
+int32_t match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
 {
     int32_t result = 0;
     static_cast<void>(
         (((result = match_signal(bus, upgrade_service, upgrade_signals[Slots], upgrade_event<Slots>)) >= 0) && ...));
     return result;
 }
+
+} // namespace
 
 int32_t upgrade_events_match(sd_bus *bus)
 {

@@ -9,8 +9,11 @@
 namespace bdbus
 {
 
+namespace
+{
+
 template <signature Sig, typename Record, typename Value>
-static int32_t upgrade_setting(const char *member, Record *rec, Value Record::*value)
+int32_t upgrade_setting(const char *member, Record *rec, Value Record::*value)
 {
     if (rec == nullptr) {
         return -EINVAL;
@@ -21,7 +24,7 @@ static int32_t upgrade_setting(const char *member, Record *rec, Value Record::*v
 }
 
 /** How long the service takes over a version is its own: its answer is waited for without a limit. */
-static int32_t upgrade_set_version(const char *member, bdbus_upgrade_version_update *rec)
+int32_t upgrade_set_version(const char *member, bdbus_upgrade_version_update *rec)
 {
     if (rec == nullptr) {
         return -EINVAL;
@@ -32,6 +35,8 @@ static int32_t upgrade_set_version(const char *member, bdbus_upgrade_version_upd
     call.send(call_frame::no_timeout);
     return call.read<"y">(&rec->result);
 }
+
+} // namespace
 
 } // namespace bdbus
 

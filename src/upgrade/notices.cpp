@@ -7,8 +7,11 @@
 namespace bdbus
 {
 
+namespace
+{
+
 /** @return the result of the last step; if it failed and has a line, that is reported. */
-static int32_t upgrade_announce(call_report &report, sd_bus *bus, const char *member, const signal_texts &texts)
+int32_t upgrade_announce(call_report &report, sd_bus *bus, const char *member, const signal_texts &texts)
 {
     sd_bus_message *signal = nullptr;
     const char *step = texts.create;
@@ -28,11 +31,13 @@ static int32_t upgrade_announce(call_report &report, sd_bus *bus, const char *me
  * For the handlers of the callback table: they run with the module's lock held, so it is not taken here, and the
  * connection is used as it is. sd-bus refuses one that was never opened.
  */
-static int32_t upgrade_handle_change(const char *member)
+int32_t upgrade_handle_change(const char *member)
 {
     call_report report;
     return upgrade_announce(report, upgrade_module.bus, member, change_handle_texts);
 }
+
+} // namespace
 
 } // namespace bdbus
 

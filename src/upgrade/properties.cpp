@@ -10,16 +10,19 @@
 namespace bdbus
 {
 
+namespace
+{
+
 // In the order of the enumeration bdbus_upgrade_version.
-static constexpr const char *version_properties[] = {
+constexpr const char *version_properties[] = {
     "BmcUbootVersion",   "BmcFwVersion",      "BmcConfVersion",    "FpgaVersion",
     "BiosVersion",       "NvramVersion",      "CpldVersion",       "BmcFwBackupVersion",
     "FpgaBackupVersion", "BiosBackupVersion", "CpldBackupVersion",
 };
 static_assert(std::size(version_properties) == BDBUS_UPGRADE_VERSION_CPLD_BACKUP + 1);
 
-static int32_t upgrade_get_array_property(const char *name, uint8_t *out, uint32_t room = BDBUS_UPGRADE_VERSION_MAX,
-                                          uint32_t *length = nullptr)
+int32_t upgrade_get_array_property(const char *name, uint8_t *out, uint32_t room = BDBUS_UPGRADE_VERSION_MAX,
+                                   uint32_t *length = nullptr)
 {
     if (out == nullptr && room > 0) {
         return -EINVAL;
@@ -31,7 +34,7 @@ static int32_t upgrade_get_array_property(const char *name, uint8_t *out, uint32
 
 /** A property of one value; the output is touched only when it was read. */
 template <signature Type, typename Value>
-static int32_t upgrade_get_basic_property(const char *name, Value *out)
+int32_t upgrade_get_basic_property(const char *name, Value *out)
 {
     if (out == nullptr) {
         return -EINVAL;
@@ -44,6 +47,8 @@ static int32_t upgrade_get_basic_property(const char *name, Value *out)
     }
     return result;
 }
+
+} // namespace
 
 } // namespace bdbus
 

@@ -14,15 +14,18 @@
 namespace bdbus
 {
 
-static constexpr uint32_t self_test_interval_ms = 2000;
-static constexpr uint32_t rollback_interval_ms = 1000;
+namespace
+{
+
+constexpr uint32_t self_test_interval_ms = 2000;
+constexpr uint32_t rollback_interval_ms = 1000;
 
 /** Bits of the target's global capabilities. */
-static constexpr uint8_t global_self_test = 0x01;
-static constexpr uint8_t global_rollback = 0x02;
+constexpr uint8_t global_self_test = 0x01;
+constexpr uint8_t global_rollback = 0x02;
 
 /** The longer of the target's and the image's time-out, both in units of 5 seconds. */
-static int64_t limit_s(uint8_t target_units, uint8_t image_units)
+int64_t limit_s(uint8_t target_units, uint8_t image_units)
 {
     return int64_t{5} * std::max(target_units, image_units);
 }
@@ -30,7 +33,7 @@ static int64_t limit_s(uint8_t target_units, uint8_t image_units)
 /** Ask again, after each interval, while the target does not know yet and the limit has not passed. @return the last
  * result. */
 template <typename Query, typename Unknown>
-static int32_t poll(uint32_t interval_ms, int64_t limit_s, Query query, Unknown unknown)
+int32_t poll(uint32_t interval_ms, int64_t limit_s, Query query, Unknown unknown)
 {
     const int64_t started = agent_time_s();
     int32_t result = 0;
@@ -44,7 +47,7 @@ static int32_t poll(uint32_t interval_ms, int64_t limit_s, Query query, Unknown 
 }
 
 /** Whether a rollback can be asked about: the target as a whole and the last component must have it. */
-static bool has_rollback(const bdbus_upgrade_agent_context &context)
+bool has_rollback(const bdbus_upgrade_agent_context &context)
 {
     const uint8_t id = context.component_id;
     return (context.target_caps.global_capabilities & global_rollback) != 0 && id < BDBUS_UPGRADE_AGENT_COMPONENTS &&
@@ -52,7 +55,7 @@ static bool has_rollback(const bdbus_upgrade_agent_context &context)
 }
 
 /** Find out whether the target went back to its old firmware. @param failure the result when that cannot be asked. */
-static int32_t check_rollback(const bdbus_upgrade_agent_context &context, int32_t failure)
+int32_t check_rollback(const bdbus_upgrade_agent_context &context, int32_t failure)
 {
     if (!has_rollback(context)) {
         syslog(LOG_NOTICE, "Getting rollback status... not supported\n");
@@ -93,7 +96,7 @@ static int32_t check_rollback(const bdbus_upgrade_agent_context &context, int32_
 }
 
 /** Start the way back. A target that took the command is left to it, whatever it answered. */
-static int32_t roll_back(const bdbus_upgrade_agent_context &context, int32_t failure)
+int32_t roll_back(const bdbus_upgrade_agent_context &context, int32_t failure)
 {
     bdbus_hpm1_basic_rec record = {};
     const int32_t result = bdbus_hpm1_init_manual_rollback(&record);
@@ -104,7 +107,7 @@ static int32_t roll_back(const bdbus_upgrade_agent_context &context, int32_t fai
     return check_rollback(context, failure);
 }
 
-static int32_t follow_self_test(const bdbus_upgrade_agent_context &context)
+int32_t follow_self_test(const bdbus_upgrade_agent_context &context)
 {
     bdbus_hpm1_self_test_rec test = {};
     const int32_t result = poll(
@@ -135,19 +138,19 @@ static int32_t follow_self_test(const bdbus_upgrade_agent_context &context)
 }
 
 /** Whether the component that was uploaded last wants its activation followed up. */
-static bool wants_followup(const bdbus_upgrade_agent_context &context)
+bool wants_followup(const bdbus_upgrade_agent_context &context)
 {
     const uint8_t id = context.component_id;
     return id < BDBUS_UPGRADE_AGENT_COMPONENTS && component_table[id].activation_followup != 0;
 }
 
-static bool has_self_test(const bdbus_upgrade_agent_context &context)
+bool has_self_test(const bdbus_upgrade_agent_context &context)
 {
     return (hpm1_image(&context).header_byte(header_capabilities) & capability_self_test) != 0 ||
            (context.target_caps.global_capabilities & global_self_test) != 0;
 }
 
-static int32_t activate(const bdbus_upgrade_agent_context &context)
+int32_t activate(const bdbus_upgrade_agent_context &context)
 {
     bdbus_hpm1_basic_rec record = {};
     if (const int32_t result = bdbus_hpm1_activate_fw(&record); result < 0) {
@@ -168,6 +171,8 @@ static int32_t activate(const bdbus_upgrade_agent_context &context)
     }
     return has_self_test(context) ? follow_self_test(context) : 0;
 }
+
+} // namespace
 
 } // namespace bdbus
 

@@ -15,23 +15,26 @@
 namespace bdbus
 {
 
-/** The whole byte that says "no upgrade now"; its bits alone do not. */
-static constexpr uint8_t upgrade_not_desirable = 1;
+namespace
+{
 
-static uint8_t general_byte(const bdbus_hpm1_component_props_rec &properties)
+/** The whole byte that says "no upgrade now"; its bits alone do not. */
+constexpr uint8_t upgrade_not_desirable = 1;
+
+uint8_t general_byte(const bdbus_hpm1_component_props_rec &properties)
 {
     return properties.data[0];
 }
 
-static int32_t query(bdbus_hpm1_component_props_rec &properties, uint8_t selector)
+int32_t query(bdbus_hpm1_component_props_rec &properties, uint8_t selector)
 {
     properties.selector = selector;
     return bdbus_upgrade_agent_get_component_properties(&properties);
 }
 
 /** The version of a copy that only some components have: 0xFF without one, zero when it cannot be read. */
-static void query_copy_version(bdbus_hpm1_component_props_rec &properties, uint8_t selector, bool supported,
-                               uint8_t (&version)[version_bytes])
+void query_copy_version(bdbus_hpm1_component_props_rec &properties, uint8_t selector, bool supported,
+                        uint8_t (&version)[version_bytes])
 {
     if (!supported) {
         memset(version, 0xFF, sizeof(version));
@@ -41,7 +44,7 @@ static void query_copy_version(bdbus_hpm1_component_props_rec &properties, uint8
 }
 
 /** Fill one entry of the component table. On failure it keeps what was set so far. */
-static int32_t check_component(uint8_t id)
+int32_t check_component(uint8_t id)
 {
     upgrade_agent_component &entry = component_table[id];
     entry = {};
@@ -75,7 +78,7 @@ static int32_t check_component(uint8_t id)
 }
 
 /** Read what identifies the controller into the context, all of it or nothing. @return 0 or a configuration status. */
-static int32_t read_identity(bdbus_upgrade_agent_context &context)
+int32_t read_identity(bdbus_upgrade_agent_context &context)
 {
     static constexpr const char *keys[] = {"Generic.Manufacturer_Id", "Generic.Product_Id", "Generic.Device_Id",
                                            "Firmware.Major", "Firmware.Minor"};
@@ -100,7 +103,7 @@ static int32_t read_identity(bdbus_upgrade_agent_context &context)
     return 0;
 }
 
-static void log_identity(const bdbus_upgrade_agent_context &context)
+void log_identity(const bdbus_upgrade_agent_context &context)
 {
     const uint8_t *header = context.image_data;
     const uint8_t *product = context.product_id;
@@ -117,7 +120,7 @@ static void log_identity(const bdbus_upgrade_agent_context &context)
 }
 
 /** Whether the image is for this controller. */
-static int32_t compare_identity(const bdbus_upgrade_agent_context &context)
+int32_t compare_identity(const bdbus_upgrade_agent_context &context)
 {
     const uint8_t *header = context.image_data;
     if (header[header_device_id] != context.device_id) {
@@ -136,7 +139,7 @@ static int32_t compare_identity(const bdbus_upgrade_agent_context &context)
 }
 
 /** Whether the controller's firmware is new enough for the image. */
-static int32_t compare_firmware(const bdbus_upgrade_agent_context &context)
+int32_t compare_firmware(const bdbus_upgrade_agent_context &context)
 {
     const uint8_t *earliest = context.image_data + header_earliest_version;
     const uint8_t firmware[] = {context.fw_major, context.fw_minor};
@@ -149,7 +152,7 @@ static int32_t compare_firmware(const bdbus_upgrade_agent_context &context)
 }
 
 /** Whether the target can take the image at all; its capabilities go into the context. */
-static int32_t compare_capabilities(bdbus_upgrade_agent_context &context)
+int32_t compare_capabilities(bdbus_upgrade_agent_context &context)
 {
     bdbus_hpm1_target_caps_rec caps = {};
     if (const int32_t result = bdbus_upgrade_agent_get_target_caps(&caps); result != 0) {
@@ -169,7 +172,7 @@ static int32_t compare_capabilities(bdbus_upgrade_agent_context &context)
 
 /** Keep the general properties of the image's components. @return the last query's result; an earlier failure is only
  * logged. */
-static int32_t keep_general_properties(bdbus_upgrade_agent_context &context)
+int32_t keep_general_properties(bdbus_upgrade_agent_context &context)
 {
     int32_t result = 0;
     for (uint8_t id = 0; id < BDBUS_UPGRADE_AGENT_COMPONENTS; id++) {
@@ -188,7 +191,7 @@ static int32_t keep_general_properties(bdbus_upgrade_agent_context &context)
 }
 
 /** Whether a component's image is to be uploaded. */
-static bool differs(const bdbus_upgrade_agent_context &context, const upgrade_agent_component &entry)
+bool differs(const bdbus_upgrade_agent_context &context, const upgrade_agent_component &entry)
 {
     const auto is_image = [&entry](const uint8_t *version) {
         return memcmp(version, entry.image_version, version_bytes) == 0;
@@ -198,7 +201,7 @@ static bool differs(const bdbus_upgrade_agent_context &context, const upgrade_ag
 }
 
 /** Check one action against the target, and mark its component when it is to be upgraded. */
-static int32_t check_action(bdbus_upgrade_agent_context &context, const action_record &record)
+int32_t check_action(bdbus_upgrade_agent_context &context, const action_record &record)
 {
     if (record.components() != 0 && context.target_caps.components_present == 0) {
         syslog(LOG_ERR, "Invalid action record. At least one affected component not supported\n");
@@ -233,6 +236,8 @@ static int32_t check_action(bdbus_upgrade_agent_context &context, const action_r
         return -4;
     }
 }
+
+} // namespace
 
 } // namespace bdbus
 

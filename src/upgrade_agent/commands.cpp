@@ -10,9 +10,14 @@
 namespace bdbus
 {
 
-static constexpr uint32_t poll_interval_ms = 2000;
-static constexpr int64_t default_limit_s = 60; // of a long-duration command, when the target does not say
-static constexpr int strikes_allowed = 3;
+namespace
+{
+
+constexpr uint32_t poll_interval_ms = 2000;
+constexpr int64_t default_limit_s = 60; // of a long-duration command, when the target does not say
+constexpr int strikes_allowed = 3;
+
+} // namespace
 
 void log_command_fail(const char *what, int32_t result)
 {
@@ -24,8 +29,11 @@ void log_completion_code(const char *what, uint8_t code)
     syslog(LOG_ERR, "%s fail, completion code 0x%X\n", what, code);
 }
 
+namespace
+{
+
 /** The judgement that the commands share. */
-static int32_t judge(const char *what, int32_t result, uint8_t completion_code)
+int32_t judge(const char *what, int32_t result, uint8_t completion_code)
 {
     if (result < 0) {
         log_command_fail(what, result);
@@ -37,6 +45,8 @@ static int32_t judge(const char *what, int32_t result, uint8_t completion_code)
     }
     return 0;
 }
+
+} // namespace
 
 int32_t bdbus_upgrade_agent_get_target_caps(bdbus_hpm1_target_caps_rec *record)
 {
@@ -61,7 +71,10 @@ int32_t bdbus_upgrade_agent_initiate_action(bdbus_hpm1_upgrade_action_rec *recor
     return judge("Initiate upgrade action", result, record->completion_code);
 }
 
-static int64_t long_duration_limit_s(const bdbus_upgrade_agent_context *context)
+namespace
+{
+
+int64_t long_duration_limit_s(const bdbus_upgrade_agent_context *context)
 {
     if (context != nullptr) {
         return int64_t{5} * context->target_caps.upgrade_timeout;
@@ -70,10 +83,12 @@ static int64_t long_duration_limit_s(const bdbus_upgrade_agent_context *context)
     return bdbus_upgrade_agent_get_target_caps(&caps) == 0 ? int64_t{5} * caps.upgrade_timeout : default_limit_s;
 }
 
-static bool still_running(uint8_t last_completion_code)
+bool still_running(uint8_t last_completion_code)
 {
     return last_completion_code == BDBUS_HPM1_CC_IN_PROGRESS || last_completion_code == BDBUS_HPM1_CC_NOT_IN_THIS_STATE;
 }
+
+} // namespace
 
 int32_t bdbus_upgrade_agent_wait_long_duration_cmd(const bdbus_upgrade_agent_context *context)
 {

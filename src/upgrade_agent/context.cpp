@@ -17,20 +17,23 @@ namespace bdbus
 constinit upgrade_agent_component component_table[BDBUS_UPGRADE_AGENT_COMPONENTS] = {};
 constinit agent_status current_status = {};
 
-static void set_status(uint8_t stage, uint8_t progress)
+namespace
+{
+
+void set_status(uint8_t stage, uint8_t progress)
 {
     current_status.stage.store(stage, std::memory_order_relaxed);
     current_status.progress.store(progress, std::memory_order_relaxed);
 }
 
-static void log_short_read(const char *path, int64_t size, size_t got)
+void log_short_read(const char *path, int64_t size, size_t got)
 {
     syslog(LOG_ERR, "SW image %s read fail (size %d / return %d)\n", path, static_cast<int>(size),
            static_cast<int>(got));
 }
 
 /** Open for reading without ever waiting, as opening a pipe would. What cannot be sought, such as that, ends there. */
-static FILE *open_image(const char *path)
+FILE *open_image(const char *path)
 {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -45,7 +48,7 @@ static FILE *open_image(const char *path)
 }
 
 /** Read an open file whole into the context. @return whether it was; else a line is logged. */
-static bool read_image(FILE *file, const char *path, bdbus_upgrade_agent_context &context)
+bool read_image(FILE *file, const char *path, bdbus_upgrade_agent_context &context)
 {
     if (fseeko(file, 0, SEEK_END) != 0) {
         syslog(LOG_ERR, "SW image %s fseek fail at address 0\n", path);
@@ -71,7 +74,7 @@ static bool read_image(FILE *file, const char *path, bdbus_upgrade_agent_context
     return true;
 }
 
-static bool load_image(const char *path, bdbus_upgrade_agent_context &context)
+bool load_image(const char *path, bdbus_upgrade_agent_context &context)
 {
     FILE *file = open_image(path);
     if (file == nullptr) {
@@ -83,11 +86,13 @@ static bool load_image(const char *path, bdbus_upgrade_agent_context &context)
     return loaded;
 }
 
-static void free_context(bdbus_upgrade_agent_context *context)
+void free_context(bdbus_upgrade_agent_context *context)
 {
     free(context->image_data);
     free(context);
 }
+
+} // namespace
 
 } // namespace bdbus
 

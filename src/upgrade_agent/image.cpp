@@ -16,10 +16,15 @@ hpm1_image::hpm1_image(const bdbus_upgrade_agent_context *context)
 {
 }
 
-static bool sums_to_zero(const uint8_t *bytes, uint32_t length)
+namespace
+{
+
+bool sums_to_zero(const uint8_t *bytes, uint32_t length)
 {
     return bdbus_hpm1_checksum(bytes, static_cast<int32_t>(length)) == 0;
 }
+
+} // namespace
 
 bool action_record::checksum_holds() const
 {
@@ -78,9 +83,12 @@ int32_t bdbus_upgrade_agent_check_action_record(walk_step stopped)
     }
 }
 
+namespace
+{
+
 /** Whether the lengths of all records lie inside the image; what else is wrong with a record is for those who act on
  * it. */
-static bool lengths_hold(const bdbus_upgrade_agent_context *context)
+bool lengths_hold(const bdbus_upgrade_agent_context *context)
 {
     record_walk walk(context);
     walk_step step = walk.next();
@@ -91,7 +99,7 @@ static bool lengths_hold(const bdbus_upgrade_agent_context *context)
 }
 
 /** Compute the MD5 digest (RFC 1321) of bytes. @return 0, or the integrity check's code after its line. */
-static int32_t compute_digest(const uint8_t *bytes, uint32_t length, uint8_t (&digest)[digest_bytes])
+int32_t compute_digest(const uint8_t *bytes, uint32_t length, uint8_t (&digest)[digest_bytes])
 {
     WOLFSSL_MD5_CTX md5;
     if (wolfSSL_MD5_Init(&md5) != 1) {
@@ -108,6 +116,8 @@ static int32_t compute_digest(const uint8_t *bytes, uint32_t length, uint8_t (&d
     }
     return 0;
 }
+
+} // namespace
 
 } // namespace bdbus
 

@@ -14,17 +14,20 @@
 namespace bdbus
 {
 
-/** Resends of a block that the target did not take, met so far; it is never reset. */
-static constinit std::atomic<int32_t> retry_allowance{0};
-static constexpr int32_t resends_granted = 3;
+namespace
+{
 
-static constinit std::atomic<int32_t> last_reported_percentage{-1};
+/** Resends of a block that the target did not take, met so far; it is never reset. */
+constinit std::atomic<int32_t> retry_allowance{0};
+constexpr int32_t resends_granted = 3;
+
+constinit std::atomic<int32_t> last_reported_percentage{-1};
 
 /** What became of a block, besides a negative result. */
-static constexpr int32_t block_accepted = 0;
-static constexpr int32_t block_too_long = 1;
-static constexpr int32_t block_resend = 2;
-static constexpr int32_t block_refused = -2;
+constexpr int32_t block_accepted = 0;
+constexpr int32_t block_too_long = 1;
+constexpr int32_t block_resend = 2;
+constexpr int32_t block_refused = -2;
 
 /** One component's upload. */
 struct component_upload {
@@ -38,14 +41,14 @@ struct component_upload {
     bdbus_hpm1_upload_block_rec block = {};
 };
 
-static int32_t refuse_block(uint8_t code)
+int32_t refuse_block(uint8_t code)
 {
     log_completion_code("Upload firmware block", code);
     return block_refused;
 }
 
 /** Send the next block once. @return one of the outcomes above, or a negative result. */
-static int32_t send_block(component_upload &upload)
+int32_t send_block(component_upload &upload)
 {
     bdbus_hpm1_upload_block_rec &block = upload.block;
     block.length = std::min(upload.block_bytes, upload.length - upload.sent);
@@ -75,7 +78,7 @@ static int32_t send_block(component_upload &upload)
     }
 }
 
-static void report_percentage(uint32_t sent, uint32_t length)
+void report_percentage(uint32_t sent, uint32_t length)
 {
     const auto percentage = static_cast<int32_t>(static_cast<float>(sent) / static_cast<float>(length) * 100.0F);
     if (percentage != last_reported_percentage.load(std::memory_order_relaxed)) {
@@ -84,7 +87,7 @@ static void report_percentage(uint32_t sent, uint32_t length)
     }
 }
 
-static void count_block(component_upload &upload)
+void count_block(component_upload &upload)
 {
     const int64_t elapsed_s = agent_time_s() - upload.started;
     upload.sent += upload.block.length;
@@ -99,14 +102,14 @@ static void count_block(component_upload &upload)
 }
 
 /** The block size is worn down to nothing: no block of this component will ever go through. */
-static int32_t give_up_on_size()
+int32_t give_up_on_size()
 {
     syslog(LOG_NOTICE, "Upload error: %d\n", 0);
     return -1;
 }
 
 /** Send the component's blocks. Until the first is taken they may shrink. */
-static int32_t send_blocks(component_upload &upload)
+int32_t send_blocks(component_upload &upload)
 {
     while (upload.sent < upload.length) {
         const int32_t outcome = send_block(upload);
@@ -132,7 +135,7 @@ static int32_t send_blocks(component_upload &upload)
     return 0;
 }
 
-static int32_t finish_upload(const bdbus_upgrade_agent_context &context, uint8_t component, uint32_t sent)
+int32_t finish_upload(const bdbus_upgrade_agent_context &context, uint8_t component, uint32_t sent)
 {
     bdbus_hpm1_finish_upload_rec finish = {};
     finish.component_id = component;
@@ -155,7 +158,7 @@ static int32_t finish_upload(const bdbus_upgrade_agent_context &context, uint8_t
     }
 }
 
-static int32_t initiate(bdbus_upgrade_agent_context &context, uint8_t action, uint8_t components)
+int32_t initiate(bdbus_upgrade_agent_context &context, uint8_t action, uint8_t components)
 {
     bdbus_hpm1_upgrade_action_rec record = {};
     record.components = components;
@@ -163,12 +166,12 @@ static int32_t initiate(bdbus_upgrade_agent_context &context, uint8_t action, ui
     return bdbus_upgrade_agent_initiate_action(&record, &context);
 }
 
-static void log_skipped(uint8_t component)
+void log_skipped(uint8_t component)
 {
     syslog(LOG_NOTICE, "Component %d skipped...\n", component);
 }
 
-static int32_t bdbus_upgrade_agent_upload_component(bdbus_upgrade_agent_context &context, const action_record &record)
+int32_t bdbus_upgrade_agent_upload_component(bdbus_upgrade_agent_context &context, const action_record &record)
 {
     const uint8_t component = record.component();
     std::atomic_ref(context.component_id).store(component, std::memory_order_relaxed);
@@ -189,7 +192,7 @@ static int32_t bdbus_upgrade_agent_upload_component(bdbus_upgrade_agent_context 
     return finish_upload(context, component, upload.sent);
 }
 
-static int32_t carry_out(bdbus_upgrade_agent_context &context, const action_record &record)
+int32_t carry_out(bdbus_upgrade_agent_context &context, const action_record &record)
 {
     switch (record.type()) {
     case BDBUS_HPM1_ACTION_BACKUP:
@@ -205,7 +208,7 @@ static int32_t carry_out(bdbus_upgrade_agent_context &context, const action_reco
     }
 }
 
-static int32_t carry_out_all(bdbus_upgrade_agent_context *context)
+int32_t carry_out_all(bdbus_upgrade_agent_context *context)
 {
     record_walk walk(context);
     walk_step step = walk.next();
@@ -216,6 +219,8 @@ static int32_t carry_out_all(bdbus_upgrade_agent_context *context)
     }
     return bdbus_upgrade_agent_check_action_record(step);
 }
+
+} // namespace
 
 } // namespace bdbus
 

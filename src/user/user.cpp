@@ -12,20 +12,23 @@
 namespace bdbus
 {
 
-static constexpr service user_service = {
+namespace
+{
+
+constexpr service user_service = {
     .name = "com.brisemont.AuthLog1",
     .path = "/com/brisemont/AuthLog1",
     .interface = "com.brisemont.AuthLog1",
 };
 
-static constinit bus_module user_module;
+constinit bus_module user_module;
 
-static int32_t user_bus_acquire()
+int32_t user_bus_acquire()
 {
     return module_acquire(user_module, nullptr);
 }
 
-static void user_bus_release()
+void user_bus_release()
 {
     module_release(user_module);
 }
@@ -42,7 +45,7 @@ public:
 using user_request = std::array<uint8_t, 64>;
 
 template <typename Record>
-static int32_t user_exchange(const char *member, const user_request &request, Record &rec)
+int32_t user_exchange(const char *member, const user_request &request, Record &rec)
 {
     user_call call;
     call.invoke_bytes(member, request);
@@ -50,7 +53,7 @@ static int32_t user_exchange(const char *member, const user_request &request, Re
 }
 
 /** Send so many of the record's bytes. */
-static int32_t authlog_exchange(const char *member, bdbus_authlog_request *rec, std::size_t first, std::size_t count)
+int32_t authlog_exchange(const char *member, bdbus_authlog_request *rec, std::size_t first, std::size_t count)
 {
     if (rec == nullptr) {
         return -EINVAL;
@@ -59,6 +62,8 @@ static int32_t authlog_exchange(const char *member, bdbus_authlog_request *rec, 
     std::copy_n(rec->data + first, count, request.begin());
     return user_exchange(member, request, *rec);
 }
+
+} // namespace
 
 } // namespace bdbus
 

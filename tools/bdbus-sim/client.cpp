@@ -13,6 +13,9 @@
 #include <string>
 #include <system_error>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -45,8 +48,9 @@ const client_command client_commands[] = {
     bool absent = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN) != 0;
     std::string text = absent ? "no simulator on this bus" : error.message == nullptr ? "failed" : error.message;
     sd_bus_error_free(&error);
-    if (connection_errors.contains(-result))
+    if (connection_errors.contains(-result)) {
         throw bus_unreachable(-result);
+    }
     throw std::runtime_error(text);
 }
 
@@ -61,8 +65,9 @@ json call_control(const char *member, const std::string &signature, const json &
 
     sd_bus_error error{};
     int result = sd_bus_call(bus.get(), request.get(), 0, &error, &raw);
-    if (result < 0)
+    if (result < 0) {
         fail(result, error);
+    }
     message_ptr reply(raw);
     return decode_arguments(reply.get());
 }
@@ -70,13 +75,15 @@ json call_control(const char *member, const std::string &signature, const json &
 void run_client_command(const client_command &command, const std::string &text)
 {
     json args = json::array();
-    if (command.takes == argument::json_text)
+    if (command.takes == argument::json_text) {
         args.push_back(to_text(parse_json_argument(text)));
-    else if (command.takes != argument::none)
+    } else if (command.takes != argument::none) {
         args.push_back(text);
+    }
     json reply = call_control(command.member, args.empty() ? "" : "s", args);
-    if (command.prints)
+    if (command.prints) {
         puts(to_text(json::parse(reply.at(0).get<std::string>()), 2).c_str());
+    }
 }
 
 void save_received(uint8_t component, const std::string &path)
@@ -84,8 +91,10 @@ void save_received(uint8_t component, const std::string &path)
     json reply = call_control("GetReceived", "y", json::array({component}));
     const byte_vector &bytes = reply.at(0).get_binary();
     std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "wb"), fclose);
-    if (file == nullptr || fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() || fflush(file.get()) != 0)
+    if (file == nullptr || fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() ||
+        fflush(file.get()) != 0) {
         throw std::system_error(errno, std::generic_category(), path);
+    }
 }
 
 void add_argument(CLI::App &subcommand, argument takes, std::string &text)
@@ -131,3 +140,5 @@ void add_client_commands(CLI::App &app, std::function<void()> &action)
         };
     });
 }
+
+} // namespace bdbus_sim

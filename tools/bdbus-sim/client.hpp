@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The subcommands that talk to a running simulator.
-#ifndef BDBUS_SIM_CLIENT_HPP
-#define BDBUS_SIM_CLIENT_HPP
+#pragma once
 
 #include <CLI/CLI.hpp>
 
 #include <functional>
 
-// Adds them; the one that is chosen puts what it does into `action`, to be run after parsing.
+namespace bdbus_sim
+{
+
+/** Adds them; the one that is chosen puts what it does into `action`, to be run after parsing. */
 void add_client_commands(CLI::App &app, std::function<void()> &action);
 
-#endif
+} // namespace bdbus_sim

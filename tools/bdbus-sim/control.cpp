@@ -7,6 +7,9 @@
 #include <stdexcept>
 #include <system_error>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -20,8 +23,9 @@ void emit(simulator &simulator, service &control, const json &object)
     object_reader signal(object, "signal", {"service", "member", "interface", "path", "signature", "args", "stranger"});
     service &named = simulator.at(signal.text("service"));
     service &sender = signal.flag("stranger") ? control : named;
-    if (!sender.running())
+    if (!sender.running()) {
         signal.refuse(named.name() + " is not on the bus");
+    }
     sender.emit(signal.text("member"), signal.text("signature"), signal.value("args", json::array()),
                 signal.text("interface", named.bus_name()), signal.text("path", named.path()));
 }
@@ -29,8 +33,9 @@ void emit(simulator &simulator, service &control, const json &object)
 const byte_vector &received(const simulator &simulator, const call &what)
 {
     auto component = what.arg<uint8_t>(0);
-    if (component >= hpm1_target::components_max)
+    if (component >= hpm1_target::components_max) {
         throw std::invalid_argument("no such component: " + std::to_string(component));
+    }
     return simulator.target.received(component);
 }
 
@@ -39,8 +44,9 @@ json get_received(const simulator &simulator, const call &what)
     // A bus cuts the connection of a sender whose message is over its limit, usually 32 MiB.
     constexpr size_t most = 24U << 20;
     const byte_vector &bytes = received(simulator, what);
-    if (bytes.size() > most)
+    if (bytes.size() > most) {
         throw std::invalid_argument("too large for a message, use SaveReceived");
+    }
     return json::binary(bytes);
 }
 
@@ -53,8 +59,9 @@ void save(const byte_vector &bytes, const std::string &path)
 {
     std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!file.flush())
+    if (!file.flush()) {
         throw std::system_error(errno, std::generic_category(), path);
+    }
 }
 
 } // namespace
@@ -91,3 +98,5 @@ void fill_control(service &control, simulator &simulator)
         action("Start", "s", [=](const call &what) { sim->at(text(what)).start(); }),
     });
 }
+
+} // namespace bdbus_sim

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -20,13 +23,14 @@ json read_scenario(const std::string &path)
     return path.empty() ? json::object() : read_json_file(path);
 }
 
-// The command of "run", which is not ours to interpret.
+/** The command of "run", which is not ours to interpret. */
 std::vector<std::string> cut_command(int &argc, char **argv)
 {
     char **end = argv + argc;
     char **marker = std::find(argv, end, std::string("--"));
-    if (std::find(argv, marker, std::string("run")) == marker)
+    if (std::find(argv, marker, std::string("run")) == marker) {
         return {};
+    }
     std::vector<std::string> command(std::min(marker + 1, end), end);
     argc = static_cast<int>(marker - argv);
     return command;
@@ -50,8 +54,9 @@ int parse_and_act(int argc, char **argv)
     run->footer("The command follows \"--\": bdbus-sim run [--scenario FILE] -- COMMAND [ARG...]");
     run->add_option("--scenario", scenario, "JSON file with the state and the faults to start with");
     run->callback([&] {
-        if (command.empty())
+        if (command.empty()) {
             throw CLI::RequiredError("-- COMMAND");
+        }
         action = [&] {
             status = run_command(read_scenario(scenario), command);
         };
@@ -69,15 +74,17 @@ int parse_and_act(int argc, char **argv)
 
 } // namespace
 
+} // namespace bdbus_sim
+
 int main(int argc, char **argv)
 {
     try {
-        return parse_and_act(argc, argv);
-    } catch (const bus_unreachable &error) {
+        return bdbus_sim::parse_and_act(argc, argv);
+    } catch (const bdbus_sim::bus_unreachable &error) {
         fprintf(stderr, "bdbus-sim: %s\n", error.what());
-        return no_bus;
+        return bdbus_sim::no_bus;
     } catch (const std::exception &error) {
         fprintf(stderr, "bdbus-sim: %s\n", error.what());
-        return failed;
+        return bdbus_sim::failed;
     }
 }

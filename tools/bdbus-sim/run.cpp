@@ -22,6 +22,9 @@
 #include <random>
 #include <system_error>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -32,7 +35,7 @@ struct pipe_ends {
     descriptor write;
 };
 
-// Both ends are closed in a program that a child executes.
+/** Both ends are closed in a program that a child executes. */
 pipe_ends make_pipe()
 {
     int fds[2];
@@ -42,7 +45,7 @@ pipe_ends make_pipe()
 
 // ---- signals
 
-// The event loop takes them; a child gets the mask back that was found here.
+/** The event loop takes them; a child gets the mask back that was found here. */
 class blocked_signals
 {
 public:
@@ -50,8 +53,9 @@ public:
     {
         sigset_t blocked;
         sigemptyset(&blocked);
-        for (int number : signals)
+        for (int number : signals) {
             sigaddset(&blocked, number);
+        }
         sigprocmask(SIG_BLOCK, &blocked, &before_);
     }
 
@@ -69,7 +73,7 @@ public:
     using std::system_error::system_error;
 };
 
-// A child that does not outlive this process, however it ends.
+/** A child that does not outlive this process, however it ends. */
 class child
 {
 public:
@@ -80,8 +84,9 @@ public:
         pipe_ends failure = make_pipe();
         pid_t parent = getpid();
         pid_ = check_errno(fork(), "fork");
-        if (pid_ == 0)
+        if (pid_ == 0) {
             execute(argv, mask, prepare, parent, failure.write.get());
+        }
         failure.write.reset();
         int error = 0;
         if (read(failure.read.get(), &error, sizeof error) == sizeof error) {
@@ -101,8 +106,9 @@ public:
 
     void send(int signal) const
     {
-        if (pid_ != 0)
+        if (pid_ != 0) {
             kill(pid_, signal);
+        }
     }
 
     // Somebody else has waited for it.
@@ -113,14 +119,16 @@ private:
                                      const std::function<void()> &prepare, pid_t parent, int failure)
     {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent)
+        if (getppid() != parent) {
             _exit(EXIT_FAILURE);
+        }
         prepare();
         sigprocmask(SIG_SETMASK, &mask, nullptr);
         std::vector<char *> arguments;
         arguments.reserve(argv.size() + 1);
-        for (const std::string &argument : argv)
+        for (const std::string &argument : argv) {
             arguments.push_back(const_cast<char *>(argument.c_str()));
+        }
         arguments.push_back(nullptr);
         execvp(arguments.front(), arguments.data());
         int error = errno;
@@ -130,8 +138,9 @@ private:
 
     void wait()
     {
-        while (pid_ != 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
+        while (pid_ != 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
             continue;
+        }
         pid_ = 0;
     }
 
@@ -146,15 +155,16 @@ std::string private_address()
     return "unix:abstract=bdbus-sim-" + std::to_string(getpid()) + "-" + std::to_string(random());
 }
 
-// Everything is allowed to this user, and to this user only.
+/** Everything is allowed to this user, and to this user only. */
 std::string bus_configuration(const std::string &address)
 {
     std::string limits;
     for (const char *limit :
          {"max_incoming_bytes", "max_outgoing_bytes", "max_incoming_unix_fds", "max_outgoing_unix_fds",
           "max_completed_connections", "max_incomplete_connections", "max_connections_per_user",
-          "max_names_per_connection", "max_match_rules_per_connection", "max_replies_per_connection"})
+          "max_names_per_connection", "max_match_rules_per_connection", "max_replies_per_connection"}) {
         limits += " <limit name=\"" + std::string(limit) + "\">1000000000</limit>\n";
+    }
     return "<busconfig>\n <listen>" + address +
            "</listen>\n"
            " <auth>EXTERNAL</auth>\n"
@@ -197,8 +207,9 @@ private:
         fcntl(configuration_.get(), F_SETFD, 0);
         fcntl(ready_.write.get(), F_SETFD, 0);
         int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-        for (int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        for (int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
             dup2(null, standard);
+        }
     }
 
     // The daemon tells its address once it listens.
@@ -207,8 +218,9 @@ private:
         constexpr int limit_ms = 30'000;
         pollfd told{ready_.read.get(), POLLIN, 0};
         char byte = 0;
-        if (poll(&told, 1, limit_ms) <= 0 || read(ready_.read.get(), &byte, 1) != 1)
+        if (poll(&told, 1, limit_ms) <= 0 || read(ready_.read.get(), &byte, 1) != 1) {
             throw std::runtime_error("dbus-daemon did not start");
+        }
         ready_.read.reset();
     }
 
@@ -239,8 +251,9 @@ int pass_on(sd_event_source *, const signalfd_siginfo *info, void *userdata)
 {
     // What a terminal sends has reached the command already.
     bool from_terminal = info->ssi_signo == SIGINT && info->ssi_code == SI_KERNEL;
-    if (!from_terminal)
+    if (!from_terminal) {
         static_cast<running_command *>(userdata)->process.send(static_cast<int>(info->ssi_signo));
+    }
     return 0;
 }
 
@@ -249,11 +262,13 @@ int supervise(event_loop &loop, const std::vector<std::string> &argv, const sigs
     running_command command{child(argv, mask)};
     check(sd_event_add_child(loop.get(), nullptr, command.process.pid(), WEXITED, on_command_ended, &command),
           "command");
-    for (int number : {SIGINT, SIGTERM, SIGHUP})
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
         check(sd_event_add_signal(loop.get(), nullptr, number, pass_on, &command), "signals");
+    }
     int status = loop.run();
-    if (!command.ended)
+    if (!command.ended) {
         throw std::runtime_error("the private bus has ended");
+    }
     return status;
 }
 
@@ -267,8 +282,9 @@ int serve(const json &scenario)
     check(sd_event_add_signal(loop.get(), nullptr, SIGTERM, nullptr, nullptr), "signals");
     simulator simulator(loop, scenario);
     simulator.start();
-    if (loop.run() != 0)
+    if (loop.run() != 0) {
         throw std::runtime_error("the bus has ended");
+    }
     return 0;
 }
 
@@ -288,3 +304,5 @@ int run_command(const json &scenario, const std::vector<std::string> &command)
         return error.code() == std::errc::no_such_file_or_directory ? 127 : 126;
     }
 }
+
+} // namespace bdbus_sim

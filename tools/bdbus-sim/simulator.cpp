@@ -3,6 +3,9 @@
 
 #include <stdexcept>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -31,15 +34,17 @@ simulator::simulator(event_loop &event_loop_, const json &scenario)
     object_reader reader(scenario, "scenario", {"state", "faults"});
     state.set_scenario(reader.value("state", json::object()));
     scenario_faults_ = reader.value("faults", json::array());
-    if (!scenario_faults_.is_array())
+    if (!scenario_faults_.is_array()) {
         reader.refuse("\"faults\" must be an array");
+    }
     set_to_scenario();
 }
 
 void simulator::start()
 {
-    for (auto &service : services_)
+    for (auto &service : services_) {
         service->start();
+    }
     control_.start();
 }
 
@@ -55,10 +60,12 @@ void simulator::set_to_scenario()
     calls.clear();
     target.reset();
     state.reset();
-    for (const auto &action : reset_actions_)
+    for (const auto &action : reset_actions_) {
         action();
-    for (const json &fault : scenario_faults_)
+    }
+    for (const json &fault : scenario_faults_) {
         add_fault(fault);
+    }
 }
 
 service &simulator::add_service(const std::string &name, const std::string &path)
@@ -69,17 +76,20 @@ service &simulator::add_service(const std::string &name, const std::string &path
 
 service *simulator::find(const std::string &name) const
 {
-    for (const auto &service : services_)
-        if (service->name() == name)
+    for (const auto &service : services_) {
+        if (service->name() == name) {
             return service.get();
+        }
+    }
     return nullptr;
 }
 
 service &simulator::at(const std::string &name) const
 {
     service *found = find(name);
-    if (found == nullptr)
+    if (found == nullptr) {
         throw std::invalid_argument("no such service: \"" + name + '"');
+    }
     return *found;
 }
 
@@ -87,3 +97,5 @@ void simulator::add_fault(const json &description)
 {
     faults.add(description, [this](const std::string &name) { return find(name); });
 }
+
+} // namespace bdbus_sim

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The simulated controller: its state, its services and the object that controls it.
-#ifndef BDBUS_SIM_SIMULATOR_HPP
-#define BDBUS_SIM_SIMULATOR_HPP
+#pragma once
 
 #include "frame/calls.hpp"
 #include "frame/event.hpp"
@@ -17,25 +16,30 @@
 #include <utility>
 #include <vector>
 
+namespace bdbus_sim
+{
+
 class simulator
 {
 public:
-    // A scenario is {"state": merge patch, "faults": [fault, …]}, both optional.
+    /** A scenario is {"state": merge patch, "faults": [fault, …]}, both optional. */
     simulator(event_loop &loop, const json &scenario);
 
-    // Takes all names; the control object's is the last, so whoever sees it finds everything there.
+    /** Takes all names; the control object's is the last, so whoever sees it finds everything there. */
     void start();
 
-    // As at the start: the scenario, every service that was on the bus is so again, and nothing of what happened since.
+    /**
+     * As at the start: the scenario, every service that was on the bus is so again, and nothing of what happened since.
+     */
     void reset();
 
-    // For the services' files: a new service, to be filled with its tables. Its usual path is /com/brisemont/NAME.
+    /** For the services' files: a new service, to be filled with its tables. Its usual path is /com/brisemont/NAME. */
     service &add_service(const std::string &name, const std::string &path = {});
 
     service *find(const std::string &name) const;
     service &at(const std::string &name) const;
 
-    // For what a service keeps beside the state: the action is part of every reset.
+    /** For what a service keeps beside the state: the action is part of every reset. */
     void on_reset(std::function<void()> action) { reset_actions_.push_back(std::move(action)); }
 
     void add_fault(const json &description);
@@ -55,7 +59,7 @@ private:
     service control_;
 };
 
-// Each adds one service, with its part of the state.
+/** Each adds one service, with its part of the state. */
 void add_bypass(simulator &simulator);
 void add_config(simulator &simulator);
 void add_bmc(simulator &simulator);
@@ -69,4 +73,4 @@ void add_rstorage(simulator &simulator);
 
 void fill_control(service &control, simulator &simulator);
 
-#endif
+} // namespace bdbus_sim

@@ -23,24 +23,28 @@ json_style automatic_style()
 
 json_style parse_style(const std::string &text)
 {
-    if (text == "short")
+    if (text == "short") {
         return json_style::compact;
-    if (text == "pretty")
+    }
+    if (text == "pretty") {
         return json_style::pretty;
-    if (text == "off")
+    }
+    if (text == "off") {
         return json_style::off;
+    }
     throw std::invalid_argument("'" + one_line(text) + "' is not short, pretty or off");
 }
 
-// sd-bus reads the variable when it makes its first call.
+/** sd-bus reads the variable when it makes its first call. */
 void set_timeout(const std::string &text)
 {
     double seconds = 0;
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
-    if (error != std::errc() || stop != end || !(seconds >= 0.001 && seconds <= 1e6))
+    if (error != std::errc() || stop != end || !(seconds >= 0.001 && seconds <= 1e6)) {
         throw failure("--timeout: '" + one_line(text) + "' is not a number of seconds from 0.001 to 1000000",
                       exit_status::usage);
+    }
     setenv("SYSTEMD_BUS_TIMEOUT", format("%.6fs", seconds).c_str(), 1);
 }
 
@@ -64,13 +68,13 @@ void add_options(CLI::App &program, session &run)
     program.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 no connection to the bus.");
 }
 
-// The library must not find its connection, nor we our captured lines, at a standard descriptor that was closed.
+/** The library must not find its connection, nor we our captured lines, at a standard descriptor that was closed. */
 void open_standard_descriptors()
 {
     int fd;
-    do
+    do {
         fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-    while (fd >= 0 && fd <= STDERR_FILENO);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
     close(fd);
 }
 
@@ -92,12 +96,14 @@ void parse_and_run(CLI::App &program, session &run, int argc, char **argv)
         program.exit(shown);
     } catch (const CLI::ParseError &error) {
         // An early error leaves the options before it unread.
-        if (program.count("-j") + program.count("--json") > 0 && !run.wants_json())
+        if (program.count("-j") + program.count("--json") > 0 && !run.wants_json()) {
             run.style = automatic_style();
+        }
         throw failure(error.what() + help_hint(program), exit_status::usage);
     }
-    if (fflush(stdout) != 0 || ferror(stdout))
+    if (fflush(stdout) != 0 || ferror(stdout)) {
         throw failure("cannot write the output");
+    }
 }
 
 exit_status run_program(int argc, char **argv)

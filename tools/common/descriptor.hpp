@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // An owner for a file descriptor, and failures of the C library as exceptions.
-#ifndef BDBUS_SIM_DESCRIPTOR_HPP
-#define BDBUS_SIM_DESCRIPTOR_HPP
+#pragma once
 
 #include <unistd.h>
 
@@ -20,13 +19,14 @@ public:
 
     int get() const { return fd_; }
 
-    // For somebody who closes it.
+    /** For somebody who closes it. */
     int release() { return std::exchange(fd_, -1); }
 
     void reset()
     {
-        if (fd_ >= 0)
+        if (fd_ >= 0) {
             close(fd_);
+        }
         fd_ = -1;
     }
 
@@ -36,9 +36,8 @@ private:
 
 inline int check_errno(int result, const std::string &what)
 {
-    if (result < 0)
+    if (result < 0) {
         throw std::system_error(errno, std::generic_category(), what);
+    }
     return result;
 }
-
-#endif

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Owners for sd-bus objects, and sd-bus failures as exceptions.
-#ifndef BDBUS_SIM_BUS_HPP
-#define BDBUS_SIM_BUS_HPP
+#pragma once
 
 #include "frame/json.hpp"
 
@@ -12,8 +11,11 @@
 #include <string>
 #include <system_error>
 
+namespace bdbus_sim
+{
+
 struct bus_closer {
-    // Replies and signals that still wait are written first.
+    /** Replies and signals that still wait are written first. */
     void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
 };
 using bus_ptr = std::unique_ptr<sd_bus, bus_closer>;
@@ -23,7 +25,7 @@ struct message_releaser {
 };
 using message_ptr = std::unique_ptr<sd_bus_message, message_releaser>;
 
-// Passes a result of sd-bus or sd-event on; throws std::system_error for a negative one.
+/** Passes a result of sd-bus or sd-event on; throws std::system_error for a negative one. */
 int check(int result, const std::string &what);
 
 class bus_unreachable : public std::system_error
@@ -32,10 +34,10 @@ public:
     explicit bus_unreachable(int error) : std::system_error(error, std::generic_category(), "system bus") {}
 };
 
-// Throws bus_unreachable.
+/** Throws bus_unreachable. */
 bus_ptr open_system_bus(const char *description);
 
-// An error reply. The body is a text, a number, or null for none.
+/** An error reply. The body is a text, a number, or null for none. */
 class dbus_error : public std::runtime_error
 {
 public:
@@ -48,7 +50,7 @@ public:
     json body;
 };
 
-// The standard's own error `name`, which follows "org.freedesktop.DBus.Error.".
+/** The standard's own error `name`, which follows "org.freedesktop.DBus.Error.". */
 dbus_error standard_error(const std::string &name, const std::string &text);
 
-#endif
+} // namespace bdbus_sim

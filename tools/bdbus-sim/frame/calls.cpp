@@ -3,11 +3,14 @@
 
 #include <algorithm>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
 constexpr size_t entries_max = 100'000;
-// The whole list must fit one D-Bus message of the usual limit of 32 MiB.
+/** The whole list must fit one D-Bus message of the usual limit of 32 MiB. */
 constexpr size_t bytes_max = 30U << 20;
 constexpr size_t entry_bytes_max = 64U << 10;
 constexpr size_t shown_bytes_max = 64;
@@ -29,8 +32,9 @@ void shorten_byte_arrays(json &value)
         const byte_vector &bytes = value.get_binary();
         value = {{"length", bytes.size()}, {"hex", hex(bytes, std::min(bytes.size(), shown_bytes_max))}};
     } else if (value.is_structured()) {
-        for (json &element : value)
+        for (json &element : value) {
             shorten_byte_arrays(element);
+        }
     }
 }
 
@@ -57,10 +61,12 @@ std::string call_list::text(const std::string &service) const
 {
     std::string text = "[";
     for (const entry &one : entries_) {
-        if (!service.empty() && one.service != service)
+        if (!service.empty() && one.service != service) {
             continue;
-        if (text.size() > 1)
+        }
+        if (text.size() > 1) {
             text += ',';
+        }
         text += one.text;
     }
     return text + "]";
@@ -71,3 +77,5 @@ void call_list::clear()
     entries_.clear();
     bytes_ = 0;
 }
+
+} // namespace bdbus_sim

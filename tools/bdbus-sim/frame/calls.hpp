@@ -1,20 +1,22 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The list of received calls. Kept as text, which is what it is asked for and takes a fraction of the memory.
-#ifndef BDBUS_SIM_CALLS_HPP
-#define BDBUS_SIM_CALLS_HPP
+#pragma once
 
 #include "frame/json.hpp"
 
 #include <deque>
 #include <string>
 
+namespace bdbus_sim
+{
+
 class call_list
 {
 public:
-    // Byte arrays are shortened to their length and first bytes. The oldest entries go when the list is full.
+    /** Byte arrays are shortened to their length and first bytes. The oldest entries go when the list is full. */
     void add(const std::string &service, json call);
 
-    // A JSON array of the calls of a service, or of all for "", oldest first.
+    /** A JSON array of the calls of a service, or of all for "", oldest first. */
     std::string text(const std::string &service) const;
 
     void clear();
@@ -29,4 +31,4 @@ private:
     size_t bytes_ = 0;
 };
 
-#endif
+} // namespace bdbus_sim

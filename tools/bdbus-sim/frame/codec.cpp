@@ -9,10 +9,13 @@
 #include <string_view>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
-// A message of many tiny values grows manyfold as JSON; none that a service takes comes near this.
+/** A message of many tiny values grows manyfold as JSON; none that a service takes comes near this. */
 constexpr size_t decoded_values_max = 200'000;
 constexpr int nesting_max = 32;
 
@@ -28,26 +31,33 @@ size_t type_length(std::string_view signature, int depth = 0);
 size_t sequence_length(std::string_view signature, char closing, int depth)
 {
     size_t length = 1;
-    while (length < signature.size() && signature[length] != closing)
+    while (length < signature.size() && signature[length] != closing) {
         length += type_length(signature.substr(length), depth + 1);
-    if (length >= signature.size() || length == 1)
+    }
+    if (length >= signature.size() || length == 1) {
         throw std::invalid_argument("malformed signature");
+    }
     return length + 1;
 }
 
-// The length of the first complete type.
+/** The length of the first complete type. */
 size_t type_length(std::string_view signature, int depth)
 {
-    if (signature.empty() || depth > nesting_max)
+    if (signature.empty() || depth > nesting_max) {
         throw std::invalid_argument("malformed signature");
-    if (signature.starts_with("a{"))
+    }
+    if (signature.starts_with("a{")) {
         return 1 + sequence_length(signature.substr(1), '}', depth);
-    if (signature.front() == 'a')
+    }
+    if (signature.front() == 'a') {
         return 1 + type_length(signature.substr(1), depth + 1);
-    if (signature.front() == '(')
+    }
+    if (signature.front() == '(') {
         return sequence_length(signature, ')', depth);
-    if (std::string_view("ynqiuxtbdsogv").find(signature.front()) == std::string_view::npos)
+    }
+    if (std::string_view("ynqiuxtbdsogv").find(signature.front()) == std::string_view::npos) {
         throw std::invalid_argument(std::string("no type '") + signature.front() + "' in a signature");
+    }
     return 1;
 }
 
@@ -64,16 +74,18 @@ public:
         json values = json::array();
         char type = 0;
         const char *contents = nullptr;
-        while (check(sd_bus_message_peek_type(message_, &type, &contents), "message") > 0)
+        while (check(sd_bus_message_peek_type(message_, &type, &contents), "message") > 0) {
             values.push_back(value(type, contents == nullptr ? "" : contents));
+        }
         return values;
     }
 
 private:
     json value(char type, const std::string &contents)
     {
-        if (++count_ > decoded_values_max)
+        if (++count_ > decoded_values_max) {
             throw std::length_error("too many values");
+        }
         switch (type) {
         case 'a':
             return contents == "y" ? bytes() : array(contents);
@@ -107,11 +119,13 @@ private:
     json array(const std::string &contents)
     {
         json values = inside('a', contents);
-        if (contents.front() != '{' || !is_text(contents.at(1)))
+        if (contents.front() != '{' || !is_text(contents.at(1))) {
             return values;
+        }
         json object = json::object();
-        for (json &entry : values)
+        for (json &entry : values) {
             object[entry.at(0).get<std::string>()] = std::move(entry.at(1));
+        }
         return object;
     }
 
@@ -173,10 +187,12 @@ public:
     void sequence(const std::string &signature, const json &values)
     {
         std::vector<std::string> types = split_signature(signature);
-        if (!values.is_array() || values.size() != types.size())
+        if (!values.is_array() || values.size() != types.size()) {
             misfit(signature, values);
-        for (size_t i = 0; i < types.size(); i++)
+        }
+        for (size_t i = 0; i < types.size(); i++) {
             value(types[i], values[i]);
+        }
     }
 
 private:
@@ -184,10 +200,11 @@ private:
     {
         switch (type.front()) {
         case 'a':
-            if (type == "ay")
+            if (type == "ay") {
                 bytes(value);
-            else
+            } else {
                 array(type, value);
+            }
             break;
         case '(':
             container('r', type.substr(1, type.size() - 2), value);
@@ -216,19 +233,22 @@ private:
     void variant(const json &value)
     {
         bool complete = value.is_object() && value.contains("signature") && value.contains("value");
-        if (!complete || !value["signature"].is_string())
+        if (!complete || !value["signature"].is_string()) {
             misfit("v", value);
+        }
         auto contents = value["signature"].get<std::string>();
         container('v', contents, json::array({value["value"]}));
     }
 
     void bytes(const json &value)
     {
-        if (!value.is_binary() && !value.is_array())
+        if (!value.is_binary() && !value.is_array()) {
             misfit("ay", value);
+        }
         byte_vector converted;
-        for (size_t i = 0; value.is_array() && i < value.size(); i++)
+        for (size_t i = 0; value.is_array() && i < value.size(); i++) {
             converted.push_back(integer<uint8_t>("y", value[i]));
+        }
         const byte_vector *data = value.is_binary() ? &value.get_binary() : &converted;
         check(sd_bus_message_append_array(message_, 'y', data->data(), data->size()), "message");
     }
@@ -237,14 +257,16 @@ private:
     {
         std::string element = type.substr(1);
         bool object = element.front() == '{' && is_text(element.at(1)) && values.is_object();
-        if (!object && !values.is_array())
+        if (!object && !values.is_array()) {
             misfit(type, values);
+        }
         inside('a', element, [&] {
             for (const auto &[key, entry] : values.items()) {
-                if (element.front() != '{')
+                if (element.front() != '{') {
                     value(element, entry);
-                else
+                } else {
                     container('e', element.substr(1, element.size() - 2), object ? json::array({key, entry}) : entry);
+                }
             }
         });
     }
@@ -252,10 +274,12 @@ private:
     template <typename T>
     static T integer(const std::string &type, const json &value)
     {
-        if (value.is_number_unsigned() && std::in_range<T>(value.get<uint64_t>()))
+        if (value.is_number_unsigned() && std::in_range<T>(value.get<uint64_t>())) {
             return static_cast<T>(value.get<uint64_t>());
-        if (value.is_number_integer() && !value.is_number_unsigned() && std::in_range<T>(value.get<int64_t>()))
+        }
+        if (value.is_number_integer() && !value.is_number_unsigned() && std::in_range<T>(value.get<int64_t>())) {
             return static_cast<T>(value.get<int64_t>());
+        }
         misfit(type, value);
     }
 
@@ -295,15 +319,16 @@ private:
 
     void other(const std::string &type, const json &value)
     {
-        if (type == "b" && value.is_boolean())
+        if (type == "b" && value.is_boolean()) {
             append(type, value.get<bool>() ? 1 : 0);
-        else if (type == "d" && value.is_number())
+        } else if (type == "d" && value.is_number()) {
             append(type, value.get<double>());
-        else if (is_text(type.front()) && value.is_string())
+        } else if (is_text(type.front()) && value.is_string()) {
             check(sd_bus_message_append_basic(message_, type.front(), value.get_ref<const std::string &>().c_str()),
                   "text");
-        else
+        } else {
             misfit(type, value);
+        }
     }
 
     sd_bus_message *message_;
@@ -316,8 +341,9 @@ using byte_visitor = std::function<void(byte_vector &)>;
 void visit_bytes_of(const std::string &type, json &value, const byte_visitor &visit)
 {
     if (type == "ay") {
-        if (!value.is_binary())
+        if (!value.is_binary()) {
             value = json::binary(value.get<byte_vector>());
+        }
         visit(value.get_binary());
     } else if (type == "v") {
         visit_bytes_of(value.at("signature").get<std::string>(), value.at("value"), visit);
@@ -325,12 +351,14 @@ void visit_bytes_of(const std::string &type, json &value, const byte_visitor &vi
         visit_byte_arrays(type.substr(1, type.size() - 2), value, visit);
     } else if (type.starts_with("a{")) {
         std::string entry = type.substr(2, type.size() - 3);
-        for (json &element : value)
+        for (json &element : value) {
             value.is_object() ? visit_bytes_of(entry.substr(1), element, visit)
                               : visit_byte_arrays(entry, element, visit);
+        }
     } else if (type.front() == 'a') {
-        for (json &element : value)
+        for (json &element : value) {
             visit_bytes_of(type.substr(1), element, visit);
+        }
     }
 }
 
@@ -339,8 +367,9 @@ void visit_bytes_of(const std::string &type, json &value, const byte_visitor &vi
 void visit_byte_arrays(const std::string &signature, json &values, const std::function<void(byte_vector &)> &visit)
 {
     std::vector<std::string> types = split_signature(signature);
-    for (size_t i = 0; i < types.size(); i++)
+    for (size_t i = 0; i < types.size(); i++) {
         visit_bytes_of(types[i], values.at(i), visit);
+    }
 }
 
 json decode_arguments(sd_bus_message *message)
@@ -388,20 +417,23 @@ json zero_values(const std::string &signature)
 {
     json values = json::array();
     for (const std::string &type : split_signature(signature)) {
-        if (type == "b")
+        if (type == "b") {
             values.push_back(false);
-        else if (type == "s" || type == "g")
+        } else if (type == "s" || type == "g") {
             values.push_back("");
-        else if (type == "o")
+        } else if (type == "o") {
             values.push_back("/");
-        else if (type == "v")
+        } else if (type == "v") {
             values.push_back({{"signature", "s"}, {"value", ""}});
-        else if (type.front() == '(')
+        } else if (type.front() == '(') {
             values.push_back(zero_values(type.substr(1, type.size() - 2)));
-        else if (type.front() == 'a')
+        } else if (type.front() == 'a') {
             values.push_back(json::array());
-        else
+        } else {
             values.push_back(0);
+        }
     }
     return values;
 }
+
+} // namespace bdbus_sim

@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <ctime>
 
+namespace bdbus_sim
+{
+
 timer::timer(event_loop &loop, std::chrono::milliseconds delay, std::function<void()> action)
     : loop_(loop), action_(std::move(action))
 {
@@ -46,8 +49,9 @@ event_loop::~event_loop()
 int event_loop::run()
 {
     int code = check(sd_event_loop(loop_), "event loop");
-    if (failure_)
+    if (failure_) {
         std::rethrow_exception(failure_);
+    }
     return code;
 }
 
@@ -56,3 +60,5 @@ void event_loop::fail(std::exception_ptr failure)
     failure_ = std::move(failure);
     sd_event_exit(loop_, EXIT_FAILURE);
 }
+
+} // namespace bdbus_sim

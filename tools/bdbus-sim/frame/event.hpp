@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The one event loop of the simulator, and timers on it.
-#ifndef BDBUS_SIM_EVENT_HPP
-#define BDBUS_SIM_EVENT_HPP
+#pragma once
 
 #include <systemd/sd-event.h>
 
@@ -11,10 +10,15 @@
 #include <memory>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 class event_loop;
 
-// Runs its action once; destroying it before that cancels it. The action may destroy its own timer. What it throws ends
-// the loop.
+/**
+ * Runs its action once; destroying it before that cancels it. The action may destroy its own timer. What it throws ends
+ * the loop.
+ */
 class timer
 {
 public:
@@ -47,7 +51,7 @@ public:
         return std::make_unique<timer>(*this, delay, std::move(action));
     }
 
-    // Serves until somebody ends the loop; gives the code that it was ended with, or throws what a timer threw.
+    /** Serves until somebody ends the loop; gives the code that it was ended with, or throws what a timer threw. */
     int run();
 
     void fail(std::exception_ptr failure);
@@ -57,4 +61,4 @@ private:
     std::exception_ptr failure_;
 };
 
-#endif
+} // namespace bdbus_sim

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Faults: what shall go wrong, with which calls, how often. They act on a reply's JSON values, so every service has
 // them.
-#ifndef BDBUS_SIM_FAULTS_HPP
-#define BDBUS_SIM_FAULTS_HPP
+#pragma once
 
 #include "frame/bus.hpp"
 #include "frame/json.hpp"
@@ -13,6 +12,9 @@
 #include <optional>
 #include <string>
 
+namespace bdbus_sim
+{
+
 struct call;
 class service;
 
@@ -21,7 +23,7 @@ struct reply {
     json values = json::array();
 };
 
-// What a service says by itself; an empty interface or path is the service's own.
+/** What a service says by itself; an empty interface or path is the service's own. */
 struct announcement {
     std::string member;
     std::string signature;
@@ -52,21 +54,23 @@ struct fault {
     bool die = false;
     std::optional<std::chrono::milliseconds> return_after{};
 
-    // The reply to give in place of the one that `normal` makes; `normal` is only called when the call is to be carried
-    // out. Throws the fault's error. `no_reply`, `delay`, `signal` and `die` are the service's to carry
-    // out.
+    /**
+     * The reply to give in place of the one that `normal` makes; `normal` is only called when the call is to be carried
+     * out. Throws the fault's error. `no_reply`, `delay`, `signal` and `die` are the service's to carry
+     * out.
+     */
     reply apply(const std::string &normal_signature, const std::function<reply()> &normal) const;
 };
 
 class fault_list
 {
 public:
-    // Throws std::invalid_argument for a fault that is malformed or does not fit the service that it names.
-    void add(const json &description, const std::function<const ::service *(const std::string &)> &find_service);
+    /** Throws std::invalid_argument for a fault that is malformed or does not fit the service that it names. */
+    void add(const json &description, const std::function<const bdbus_sim::service *(const std::string &)> &find_service);
 
     void clear();
 
-    // The fault that acts on this call, if any; counts the call.
+    /** The fault that acts on this call, if any; counts the call. */
     fault take(const std::string &service, const call &what);
 
 private:
@@ -74,4 +78,4 @@ private:
     size_t bytes_ = 0;
 };
 
-#endif
+} // namespace bdbus_sim

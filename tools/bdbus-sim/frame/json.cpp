@@ -8,14 +8,19 @@
 #include <system_error>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 json parse_json(const std::string &text, const std::string &what)
 {
-    if (text.size() > json_text_max)
+    if (text.size() > json_text_max) {
         throw std::invalid_argument(what + ": longer than " + std::to_string(json_text_max) + " bytes");
+    }
 
     auto limit_depth = [&](int depth, json::parse_event_t, json &) {
-        if (depth > json_depth_max)
+        if (depth > json_depth_max) {
             throw std::invalid_argument(what + ": nested too deep");
+        }
         return true;
     };
     try {
@@ -31,10 +36,12 @@ json read_json_file(const std::string &path)
 {
     std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rb"), fclose);
     std::string text(json_text_max + 1, '\0');
-    if (file != nullptr)
+    if (file != nullptr) {
         text.resize(fread(text.data(), 1, text.size(), file.get()));
-    if (file == nullptr || ferror(file.get()) != 0)
+    }
+    if (file == nullptr || ferror(file.get()) != 0) {
         throw std::system_error(errno, std::generic_category(), path);
+    }
     return parse_json(text, path);
 }
 
@@ -46,11 +53,14 @@ json parse_json_argument(const std::string &argument)
 object_reader::object_reader(const json &object, std::string what, const std::set<std::string> &keys)
     : object_(object), what_(std::move(what))
 {
-    if (!object.is_object())
+    if (!object.is_object()) {
         refuse("must be an object");
-    for (const auto &[key, value] : object.items())
-        if (!keys.contains(key))
+    }
+    for (const auto &[key, value] : object.items()) {
+        if (!keys.contains(key)) {
             refuse("no such key: \"" + key + '"');
+        }
+    }
 }
 
 json object_reader::value(const std::string &key, const json &otherwise) const
@@ -62,26 +72,30 @@ json object_reader::value(const std::string &key, const json &otherwise) const
 std::string object_reader::text(const std::string &key, const std::string &otherwise) const
 {
     json found = value(key, otherwise);
-    if (!found.is_string())
+    if (!found.is_string()) {
         refuse('"' + key + "\" must be a text");
+    }
     return found.get<std::string>();
 }
 
 bool object_reader::flag(const std::string &key) const
 {
     json found = value(key, false);
-    if (!found.is_boolean())
+    if (!found.is_boolean()) {
         refuse('"' + key + "\" must be true or false");
+    }
     return found.get<bool>();
 }
 
 std::optional<uint64_t> object_reader::number(const std::string &key, uint64_t most) const
 {
-    if (!has(key))
+    if (!has(key)) {
         return std::nullopt;
+    }
     json found = value(key, 0);
-    if (!found.is_number_unsigned() || found.get<uint64_t>() > most)
+    if (!found.is_number_unsigned() || found.get<uint64_t>() > most) {
         refuse('"' + key + "\" must be a number from 0 to " + std::to_string(most));
+    }
     return found.get<uint64_t>();
 }
 
@@ -94,3 +108,5 @@ std::string to_text(const json &value, int indent)
 {
     return value.dump(indent, ' ', false, json::error_handler_t::replace);
 }
+
+} // namespace bdbus_sim

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // JSON as the simulator uses it. A D-Bus byte array is a binary value, so that uploads are neither spelt out nor
 // converted.
-#ifndef BDBUS_SIM_JSON_HPP
-#define BDBUS_SIM_JSON_HPP
+#pragma once
 
 #include <nlohmann/json.hpp>
 
@@ -14,26 +13,31 @@
 #include <string>
 #include <vector>
 
+namespace bdbus_sim
+{
+
 using json = nlohmann::json;
 using byte_vector = std::vector<uint8_t>;
 
-// The largest document that is parsed, and how deep it may nest: both come from clients and from files.
+/** The largest document that is parsed, and how deep it may nest: both come from clients and from files. */
 constexpr size_t json_text_max = 4U << 20;
 constexpr int json_depth_max = 64;
 
-// Parses a document; throws std::invalid_argument with a text that names `what`.
+/** Parses a document; throws std::invalid_argument with a text that names `what`. */
 json parse_json(const std::string &text, const std::string &what);
 
-// Parses the text itself or, when it begins with '@', the file that it names.
+/** Parses the text itself or, when it begins with '@', the file that it names. */
 json parse_json_argument(const std::string &argument);
 
 json read_json_file(const std::string &path);
 
-// Never throws for what a client may have sent: bytes that are not UTF-8 are replaced.
+/** Never throws for what a client may have sent: bytes that are not UTF-8 are replaced. */
 std::string to_text(const json &value, int indent = -1);
 
-// Reads an object that people write: every key must be known, every value of the right kind. Throws
-// std::invalid_argument with a text that begins with `what`.
+/**
+ * Reads an object that people write: every key must be known, every value of the right kind. Throws
+ * std::invalid_argument with a text that begins with `what`.
+ */
 class object_reader
 {
 public:
@@ -41,7 +45,7 @@ public:
 
     bool has(const std::string &key) const { return object_.contains(key); }
 
-    // What a missing key stands for comes last.
+    /** What a missing key stands for comes last. */
     json value(const std::string &key, const json &otherwise) const;
     std::string text(const std::string &key, const std::string &otherwise = {}) const;
     bool flag(const std::string &key) const;
@@ -54,4 +58,4 @@ private:
     std::string what_;
 };
 
-#endif
+} // namespace bdbus_sim

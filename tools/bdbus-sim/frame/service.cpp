@@ -8,6 +8,9 @@
 #include <iterator>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -32,7 +35,7 @@ call read_call(sd_bus_message *message)
     return what;
 }
 
-// Reads and writes of properties are told as such, not as calls of the interface that they come through.
+/** Reads and writes of properties are told as such, not as calls of the interface that they come through. */
 void read_arguments(call &what, sd_bus_message *message)
 {
     json args = decode_arguments(message);
@@ -46,15 +49,18 @@ void read_arguments(call &what, sd_bus_message *message)
     what.interface = args[0].get<std::string>();
     what.member = args[1].get<std::string>();
     what.signature = get ? "" : args[2]["signature"].get<std::string>();
-    if (set)
+    if (set) {
         what.args.push_back(std::move(args[2]["value"]));
+    }
 }
 
 void hide_texts(json &args)
 {
-    for (json &arg : args)
-        if (arg.is_string())
+    for (json &arg : args) {
+        if (arg.is_string()) {
             arg = {{"length", arg.get_ref<const std::string &>().size()}};
+        }
+    }
 }
 
 bool has_interface(const std::string &asked, const std::string &own)
@@ -67,8 +73,9 @@ bool has_interface(const std::string &asked, const std::string &own)
 std::string arguments_xml(const std::string &signature, const std::string &direction)
 {
     std::string xml;
-    for (const std::string &type : split_signature(signature))
+    for (const std::string &type : split_signature(signature)) {
         xml.append("   <arg type=\"").append(type).append("\"").append(direction).append("/>\n");
+    }
     return xml;
 }
 
@@ -115,22 +122,24 @@ const char standard_interfaces_xml[] = R"( <interface name="org.freedesktop.DBus
  </interface>
 )";
 
-// Members by interface, the interfaces in the order in which the tables name them.
+/** Members by interface, the interfaces in the order in which the tables name them. */
 class interface_texts
 {
 public:
     template <typename Row>
     void add(const std::vector<Row> &rows)
     {
-        for (const Row &row : rows)
+        for (const Row &row : rows) {
             of(row.interface) += member_xml(row);
+        }
     }
 
     std::string xml() const
     {
         std::string xml;
-        for (const auto &[name, members] : texts_)
+        for (const auto &[name, members] : texts_) {
             xml.append(" <interface name=\"").append(name).append("\">\n").append(members).append(" </interface>\n");
+        }
         return xml;
     }
 
@@ -157,9 +166,11 @@ service::service(event_loop &loop, std::string name, std::string path, call_list
 void service::add_object(object_table table)
 {
     auto fill_interfaces = [&](auto &rows) {
-        for (auto &row : rows)
-            if (row.interface.empty())
+        for (auto &row : rows) {
+            if (row.interface.empty()) {
                 row.interface = bus_name_;
+            }
+        }
     };
     fill_interfaces(table.methods);
     fill_interfaces(table.properties);
@@ -182,19 +193,25 @@ void service::listen(const std::string &member, std::function<void()> action)
 
 const method *service::find_method(const std::string &member) const
 {
-    for (const object_table &object : objects_)
-        for (const method &method : object.methods)
-            if (method.member == member)
+    for (const object_table &object : objects_) {
+        for (const method &method : object.methods) {
+            if (method.member == member) {
                 return &method;
+            }
+        }
+    }
     return nullptr;
 }
 
 const property *service::find_property(const std::string &interface, const std::string &member) const
 {
-    for (const object_table &object : objects_)
-        for (const property &property : object.properties)
-            if (property.name == member && has_interface(interface, property.interface))
+    for (const object_table &object : objects_) {
+        for (const property &property : object.properties) {
+            if (property.name == member && has_interface(interface, property.interface)) {
                 return &property;
+            }
+        }
+    }
     return nullptr;
 }
 
@@ -202,8 +219,9 @@ const object_table *service::find_object(const std::string &path) const
 {
     for (const object_table &object : objects_) {
         std::vector<std::string> paths = object.paths();
-        if (std::find(paths.begin(), paths.end(), path) != paths.end())
+        if (std::find(paths.begin(), paths.end(), path) != paths.end()) {
             return &object;
+        }
     }
     return nullptr;
 }
@@ -211,22 +229,25 @@ const object_table *service::find_object(const std::string &path) const
 const object_table &service::object_at(const std::string &path) const
 {
     const object_table *object = find_object(path);
-    if (object == nullptr)
+    if (object == nullptr) {
         throw standard_error("UnknownObject", "Unknown object '" + path + "'.");
+    }
     return *object;
 }
 
-// The names of the nodes right below a path.
+/** The names of the nodes right below a path. */
 std::vector<std::string> service::children(const std::string &path) const
 {
     std::string prefix = path == "/" ? path : path + "/";
     std::vector<std::string> names;
-    for (const object_table &object : objects_)
+    for (const object_table &object : objects_) {
         for (const std::string &candidate : object.paths()) {
-            if (!candidate.starts_with(prefix))
+            if (!candidate.starts_with(prefix)) {
                 continue;
+            }
             names.push_back(candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size()));
         }
+    }
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
@@ -236,8 +257,9 @@ std::string service::introspect(const std::string &path) const
 {
     const object_table *object = find_object(path);
     std::vector<std::string> below = children(path);
-    if (object == nullptr && below.empty())
+    if (object == nullptr && below.empty()) {
         object_at(path);
+    }
 
     interface_texts interfaces;
     if (object != nullptr) {
@@ -248,8 +270,9 @@ std::string service::introspect(const std::string &path) const
     std::string xml = doctype_xml;
     xml += "<node>\n";
     xml += standard_interfaces_xml + interfaces.xml();
-    for (const std::string &name : below)
+    for (const std::string &name : below) {
         xml += " <node name=\"" + name + "\"/>\n";
+    }
     return xml + "</node>\n";
 }
 
@@ -257,19 +280,22 @@ std::string service::introspect(const std::string &path) const
 
 void service::start()
 {
-    if (running())
+    if (running()) {
         return;
+    }
     bus_ptr bus = open_system_bus(name_.c_str());
     check(sd_bus_attach_event(bus.get(), loop_.get(), SD_EVENT_PRIORITY_NORMAL), bus_name_);
     check(sd_bus_set_exit_on_disconnect(bus.get(), true), bus_name_);
     check(sd_bus_add_fallback(bus.get(), nullptr, "/", on_message, this), bus_name_);
-    for (const auto &[member, action] : listeners_)
+    for (const auto &[member, action] : listeners_) {
         check(sd_bus_match_signal(bus.get(), nullptr, nullptr, path_.c_str(), bus_name_.c_str(), member.c_str(),
                                   on_signal, this),
               bus_name_);
+    }
     int result = sd_bus_request_name(bus.get(), bus_name_.c_str(), 0);
-    if (result == -EEXIST)
+    if (result == -EEXIST) {
         throw std::runtime_error("somebody else has the name " + bus_name_ + " on this bus");
+    }
     check(result, bus_name_);
     bus_ = std::move(bus);
     return_.reset();
@@ -279,8 +305,9 @@ void service::stop()
 {
     delayed_.clear();
     return_.reset();
-    if (!running())
+    if (!running()) {
         return;
+    }
     // Whoever calls after this finds the name gone, not just a connection that is about to close.
     sd_bus_release_name(bus_.get(), bus_name_.c_str());
     bus_.reset();
@@ -289,8 +316,9 @@ void service::stop()
 std::string service::unique_name() const
 {
     const char *name = nullptr;
-    if (running())
+    if (running()) {
         check(sd_bus_get_unique_name(bus_.get(), &name), bus_name_);
+    }
     return text_or_empty(name);
 }
 
@@ -309,8 +337,9 @@ void service::announce(const announcement &signal)
 void service::emit(const std::string &member, const std::string &signature, const json &args, std::string interface,
                    std::string path)
 {
-    if (!running())
+    if (!running()) {
         return;
+    }
     announce({member, signature, args, std::move(interface), std::move(path)});
 
     // The services' connections are not in step with one another. An answer of the bus says that it has passed the
@@ -324,8 +353,9 @@ void service::emit(const std::string &member, const std::string &signature, cons
 
 int service::on_message(sd_bus_message *message, void *self, sd_bus_error *)
 {
-    if (!sd_bus_message_is_method_call(message, nullptr, nullptr))
+    if (!sd_bus_message_is_method_call(message, nullptr, nullptr)) {
         return 0;
+    }
     try {
         static_cast<service *>(self)->receive(message);
         return 1;
@@ -334,7 +364,7 @@ int service::on_message(sd_bus_message *message, void *self, sd_bus_error *)
     }
 }
 
-// Nobody waits for an answer to a signal, so whatever is wrong with one is nobody's business.
+/** Nobody waits for an answer to a signal, so whatever is wrong with one is nobody's business. */
 int service::on_signal(sd_bus_message *message, void *self, sd_bus_error *)
 {
     try {
@@ -367,21 +397,25 @@ void service::receive(sd_bus_message *message)
     record(what);
     fault disturbance = faults_ == nullptr ? fault{} : faults_->take(name_, what);
     const method *method = find_method(what.member);
-    if (method != nullptr && method->duration)
+    if (method != nullptr && method->duration) {
         disturbance.delay += method->duration(what);
-    if (disturbance.delay.count() > 0)
+    }
+    if (disturbance.delay.count() > 0) {
         delay(message, std::move(what), std::move(disturbance));
-    else
+    } else {
         answer(message, what, disturbance);
+    }
 }
 
 void service::record(const call &what)
 {
-    if (calls_ == nullptr)
+    if (calls_ == nullptr) {
         return;
+    }
     json args = what.args;
-    if (has_secrets_)
+    if (has_secrets_) {
         hide_texts(args);
+    }
     calls_->add(name_, {{"service", name_},
                         {"kind", what.kind},
                         {"path", what.path},
@@ -394,8 +428,9 @@ void service::record(const call &what)
 
 void service::delay(sd_bus_message *message, call what, fault disturbance)
 {
-    if (delayed_.size() >= delayed_calls_max)
+    if (delayed_.size() >= delayed_calls_max) {
         return send_error(message, standard_error("LimitsExceeded", "Too many delayed calls."));
+    }
     auto delay = disturbance.delay;
     message_ptr kept(sd_bus_message_ref(message));
     delayed_.push_back({std::move(kept), std::move(what), std::move(disturbance), nullptr});
@@ -409,13 +444,16 @@ void service::delay(sd_bus_message *message, call what, fault disturbance)
 
 void service::answer(sd_bus_message *message, const call &what, const fault &disturbance)
 {
-    if (disturbance.die)
+    if (disturbance.die) {
         return die(disturbance);
+    }
     try {
-        if (disturbance.signal)
+        if (disturbance.signal) {
             announce(*disturbance.signal);
-        if (disturbance.no_reply)
+        }
+        if (disturbance.no_reply) {
             return;
+        }
         const method *method = find_method(what.member);
         send(message, what, disturbance.apply(method == nullptr ? "" : method->out, [&] { return carry_out(what); }));
     } catch (const dbus_error &error) {
@@ -432,31 +470,38 @@ void service::die(const fault &disturbance)
     auto return_after = disturbance.return_after;
     delayed_.clear();
     bus_.reset();
-    if (return_after)
+    if (return_after) {
         return_ = loop_.after(*return_after, [this] { start(); });
+    }
 }
 
 reply service::carry_out(const call &what)
 {
-    if (what.kind == "get")
+    if (what.kind == "get") {
         return read_property(what);
-    if (what.kind == "set")
+    }
+    if (what.kind == "set") {
         return write_property(what);
-    if (what.member == "Introspect" && has_interface(what.interface, introspectable))
+    }
+    if (what.member == "Introspect" && has_interface(what.interface, introspectable)) {
         return {"s", json::array({introspect(what.path)})};
-    if (what.interface == properties_interface && what.member == "GetAll" && what.signature == "s")
+    }
+    if (what.interface == properties_interface && what.member == "GetAll" && what.signature == "s") {
         return all_properties(what);
+    }
     return call_method(what);
 }
 
 reply service::call_method(const call &what)
 {
     for (const method &method : object_at(what.path).methods) {
-        if (method.member != what.member || !has_interface(what.interface, method.interface))
+        if (method.member != what.member || !has_interface(what.interface, method.interface)) {
             continue;
-        if (method.in != what.signature)
+        }
+        if (method.in != what.signature) {
             throw standard_error("InvalidArgs",
                                  what.member + " takes \"" + method.in + "\", not \"" + what.signature + "\".");
+        }
         return {method.out, method.handler(what)};
     }
     throw standard_error("UnknownMethod", "Unknown method " + what.member + " or interface " + what.interface + ".");
@@ -464,9 +509,11 @@ reply service::call_method(const call &what)
 
 const property &service::property_of(const call &what) const
 {
-    for (const property &property : object_at(what.path).properties)
-        if (property.name == what.member && has_interface(what.interface, property.interface))
+    for (const property &property : object_at(what.path).properties) {
+        if (property.name == what.member && has_interface(what.interface, property.interface)) {
             return property;
+        }
+    }
     throw standard_error("UnknownProperty",
                          "Unknown property " + what.member + " or interface " + what.interface + ".");
 }
@@ -480,11 +527,13 @@ reply service::read_property(const call &what)
 reply service::write_property(const call &what)
 {
     const property &property = property_of(what);
-    if (!property.set)
+    if (!property.set) {
         throw standard_error("PropertyReadOnly", "Property " + what.member + " is not writable.");
-    if (property.signature != what.signature)
+    }
+    if (property.signature != what.signature) {
         throw standard_error("InvalidArgs", "Property " + what.member + " is \"" + property.signature + "\", not \"" +
                                                 what.signature + "\".");
+    }
     property.set(what);
     return {};
 }
@@ -493,9 +542,11 @@ reply service::all_properties(const call &what)
 {
     auto interface = what.args.at(0).get<std::string>();
     json all = json::object();
-    for (const property &property : object_at(what.path).properties)
-        if (has_interface(interface, property.interface))
+    for (const property &property : object_at(what.path).properties) {
+        if (has_interface(interface, property.interface)) {
             all[property.name] = {{"signature", property.signature}, {"value", property.get(what)}};
+        }
+    }
     return {"a{sv}", json::array({all})};
 }
 
@@ -504,10 +555,11 @@ void service::send(sd_bus_message *message, const call &what, const reply &value
     sd_bus_message *raw = nullptr;
     check(sd_bus_message_new_method_return(message, &raw), "reply");
     message_ptr reply(raw);
-    if (what.kind == "get" && !values.signature.empty())
+    if (what.kind == "get" && !values.signature.empty()) {
         encode(raw, "v", json::array({{{"signature", values.signature}, {"value", values.values.at(0)}}}));
-    else
+    } else {
         encode(raw, values.signature, values.values);
+    }
     check(sd_bus_send(nullptr, raw, nullptr), "reply");
 }
 
@@ -519,9 +571,13 @@ void service::send_error(sd_bus_message *message, const dbus_error &error)
     sd_bus_message *raw = nullptr;
     int result = sd_bus_message_new_method_error(message, &raw, &plain);
     message_ptr reply(raw);
-    if (result >= 0 && error.body.is_number())
+    if (result >= 0 && error.body.is_number()) {
         encode(raw, "i", json::array({error.body}));
+    }
     // A client that cannot be answered is gone; there is nobody left to tell.
-    if (result >= 0)
+    if (result >= 0) {
         sd_bus_send(nullptr, raw, nullptr);
+    }
 }
+
+} // namespace bdbus_sim

@@ -6,8 +6,7 @@
  * reading and writing of properties, introspection, the call list and the faults are the same for every service and
  * done here.
  */
-#ifndef BDBUS_SIM_SERVICE_HPP
-#define BDBUS_SIM_SERVICE_HPP
+#pragma once
 
 #include "frame/bus.hpp"
 #include "frame/calls.hpp"
@@ -23,7 +22,10 @@
 #include <utility>
 #include <vector>
 
-// What a client asks. For "get" and "set", `interface` and `member` are the property's.
+namespace bdbus_sim
+{
+
+/** What a client asks. For "get" and "set", `interface` and `member` are the property's. */
 struct call {
     std::string kind; // "call", "get", "set", "signal"
     std::string path;
@@ -83,7 +85,7 @@ struct signal_row {
     std::string signature;
 };
 
-// Objects with the same members. Which there are may follow the state.
+/** Objects with the same members. Which there are may follow the state. */
 struct object_table {
     std::function<std::vector<std::string>()> paths;
     std::vector<method> methods{};
@@ -94,19 +96,19 @@ struct object_table {
 class service
 {
 public:
-    // With null lists the service is neither recorded nor disturbed.
+    /** With null lists the service is neither recorded nor disturbed. */
     service(event_loop &loop, std::string name, std::string path, call_list *calls, fault_list *faults);
 
     void add_object(object_table table);
 
-    // One object at the service's usual path.
+    /** One object at the service's usual path. */
     void add_object(std::vector<method> methods, std::vector<property> properties = {},
                     std::vector<signal_row> signals = {});
 
-    // The call list shows only the lengths of texts.
+    /** The call list shows only the lengths of texts. */
     void keep_texts_secret() { has_secrets_ = true; }
 
-    // What to do when anybody sends a signal on the service's own object.
+    /** What to do when anybody sends a signal on the service's own object. */
     void listen(const std::string &member, std::function<void()> action);
 
     const std::string &name() const { return name_; }
@@ -114,21 +116,23 @@ public:
     const std::string &path() const { return path_; }
     bool running() const { return bus_ != nullptr; }
 
-    // The name of its connection; empty while the service is stopped.
+    /** The name of its connection; empty while the service is stopped. */
     std::string unique_name() const;
 
-    // Takes the name on the bus; nothing when it has it.
+    /** Takes the name on the bus; nothing when it has it. */
     void start();
 
-    // Gives the name back and leaves the bus. Calls that are still being delayed are never answered.
+    /** Gives the name back and leaves the bus. Calls that are still being delayed are never answered. */
     void stop();
 
-    // Sends a signal and returns when the bus has passed it on; does nothing while the service is stopped. An empty
-    // interface or path is the service's own.
+    /**
+     * Sends a signal and returns when the bus has passed it on; does nothing while the service is stopped. An empty
+     * interface or path is the service's own.
+     */
     void emit(const std::string &member, const std::string &signature, const json &args, std::string interface = {},
               std::string path = {});
 
-    // Looks members up for faults, whatever the object; null when there is none.
+    /** Looks members up for faults, whatever the object; null when there is none. */
     const method *find_method(const std::string &member) const;
     const property *find_property(const std::string &interface, const std::string &member) const;
 
@@ -178,4 +182,4 @@ private:
     bus_ptr bus_;
 };
 
-#endif
+} // namespace bdbus_sim

@@ -10,6 +10,9 @@
 #include <stdexcept>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -53,37 +56,43 @@ const leaf_type leaf_types[] = {
 
 void check_leaf(const std::string &place, const json &value, const std::string &type)
 {
-    for (const leaf_type &leaf : leaf_types)
-        if (type == leaf.name && !leaf.fits(value))
+    for (const leaf_type &leaf : leaf_types) {
+        if (type == leaf.name && !leaf.fits(value)) {
             refuse(place, std::string("must be ") + leaf.wanted);
+        }
+    }
 }
 
 void check_text(const std::string &place, const json &value, const std::string &type)
 {
     size_t most = type.size() == 1 ? elements_max : std::stoul(type.substr(1));
-    if (!value.is_string() || value.get_ref<const std::string &>().size() > most)
+    if (!value.is_string() || value.get_ref<const std::string &>().size() > most) {
         refuse(place, "must be a text of at most " + std::to_string(most) + " bytes");
+    }
 }
 
 void check_shape(const std::string &place, const json &value, const json &shape);
 void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most);
 
-// Most of a state is bytes, so no text is made for those that fit.
+/** Most of a state is bytes, so no text is made for those that fit. */
 void check_bytes(const std::string &place, const json &value, const std::string &type)
 {
     if (value.is_array() && std::all_of(value.begin(), value.end(), in_range<uint8_t>) &&
-        (type == "ay" || value.size() == std::stoul(type)))
+        (type == "ay" || value.size() == std::stoul(type))) {
         return;
+    }
     size_t exact = type == "ay" ? 0 : std::stoul(type);
     check_array(place, value, "y", exact, type == "ay" ? elements_max : exact);
 }
 
 void check_tuple(const std::string &place, const json &value, const json &shape)
 {
-    if (!value.is_array() || value.size() != shape.size())
+    if (!value.is_array() || value.size() != shape.size()) {
         refuse(place, "must be an array of " + std::to_string(shape.size()) + " elements");
-    for (size_t i = 0; i < value.size(); i++)
+    }
+    for (size_t i = 0; i < value.size(); i++) {
         check_shape(below(place, std::to_string(i)), value[i], shape[i]);
+    }
 }
 
 bool is_number(const std::string &key, unsigned least, unsigned most)
@@ -102,35 +111,44 @@ void check_object(const std::string &place, const json &value, const json &shape
 
 void check_shape(const std::string &place, const json &value, const json &shape)
 {
-    if (shape.is_object())
+    if (shape.is_object()) {
         return check_object(place, value, shape);
-    if (shape.is_array() && shape.size() > 1)
+    }
+    if (shape.is_array() && shape.size() > 1) {
         return check_tuple(place, value, shape);
-    if (shape.is_array())
+    }
+    if (shape.is_array()) {
         return check_array(place, value, shape.at(0), 0, elements_max);
+    }
 
     auto type = shape.get<std::string>();
-    if (type.front() == 's' || type == "p")
+    if (type.front() == 's' || type == "p") {
         check_text(place, value, type);
-    else if (type.size() > 1)
+    } else if (type.size() > 1) {
         check_bytes(place, value, type);
-    else
+    } else {
         check_leaf(place, value, type);
+    }
 }
 
 void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most)
 {
-    if (!value.is_array())
+    if (!value.is_array()) {
         refuse(place, "must be an array");
-    if (value.size() < least || value.size() > most)
+    }
+    if (value.size() < least || value.size() > most) {
         refuse(place,
                std::string("must have ") + (least == most ? "" : "at most ") + std::to_string(most) + " elements");
-    for (size_t i = 0; i < value.size(); i++)
+    }
+    for (size_t i = 0; i < value.size(); i++) {
         check_shape(below(place, std::to_string(i)), value[i], element);
+    }
 }
 
-// The shape of an object's value; null when there must be none.
-// The shape of a member, by its name or by what kind of name it is; null when it may not be there.
+/**
+ * The shape of an object's value; null when there must be none.
+ * The shape of a member, by its name or by what kind of name it is; null when it may not be there.
+ */
 const json *find_rule(const json &shape, const std::string &key)
 {
     const std::pair<const char *, bool> kinds[] = {
@@ -139,27 +157,35 @@ const json *find_rule(const json &shape, const std::string &key)
         {"#y", is_number(key, 0, 255)},
         {"@", is_path_element(key)},
     };
-    for (const std::string &name : {key, key + "?"})
-        if (auto rule = shape.find(name); rule != shape.end())
+    for (const std::string &name : {key, key + "?"}) {
+        if (auto rule = shape.find(name); rule != shape.end()) {
             return &*rule;
-    for (const auto &[name, fits] : kinds)
-        if (auto rule = shape.find(name); fits && rule != shape.end())
+        }
+    }
+    for (const auto &[name, fits] : kinds) {
+        if (auto rule = shape.find(name); fits && rule != shape.end()) {
             return &*rule;
+        }
+    }
     return nullptr;
 }
 
 void check_object(const std::string &place, const json &value, const json &shape)
 {
-    if (!value.is_object())
+    if (!value.is_object()) {
         refuse(place, "must be an object");
-    for (const auto &[key, element] : shape.items())
-        if (!key.ends_with('?') && key != "*" && key != "@" && !key.starts_with('#') && !value.contains(key))
+    }
+    for (const auto &[key, element] : shape.items()) {
+        if (!key.ends_with('?') && key != "*" && key != "@" && !key.starts_with('#') && !value.contains(key)) {
             refuse(place, "needs the key \"" + key + "\"");
+        }
+    }
 
     for (const auto &[key, element] : value.items()) {
         const json *rule = find_rule(shape, key);
-        if (rule == nullptr)
+        if (rule == nullptr) {
             refuse(place, "no such key: \"" + key + "\"");
+        }
         check_shape(below(place, key), element, *rule);
     }
 }
@@ -168,22 +194,29 @@ const char *const hidden = "(hidden)";
 
 void hide_passwords(json &value, const json &shape)
 {
-    if (shape == "p" && !value.get_ref<const std::string &>().empty())
+    if (shape == "p" && !value.get_ref<const std::string &>().empty()) {
         value = hidden;
-    if (shape.is_object())
-        for (auto &[key, element] : value.items())
+    }
+    if (shape.is_object()) {
+        for (auto &[key, element] : value.items()) {
             hide_passwords(element, *find_rule(shape, key));
+        }
+    }
 }
 
-// A password that was read hidden stays as it is when it is written back.
+/** A password that was read hidden stays as it is when it is written back. */
 void keep_passwords(json &value, const json &before, const json &shape)
 {
-    if (shape == "p" && value == hidden && before.is_string())
+    if (shape == "p" && value == hidden && before.is_string()) {
         value = before;
-    if (shape.is_object() && before.is_object())
-        for (auto &[key, element] : value.items())
-            if (auto old = before.find(key); old != before.end())
+    }
+    if (shape.is_object() && before.is_object()) {
+        for (auto &[key, element] : value.items()) {
+            if (auto old = before.find(key); old != before.end()) {
                 keep_passwords(element, *old, *find_rule(shape, key));
+            }
+        }
+    }
 }
 
 } // namespace
@@ -232,8 +265,9 @@ void state_document::patch(const json &patch)
 void state_document::replace(json next)
 {
     std::swap(current_, next);
-    for (const auto &[section, action] : listeners_)
+    for (const auto &[section, action] : listeners_) {
         notify(section, next[section]);
+    }
 }
 
 void state_document::set(const std::string &pointer, json value)
@@ -247,6 +281,9 @@ void state_document::set(const std::string &pointer, json value)
 void state_document::notify(const std::string &section, const json &before)
 {
     auto found = listeners_.find(section);
-    if (found != listeners_.end() && before != current_[section])
+    if (found != listeners_.end() && before != current_[section]) {
         found->second(before, current_[section]);
+    }
 }
+
+} // namespace bdbus_sim

@@ -16,14 +16,16 @@
  *                             record ID, a number from 1 to 65534 in decimal, "#y" for one from 0 to 255, and "@" for
  *                             any element of an object path
  */
-#ifndef BDBUS_SIM_STATE_HPP
-#define BDBUS_SIM_STATE_HPP
+#pragma once
 
 #include "frame/json.hpp"
 
 #include <functional>
 #include <map>
 #include <string>
+
+namespace bdbus_sim
+{
 
 class state_document
 {
@@ -32,22 +34,24 @@ public:
 
     void add_section(const std::string &name, json defaults, json shape);
 
-    // Called after each change of the section, with its values before and after it.
+    /** Called after each change of the section, with its values before and after it. */
     void on_change(const std::string &section, listener action);
 
-    // From now on a reset gives the defaults changed by this merge patch.
+    /** From now on a reset gives the defaults changed by this merge patch. */
     void set_scenario(const json &patch);
 
     void reset();
 
-    // Applies an RFC 7396 merge patch; throws std::invalid_argument, with nothing changed, when the result is no valid
-    // state.
+    /**
+     * Applies an RFC 7396 merge patch; throws std::invalid_argument, with nothing changed, when the result is no valid
+     * state.
+     */
     void patch(const json &patch);
 
-    // The whole state, with its passwords hidden.
+    /** The whole state, with its passwords hidden. */
     json shown() const;
 
-    // The value at a place such as "/bmc/post".
+    /** The value at a place such as "/bmc/post". */
     const json &at(const std::string &pointer) const { return current_.at(json::json_pointer(pointer)); }
 
     template <typename T>
@@ -56,10 +60,10 @@ public:
         return at(pointer).get<T>();
     }
 
-    // For the services: the value is taken as it is.
+    /** For the services: the value is taken as it is. */
     void set(const std::string &pointer, json value);
 
-    // For a section's own service: it changes the section in place, and its listener is not called.
+    /** For a section's own service: it changes the section in place, and its listener is not called. */
     json &own(const std::string &section) { return current_.at(section); }
 
 private:
@@ -73,4 +77,4 @@ private:
     std::map<std::string, listener> listeners_;
 };
 
-#endif
+} // namespace bdbus_sim

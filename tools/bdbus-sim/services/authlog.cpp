@@ -5,6 +5,9 @@
 #include <iterator>
 #include <string>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -33,14 +36,18 @@ json &entries(state_document &state)
 json add_entry(state_document &state, const byte_vector &request)
 {
     json &all = entries(state);
-    if (all.size() >= state.get<size_t>("/authlog/capacity"))
+    if (all.size() >= state.get<size_t>("/authlog/capacity")) {
         return {out_of_space, 0};
+    }
     unsigned id = 1;
-    for (const auto &[key, entry] : all.items())
+    for (const auto &[key, entry] : all.items()) {
         id = std::max(id, static_cast<unsigned>(std::stoul(key)) + 1);
-    for (unsigned least = 1; id > 65'534; least++) // past the last number the first that is free
-        if (!all.contains(std::to_string(least)))
+    }
+    for (unsigned least = 1; id > 65'534; least++) { // past the last number the first that is free
+        if (!all.contains(std::to_string(least))) {
             id = least;
+        }
+    }
     all[std::to_string(id)] = leading(request, entry_size);
     return {ok, id};
 }
@@ -51,12 +58,13 @@ json delete_entry(state_document &state, const byte_vector &request)
     return entries(state).erase(std::to_string(id)) == 0 ? json{entry_not_present, 0} : json{ok, id};
 }
 
-// Confirmed as IPMI's event log has it.
+/** Confirmed as IPMI's event log has it. */
 json clear(state_document &state, const byte_vector &request)
 {
     constexpr uint8_t confirmation[] = {'C', 'L', 'R', 0xAA};
-    if (!std::equal(std::begin(confirmation), std::end(confirmation), request.begin()))
+    if (!std::equal(std::begin(confirmation), std::end(confirmation), request.begin())) {
         return {invalid_field, 0};
+    }
     size_t count = entries(state).size();
     entries(state) = json::object();
     return {ok, count};
@@ -78,7 +86,7 @@ method row(state_document &state, const char *member, json (*action)(state_docum
     });
 }
 
-// A time, an event and a name; the simulator looks into none of them.
+/** A time, an event and a name; the simulator looks into none of them. */
 json default_entries()
 {
     json entries;
@@ -110,3 +118,5 @@ void add_authlog(simulator &simulator)
             row(state, "UserUpdate", update_user),
         });
 }
+
+} // namespace bdbus_sim

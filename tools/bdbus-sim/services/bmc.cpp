@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "simulator.hpp"
 
+namespace bdbus_sim
+{
+
 void add_bmc(simulator &simulator)
 {
     state_document &state = simulator.state;
@@ -10,3 +13,5 @@ void add_bmc(simulator &simulator)
     property post("", "BmcPost", "ay", [&state](const call &) { return state.at("/bmc/post"); });
     simulator.add_service("Bmc1").add_object({}, {post});
 }
+
+} // namespace bdbus_sim

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "simulator.hpp"
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
-// Keeps what was sent and answers as the state says.
+/** Keeps what was sent and answers as the state says. */
 method row(state_document &state, const char *member, const char *in, const std::string &place)
 {
     return method(member, in, "i", [&state, in = std::string(in), place](const call &what) {
@@ -29,3 +32,5 @@ void add_bypass(simulator &simulator)
             row(state, "SetPermanentBypass", "yy", "/bypass/permanent_bypass"),
         });
 }
+
+} // namespace bdbus_sim

@@ -3,6 +3,9 @@
 
 #include <map>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -15,8 +18,9 @@ struct config_key {
     std::string interface() const
     {
         std::string whole = "com.brisemont.Config1";
-        if (size_t dot = name.rfind('.'); dot != std::string::npos)
+        if (size_t dot = name.rfind('.'); dot != std::string::npos) {
             whole.append(".").append(name, 0, dot);
+        }
         return whole;
     }
 
@@ -44,25 +48,29 @@ std::vector<config_key> config_keys()
     };
 }
 
-// One signal for each interface of which something has changed.
+/** One signal for each interface of which something has changed. */
 void announce(service &config, const json &before, const json &after)
 {
     std::map<std::string, json> changed;
-    for (const config_key &key : config_keys())
-        if (before[key.name] != after[key.name])
+    for (const config_key &key : config_keys()) {
+        if (before[key.name] != after[key.name]) {
             changed[key.interface()].push_back(key.member());
-    for (const auto &[interface, members] : changed)
+        }
+    }
+    for (const auto &[interface, members] : changed) {
         config.emit("PropertiesChanged", "sas", json::array({interface, members}));
+    }
 }
 
 property row(state_document &state, const config_key &key)
 {
     std::string place = "/config/" + key.name;
     property row(key.interface(), key.member(), key.type, [&state, place](const call &) { return state.at(place); });
-    if (key.writable)
+    if (key.writable) {
         row.set = [&state, place](const call &what) {
             state.set(place, what.args[0]);
         };
+    }
     return row;
 }
 
@@ -85,3 +93,5 @@ void add_config(simulator &simulator)
     simulator.state.on_change("config",
                               [&config](const json &before, const json &after) { announce(config, before, after); });
 }
+
+} // namespace bdbus_sim

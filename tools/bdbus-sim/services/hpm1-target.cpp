@@ -4,13 +4,16 @@
 #include <bit>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
 constexpr size_t description_size = 12;
 constexpr size_t image_bytes_max = 64U << 20;
 
-// The bits of a component's general property byte.
+/** The bits of a component's general property byte. */
 enum general_bit : uint8_t {
     rollback_support = 0x02,
     preparation_support = 0x04,
@@ -31,26 +34,31 @@ enum action : uint8_t { backup = 0, prepare = 1, upload_for_upgrade = 2 };
 template <typename Visit>
 void for_each_component(uint8_t mask, Visit visit)
 {
-    for (uint8_t id = 0; id < hpm1_target::components_max; id++)
-        if ((mask >> id & 1) != 0)
+    for (uint8_t id = 0; id < hpm1_target::components_max; id++) {
+        if ((mask >> id & 1) != 0) {
             visit(id);
+        }
+    }
 }
 
 json padded_description(const json &component)
 {
     json bytes = json::array();
-    for (char character : component["description"].get_ref<const std::string &>())
+    for (char character : component["description"].get_ref<const std::string &>()) {
         bytes.push_back(static_cast<uint8_t>(character));
-    while (bytes.size() < description_size)
+    }
+    while (bytes.size() < description_size) {
         bytes.push_back(0);
+    }
     return bytes;
 }
 
 json version(std::initializer_list<int> bytes)
 {
     json full(bytes);
-    while (full.size() < hpm1_target::version_size)
+    while (full.size() < hpm1_target::version_size) {
         full.push_back(0);
+    }
     return full;
 }
 
@@ -79,15 +87,17 @@ json default_components()
     };
 }
 
-// Every component may be taken away, and the eighth may be added.
+/** Every component may be taken away, and the eighth may be added. */
 json components_shape()
 {
     json component = {{"name", "s64"}, {"description", "s11"}, {"general", "y"}};
-    for (const char *key : {"version", "rollback_version", "deferred_version"})
+    for (const char *key : {"version", "rollback_version", "deferred_version"}) {
         component[key] = "6y";
+    }
     json shape;
-    for (int id = 0; id < hpm1_target::components_max; id++)
+    for (int id = 0; id < hpm1_target::components_max; id++) {
         shape[std::to_string(id) + "?"] = component;
+    }
     return shape;
 }
 
@@ -103,11 +113,12 @@ void add_target_section(state_document &state)
         defaults[limit] = 12; // in units of 5 seconds
         shape[limit] = "y";
     }
-    for (const char *command : {"backup", "prepare", "upload", "finish", "activate", "block"})
+    for (const char *command : {"backup", "prepare", "upload", "finish", "activate", "block"}) {
         for (const char *delay : {"busy_ms", "busy_polls"}) {
             defaults[delay][command] = 0;
             shape[delay][command] = "u";
         }
+    }
     defaults["components"] = default_components();
     shape["components"] = components_shape();
     state.add_section("target", defaults, shape);
@@ -161,8 +172,9 @@ bool hpm1_target::all_have(uint8_t components, uint8_t bit) const
 
 void hpm1_target::announce(event what, uint8_t id) const
 {
-    if (witness_ && present(id))
+    if (witness_ && present(id)) {
         witness_(what, component(id));
+    }
 }
 
 void hpm1_target::announce_all(event what, uint8_t components) const
@@ -173,16 +185,18 @@ void hpm1_target::announce_all(event what, uint8_t components) const
 uint8_t hpm1_target::components_present() const
 {
     unsigned mask = 0;
-    for (uint8_t id = 0; id < components_max; id++)
+    for (uint8_t id = 0; id < components_max; id++) {
         mask |= present(id) ? 1U << id : 0U;
+    }
     return static_cast<uint8_t>(mask);
 }
 
 hpm1_target::property_answer hpm1_target::component_property(uint8_t id, uint8_t selector)
 {
     settle();
-    if (!present(id))
+    if (!present(id)) {
         return {invalid_field};
+    }
     switch (selector) {
     case general:
         return {ok, {component(id)["general"], 0}};
@@ -222,23 +236,26 @@ uint8_t hpm1_target::perform(command number, const std::string &kind, std::funct
 
 void hpm1_target::settle()
 {
-    if (!running_ || running_->polls > 0 || !running_->time_is_up)
+    if (!running_ || running_->polls > 0 || !running_->time_is_up) {
         return;
+    }
     auto done = std::move(*running_);
     running_.reset();
     last_code_ = state_.get<uint8_t>("/target/long_result");
-    if (last_code_ == ok)
+    if (last_code_ == ok) {
         done.effect();
-    else
+    } else {
         fail(last_command_, last_code_);
+    }
 }
 
 void hpm1_target::fail(command number, uint8_t answer)
 {
-    if (number == activation)
+    if (number == activation) {
         announce_all(event::activation_failed, finished_);
-    else if (number != initiate_action)
+    } else if (number != initiate_action) {
         refuse(answer == timed_out ? event::upload_timed_out : event::upload_failed, answer);
+    }
 }
 
 bool hpm1_target::busy()
@@ -249,10 +266,12 @@ bool hpm1_target::busy()
 
 hpm1_target::status_answer hpm1_target::status()
 {
-    if (!busy())
+    if (!busy()) {
         return {last_command_, last_code_};
-    if (running_->polls > 0)
+    }
+    if (running_->polls > 0) {
         running_->polls--;
+    }
     return {last_command_, in_progress};
 }
 
@@ -261,31 +280,37 @@ hpm1_target::status_answer hpm1_target::status()
 void hpm1_target::set_progress(bool upgrading)
 {
     state_.set("/upgrade/in_progress", upgrading ? 1 : 0);
-    if (!upgrading)
+    if (!upgrading) {
         state_.set("/upgrade/component_id", 0);
+    }
 }
 
 uint8_t hpm1_target::initiate(uint8_t components, uint8_t action)
 {
-    if (busy())
+    if (busy()) {
         return not_in_this_state;
-    if (components == 0 || (components & ~components_present()) != 0)
+    }
+    if (components == 0 || (components & ~components_present()) != 0) {
         return invalid_component;
+    }
 
     switch (action) {
     case backup:
-        if (!all_have(components, rollback_support))
+        if (!all_have(components, rollback_support)) {
             return invalid_component;
+        }
         set_progress(true);
         return perform(initiate_action, "backup", [this, components] { back_up(components); });
     case prepare:
-        if (!all_have(components, preparation_support))
+        if (!all_have(components, preparation_support)) {
             return invalid_component;
+        }
         set_progress(true);
         return perform(initiate_action, "prepare", [] {});
     case upload_for_upgrade:
-        if (!std::has_single_bit(components))
+        if (!std::has_single_bit(components)) {
             return invalid_field;
+        }
         set_progress(true);
         return perform(initiate_action, "upload",
                        [this, id = std::countr_zero(components)] { begin_upload(static_cast<uint8_t>(id)); });
@@ -297,8 +322,9 @@ uint8_t hpm1_target::initiate(uint8_t components, uint8_t action)
 void hpm1_target::back_up(uint8_t components)
 {
     for_each_component(components, [&](uint8_t id) {
-        if (present(id))
+        if (present(id)) {
             set_component(id, "rollback_version", component(id)["version"]);
+        }
     });
 }
 
@@ -312,16 +338,21 @@ void hpm1_target::begin_upload(uint8_t id)
 
 uint8_t hpm1_target::upload(uint8_t number, uint32_t length, const byte_vector &block)
 {
-    if (busy() || !transfer_)
+    if (busy() || !transfer_) {
         return not_in_this_state;
-    if (length != block.size())
+    }
+    if (length != block.size()) {
         return length_invalid;
-    if (length > state_.get<uint32_t>("/target/max_block"))
+    }
+    if (length > state_.get<uint32_t>("/target/max_block")) {
         return state_.get<uint8_t>("/target/over_length_code");
-    if (number != static_cast<uint8_t>(transfer_->blocks))
+    }
+    if (number != static_cast<uint8_t>(transfer_->blocks)) {
         return is_resent(number, block) ? ok : wrong_block;
-    if (received_[transfer_->component].size() + length > image_bytes_max)
+    }
+    if (received_[transfer_->component].size() + length > image_bytes_max) {
         return refuse(event::upload_failed, out_of_space);
+    }
     return perform(upload_block, "block", [this, block] { take_block(block); });
 }
 
@@ -333,7 +364,7 @@ void hpm1_target::take_block(const byte_vector &block)
     transfer_->blocks++;
 }
 
-// The last block once more, because its answer got lost. It is not stored twice.
+/** The last block once more, because its answer got lost. It is not stored twice. */
 bool hpm1_target::is_resent(uint8_t number, const byte_vector &block) const
 {
     return transfer_->blocks > 0 && number == static_cast<uint8_t>(transfer_->blocks - 1) &&
@@ -342,12 +373,15 @@ bool hpm1_target::is_resent(uint8_t number, const byte_vector &block) const
 
 uint8_t hpm1_target::finish(uint8_t id, uint32_t image_length)
 {
-    if (busy() || !transfer_)
+    if (busy() || !transfer_) {
         return not_in_this_state;
-    if (id != transfer_->component || image_length != received_[id].size())
+    }
+    if (id != transfer_->component || image_length != received_[id].size()) {
         return refuse(event::upload_failed, size_differs);
-    if ((state_.get<uint8_t>("/target/bad_signatures") >> id & 1) != 0)
+    }
+    if ((state_.get<uint8_t>("/target/bad_signatures") >> id & 1) != 0) {
         return refuse(event::signature_bad, data_invalid);
+    }
     return perform(finish_upload, "finish", [this, id] {
         transfer_.reset();
         finished_ |= static_cast<uint8_t>(1U << id);
@@ -355,11 +389,12 @@ uint8_t hpm1_target::finish(uint8_t id, uint32_t image_length)
     });
 }
 
-// What happens to the component on its way, and the answer to who sends it.
+/** What happens to the component on its way, and the answer to who sends it. */
 uint8_t hpm1_target::refuse(event what, uint8_t answer)
 {
-    if (transfer_)
+    if (transfer_) {
         announce(what, transfer_->component);
+    }
     return answer;
 }
 
@@ -367,8 +402,9 @@ uint8_t hpm1_target::refuse(event what, uint8_t answer)
 
 uint8_t hpm1_target::activate()
 {
-    if (busy() || transfer_ || finished_ == 0)
+    if (busy() || transfer_ || finished_ == 0) {
         return not_in_this_state;
+    }
     announce_all(event::activating, finished_);
     return perform(activation, "activate", [this] { activate_components(); });
 }
@@ -382,8 +418,10 @@ void hpm1_target::activate_components()
     announce_all(event::restarted, activated_);
 }
 
-// What it runs now becomes the copy to go back to. With deferred activation the image waits for a restart, which is not
-// simulated.
+/**
+ * What it runs now becomes the copy to go back to. With deferred activation the image waits for a restart, which is not
+ * simulated.
+ */
 void hpm1_target::activate_component(uint8_t id)
 {
     json next = image_version(id);
@@ -397,12 +435,13 @@ void hpm1_target::activate_component(uint8_t id)
     announce(event::activated, id);
 }
 
-// The first bytes of an image are its version. One that is too short for that counts as the next minor version.
+/** The first bytes of an image are its version. One that is too short for that counts as the next minor version. */
 json hpm1_target::image_version(uint8_t id) const
 {
     const byte_vector &image = received_[id];
-    if (image.size() >= version_size)
+    if (image.size() >= version_size) {
         return std::vector<uint8_t>(image.begin(), image.begin() + version_size);
+    }
     json version = component(id)["version"];
     version[1] = static_cast<uint8_t>(version[1].get<uint8_t>() + 1);
     return version;
@@ -410,12 +449,14 @@ json hpm1_target::image_version(uint8_t id) const
 
 uint8_t hpm1_target::roll_back()
 {
-    if (busy())
+    if (busy()) {
         return not_in_this_state;
+    }
     uint8_t rolled_back = 0;
     for_each_component(activated_, [&](uint8_t id) {
-        if (!has_general(id, rollback_support))
+        if (!has_general(id, rollback_support)) {
             return;
+        }
         announce(event::rolling_back, id);
         json given_up = component(id)["version"];
         run_version(id, json(component(id)["rollback_version"]));
@@ -423,19 +464,21 @@ uint8_t hpm1_target::roll_back()
         rolled_back |= static_cast<uint8_t>(1U << id);
         announce(event::rolled_back, id);
     });
-    if (rolled_back == 0)
+    if (rolled_back == 0) {
         return not_in_this_state;
+    }
     state_.set("/target/rollback_status", rolled_back);
     announce_all(event::restarted, rolled_back);
     return ok;
 }
 
-// The controller's own firmware shows its version in the configuration too.
+/** The controller's own firmware shows its version in the configuration too. */
 void hpm1_target::run_version(uint8_t id, const json &version)
 {
     set_component(id, "version", version);
-    if (component(id)["name"] != "BmcFw")
+    if (component(id)["name"] != "BmcFw") {
         return;
+    }
     state_.set("/config/Firmware.Major", version[0]);
     state_.set("/config/Firmware.Minor", version[1]);
 }
@@ -456,3 +499,5 @@ const byte_vector &hpm1_target::received(uint8_t id) const
 {
     return received_.at(id);
 }
+
+} // namespace bdbus_sim

@@ -4,8 +4,7 @@
  *
  * What it is and how it behaves is in the state's sections "target" and "upgrade"; what is under way is kept here.
  */
-#ifndef BDBUS_SIM_HPM1_TARGET_HPP
-#define BDBUS_SIM_HPM1_TARGET_HPP
+#pragma once
 
 #include "frame/event.hpp"
 #include "frame/json.hpp"
@@ -17,13 +16,16 @@
 #include <string>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 class hpm1_target
 {
 public:
     static constexpr uint8_t components_max = 8;
     static constexpr size_t version_size = 6;
 
-    // Completion codes of HPM.1 and IPMI.
+    /** Completion codes of HPM.1 and IPMI. */
     enum code : uint8_t {
         ok = 0x00,
         in_progress = 0x80,
@@ -38,7 +40,7 @@ public:
         not_in_this_state = 0xD5,
     };
 
-    // What happens to a component.
+    /** What happens to a component. */
     enum class event {
         received, // and found to be in order
         signature_bad,
@@ -69,7 +71,7 @@ public:
 
     void reset();
 
-    // Who is told of every event, as it happens.
+    /** Who is told of every event, as it happens. */
     void tell(witness whom) { witness_ = std::move(whom); }
 
     uint8_t components_present() const;
@@ -82,11 +84,11 @@ public:
     uint8_t abort();
     status_answer status();
 
-    // What the component received in its last upload.
+    /** What the component received in its last upload. */
     const byte_vector &received(uint8_t id) const;
 
 private:
-    // The numbers of the commands that may take long.
+    /** The numbers of the commands that may take long. */
     enum command : uint8_t {
         none = 0,
         initiate_action = 0x31,
@@ -95,8 +97,10 @@ private:
         activation = 0x35
     };
 
-    // A command that was answered with "in progress". It ends when the time is up and the polls have come, and has its
-    // effect then.
+    /**
+     * A command that was answered with "in progress". It ends when the time is up and the polls have come, and has its
+     * effect then.
+     */
     struct long_command {
         bool time_is_up;
         uint32_t polls;
@@ -104,7 +108,7 @@ private:
         timer_ptr due;
     };
 
-    // An image on its way.
+    /** An image on its way. */
     struct transfer {
         uint8_t component;
         uint64_t blocks = 0; // taken; their number goes on counting modulo 256
@@ -149,4 +153,4 @@ private:
     uint8_t activated_ = 0; // mask of those that were activated last
 };
 
-#endif
+} // namespace bdbus_sim

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -11,7 +14,7 @@ const std::string nodes_path = "/com/brisemont/network";
 const std::string neighbor = "LLDP.Neighbor";
 constexpr uint32_t extra_nodes_max = 1'000'000; // more fit no message
 
-// Of a node. In the state they are the same groups and names.
+/** Of a node. In the state they are the same groups and names. */
 struct node_property {
     std::string group;
     const char *name;
@@ -29,8 +32,9 @@ const node_property node_properties[] = {
 json node_shape()
 {
     json shape;
-    for (const auto &[group, name, type] : node_properties)
+    for (const auto &[group, name, type] : node_properties) {
         shape[group == neighbor ? group + "?" : group][name] = type;
+    }
     return shape;
 }
 
@@ -75,12 +79,15 @@ json extra_node()
 std::vector<std::string> node_paths(const json &section, bool with_neighbor)
 {
     std::vector<std::string> paths;
-    for (const auto &[name, node] : section["nodes"].items())
-        if (node.contains(neighbor) == with_neighbor)
+    for (const auto &[name, node] : section["nodes"].items()) {
+        if (node.contains(neighbor) == with_neighbor) {
             paths.push_back(nodes_path + "/" + name);
+        }
+    }
     uint32_t extras = with_neighbor ? 0 : std::min(section["extra_nodes"].get<uint32_t>(), extra_nodes_max);
-    for (uint32_t i = 0; i < extras; i++)
+    for (uint32_t i = 0; i < extras; i++) {
         paths.push_back(nodes_path + "/veth" + std::to_string(i));
+    }
     return paths;
 }
 
@@ -108,11 +115,13 @@ object_table nodes(state_document &state, bool with_neighbor)
     object_table table{.paths = [&state, with_neighbor] {
         return node_paths(state.at("/network"), with_neighbor);
     }};
-    for (const auto &[group, name, type] : node_properties)
-        if (with_neighbor || group != neighbor)
+    for (const auto &[group, name, type] : node_properties) {
+        if (with_neighbor || group != neighbor) {
             table.properties.emplace_back(
                 "com.brisemont.Network." + group, name, type,
                 [&state, group = group, name = name](const call &what) { return read_node(state, what)[group][name]; });
+        }
+    }
     table.methods.emplace_back(
         "SetLLDPEnabled", "i", "",
         [&state](const call &what) {
@@ -141,3 +150,5 @@ void add_network(simulator &simulator)
         return json::array();
     })});
 }
+
+} // namespace bdbus_sim

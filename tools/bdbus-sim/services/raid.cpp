@@ -6,6 +6,9 @@
 #include <set>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -28,7 +31,7 @@ enum code : uint8_t {
     malformed = 10,
 };
 
-// Where the values of a CreateVirtualDrive are among its arguments.
+/** Where the values of a CreateVirtualDrive are among its arguments. */
 enum create_argument : uint8_t { level = 0, size = 4, text = 5, first_option = 6, drive_count = 15, drive_ids = 16 };
 
 // ---- a controller as it comes: a mirror to boot from, two drives on one array, two spares, two drives that are free
@@ -56,8 +59,9 @@ json defaults()
             {"min_drives", fewest}, {"max_drives", most}, {"redundant_drives", redundant}, {"mirrored", mirrored}};
     };
     json physical = json::object();
-    for (int id = 257; id <= 268; id++)
+    for (int id = 257; id <= 268; id++) {
         physical[std::to_string(id)] = physical_drive(id <= 258 ? ssd_mib : disk_mib);
+    }
     physical["265"]["spare"] = {{"group", 1}, {"param2", 0}};
     physical["266"]["spare"] = json::object();
 
@@ -99,14 +103,15 @@ json shape()
 
 // ---- columns of a list
 
-// Of the state's objects, which are in the order of their keys' letters.
+/** Of the state's objects, which are in the order of their keys' letters. */
 using numbered = std::map<unsigned, const json *>;
 
 numbered by_number(const json &object)
 {
     numbered entries;
-    for (const auto &[key, entry] : object.items())
+    for (const auto &[key, entry] : object.items()) {
         entries.emplace(static_cast<unsigned>(std::stoul(key)), &entry);
+    }
     return entries;
 }
 
@@ -114,8 +119,9 @@ template <typename Value>
 json column(const numbered &entries, Value value)
 {
     json values = json::array();
-    for (const auto &[number, entry] : entries)
+    for (const auto &[number, entry] : entries) {
         values.push_back(value(number, *entry));
+    }
     return values;
 }
 
@@ -142,8 +148,9 @@ json list(const numbered &drives)
 json progress_list(const numbered &drives)
 {
     json reply = {count_byte(drives.size()), numbers(drives), values(drives, "size")};
-    for (size_t i = 0; i < progress_columns; i++)
+    for (size_t i = 0; i < progress_columns; i++) {
         reply.push_back(column(drives, [i](unsigned, const json &drive) { return drive["progress"][i]; }));
+    }
     reply.push_back(ok);
     return reply;
 }
@@ -216,17 +223,19 @@ bool controller::has_group(unsigned group) const
 unsigned controller::free_group() const
 {
     unsigned group = 0;
-    while (has_group(group))
+    while (has_group(group)) {
         group++;
+    }
     return group;
 }
 
-// Whether there are as many as it was said, all of them known, none twice.
+/** Whether there are as many as it was said, all of them known, none twice. */
 code controller::check_ids(const json &count, const json &ids, const json &among)
 {
     std::set<json> seen(ids.begin(), ids.end());
-    if (count != ids.size() || seen.size() != ids.size())
+    if (count != ids.size() || seen.size() != ids.size()) {
         return malformed;
+    }
     bool known = std::all_of(ids.begin(), ids.end(), [&](const json &id) { return among.contains(to_text(id)); });
     return known ? ok : no_such_drive;
 }
@@ -234,8 +243,9 @@ code controller::check_ids(const json &count, const json &ids, const json &among
 uint64_t controller::capacity(const json &properties, const json &ids) const
 {
     uint64_t smallest = UINT64_MAX;
-    for (const json &id : ids)
+    for (const json &id : ids) {
         smallest = std::min(smallest, all_physical()[to_text(id)]["size"].get<uint64_t>());
+    }
     size_t holding =
         properties["mirrored"] ? ids.size() / 2 : ids.size() - properties["redundant_drives"].get<size_t>();
     return smallest * holding;
@@ -244,19 +254,22 @@ uint64_t controller::capacity(const json &properties, const json &ids) const
 controller::plan controller::plan_for(const json &raid_level, const json &ids) const
 {
     auto found = section()["levels"].find(to_text(raid_level));
-    if (found == section()["levels"].end())
+    if (found == section()["levels"].end()) {
         return {no_such_level};
+    }
     size_t redundant = (*found)["redundant_drives"];
     bool odd = (*found)["mirrored"] && ids.size() % 2 != 0;
-    if (ids.size() < (*found)["min_drives"] || ids.size() > (*found)["max_drives"] || ids.size() <= redundant || odd)
+    if (ids.size() < (*found)["min_drives"] || ids.size() > (*found)["max_drives"] || ids.size() <= redundant || odd) {
         return {wrong_number_of_drives};
+    }
 
     plan made = {ok, free_group(), capacity(*found, ids)};
     bool shares = false;
     for (const json &drive : all_virtual()) {
         if (drive["params"][level] != raid_level ||
-            std::set<json>(drive["drives"].begin(), drive["drives"].end()) != std::set<json>(ids.begin(), ids.end()))
+            std::set<json>(drive["drives"].begin(), drive["drives"].end()) != std::set<json>(ids.begin(), ids.end())) {
             continue;
+        }
         shares = true;
         made.group = drive["group"];
         made.size -= std::min(made.size, drive["size"].get<uint64_t>());
@@ -276,13 +289,14 @@ json controller::unconfigured() const
     return list(drives);
 }
 
-// Groups with the number of their drives, then virtual drives with their group.
+/** Groups with the number of their drives, then virtual drives with their group. */
 json controller::groups() const
 {
     numbered drives = virtuals();
     numbered groups;
-    for (const auto &[id, drive] : drives)
+    for (const auto &[id, drive] : drives) {
         groups.emplace((*drive)["group"], drive);
+    }
     auto spared = std::count_if(all_physical().begin(), all_physical().end(), [](const json &drive) {
         return drive.contains("spare") && drive["spare"].contains("group");
     });
@@ -324,19 +338,21 @@ json controller::levels() const
             ok};
 }
 
-// The second parameter is a number of spans.
+/** The second parameter is a number of spans. */
 json controller::min_drives(const call &what) const
 {
     auto found = section()["levels"].find(to_text(what.args[0]));
-    if (found == section()["levels"].end())
+    if (found == section()["levels"].end()) {
         return {0, no_such_level};
+    }
     return {count_byte((*found)["min_drives"].get<size_t>() * std::max<size_t>(what.arg<size_t>(1), 1)), ok};
 }
 
 json controller::max_size(const call &what) const
 {
-    if (code refused = check_ids(what.args[3], what.args[4], all_physical()); refused != ok)
+    if (code refused = check_ids(what.args[3], what.args[4], all_physical()); refused != ok) {
         return {0, refused};
+    }
     plan made = plan_for(what.args[0], what.args[4]);
     return {made.size, made.result};
 }
@@ -346,17 +362,19 @@ json controller::oob_state(const call &what) const
     return what.args[0] == 0 ? json{section()["oob_state"], ok} : json{0, no_such_controller};
 }
 
-// Of the drive with that text, or without one, with that number.
+/** Of the drive with that text, or without one, with that number. */
 json controller::information(const call &what) const
 {
     bool by_text = !what.args[0].get_ref<const std::string &>().empty();
     for (const auto &[id, drive] : virtuals()) {
         bool named = by_text ? what.args[0] == (*drive)["text"] : what.args[1] == id;
-        if (!named)
+        if (!named) {
             continue;
+        }
         json reply = {(*drive)["params"][0], (*drive)["size"]};
-        for (size_t option : {0U, 1U, 2U, 3U, 4U, 5U, 8U})
+        for (size_t option : {0U, 1U, 2U, 3U, 4U, 5U, 8U}) {
             reply.push_back((*drive)["options"][option]);
+        }
         reply.push_back(ok);
         reply.push_back(count_byte((*drive)["drives"].size()));
         reply.push_back((*drive)["drives"]);
@@ -370,29 +388,36 @@ json controller::information(const call &what) const
 json controller::clear()
 {
     all_virtual() = json::object();
-    for (json &drive : all_physical())
+    for (json &drive : all_physical()) {
         drive.erase("spare");
+    }
     return {ok};
 }
 
 json controller::create(const call &what)
 {
     const json &ids = what.args[drive_ids];
-    if (code refused = check_ids(what.args[drive_count], ids, all_physical()); refused != ok)
+    if (code refused = check_ids(what.args[drive_count], ids, all_physical()); refused != ok) {
         return {refused};
+    }
     plan made = plan_for(what.args[level], ids);
-    if (made.result != ok)
+    if (made.result != ok) {
         return {made.result};
+    }
     auto wanted = what.arg<uint64_t>(size);
-    if (wanted > made.size || made.size == 0)
+    if (wanted > made.size || made.size == 0) {
         return {too_large};
-    if (what.args[text].get_ref<const std::string &>().size() > 16)
+    }
+    if (what.args[text].get_ref<const std::string &>().size() > 16) {
         return {malformed};
+    }
     unsigned id = 0;
-    while (all_virtual().contains(std::to_string(id)))
+    while (all_virtual().contains(std::to_string(id))) {
         id++;
-    if (id >= virtual_drives_max)
+    }
+    if (id >= virtual_drives_max) {
         return {no_more_drives};
+    }
 
     json drive = virtual_drive("", made.group, 0, wanted == 0 ? made.size : wanted, ids);
     drive["text"] = what.args[text];
@@ -405,46 +430,55 @@ json controller::create(const call &what)
 json controller::remove(const call &what)
 {
     json ids = static_cast<const byte_vector &>(what.args[1].get_binary());
-    if (code refused = check_ids(what.args[0], ids, all_virtual()); refused != ok)
+    if (code refused = check_ids(what.args[0], ids, all_virtual()); refused != ok) {
         return {refused};
-    for (const json &id : ids)
+    }
+    for (const json &id : ids) {
         all_virtual().erase(to_text(id));
+    }
     drop_orphaned_spares();
     return {ok};
 }
 
 void controller::drop_orphaned_spares()
 {
-    for (json &drive : all_physical())
-        if (drive.contains("spare") && drive["spare"].contains("group") && !has_group(drive["spare"]["group"]))
+    for (json &drive : all_physical()) {
+        if (drive.contains("spare") && drive["spare"].contains("group") && !has_group(drive["spare"]["group"])) {
             drive.erase("spare");
+        }
+    }
 }
 
 json controller::assign(const json &id, const json &spare)
 {
     auto found = all_physical().find(to_text(id));
-    if (found == all_physical().end())
+    if (found == all_physical().end()) {
         return {no_such_drive};
-    if (is_used(id) || found->contains("spare"))
+    }
+    if (is_used(id) || found->contains("spare")) {
         return {drive_in_use};
+    }
     (*found)["spare"] = spare;
     return {ok};
 }
 
 json controller::assign_dedicated(const call &what)
 {
-    if (!has_group(what.arg<unsigned>(0)))
+    if (!has_group(what.arg<unsigned>(0))) {
         return {no_such_group};
+    }
     return assign(what.args[1], {{"group", what.args[0]}, {"param2", what.args[2]}});
 }
 
 json controller::remove_spare(const call &what, bool dedicated)
 {
     auto found = all_physical().find(to_text(what.args[0]));
-    if (found == all_physical().end())
+    if (found == all_physical().end()) {
         return {no_such_drive};
-    if (!found->contains("spare") || (*found)["spare"].contains("group") != dedicated)
+    }
+    if (!found->contains("spare") || (*found)["spare"].contains("group") != dedicated) {
         return {not_a_spare};
+    }
     found->erase("spare");
     return {ok};
 }
@@ -453,19 +487,23 @@ json controller::start_locate(const char *drives, const call &what)
 {
     const byte_vector &shown = what.args[2].get_binary();
     code refused = check_ids(what.args[0], what.args[1], section()[drives]);
-    if (refused != ok || shown.size() != what.args[1].size())
+    if (refused != ok || shown.size() != what.args[1].size()) {
         return {refused != ok ? refused : malformed};
-    for (size_t i = 0; i < shown.size(); i++)
+    }
+    for (size_t i = 0; i < shown.size(); i++) {
         section()[drives][to_text(what.args[1][i])]["locate"] = shown[i];
+    }
     return {ok};
 }
 
 json controller::stop_locate(const char *drives, const call &what)
 {
-    if (code refused = check_ids(what.args[0], what.args[1], section()[drives]); refused != ok)
+    if (code refused = check_ids(what.args[0], what.args[1], section()[drives]); refused != ok) {
         return {refused};
-    for (const json &id : what.args[1])
+    }
+    for (const json &id : what.args[1]) {
         section()[drives][to_text(id)].erase("locate");
+    }
     return {ok};
 }
 
@@ -517,3 +555,5 @@ void add_raid(simulator &simulator)
             operation("CreateVirtualDrive", "yyyytsyyyyyyyyyyaq", std::mem_fn(&controller::create)),
         });
 }
+
+} // namespace bdbus_sim

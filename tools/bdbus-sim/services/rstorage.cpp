@@ -5,6 +5,9 @@
 #include <iterator>
 #include <string>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -52,8 +55,9 @@ private:
 std::vector<std::string> disks::paths() const
 {
     std::vector<std::string> paths;
-    for (const auto &[number, disk] : all().items())
+    for (const auto &[number, disk] : all().items()) {
         paths.push_back(prefix_ + number);
+    }
     return paths;
 }
 
@@ -70,22 +74,26 @@ struct outcome {
 
 outcome change(json &disk, const char *key, bool value, bool allowed)
 {
-    if (disk[key] == value)
+    if (disk[key] == value) {
         return {was_so};
-    if (!allowed)
+    }
+    if (!allowed) {
         return {refused};
+    }
     disk[key] = value;
     return {done};
 }
 
-// An empty password is the disk's own.
+/** An empty password is the disk's own. */
 outcome mount(json &disk, const call &what)
 {
     auto password = what.arg<std::string>(0);
-    if (!password.empty() && disk["password"] != password)
+    if (!password.empty() && disk["password"] != password) {
         return {refused, "wrong password"};
-    if (disk["image_name"].get_ref<const std::string &>().empty())
+    }
+    if (disk["image_name"].get_ref<const std::string &>().empty()) {
         return {refused, "no image"};
+    }
     disk["connected"] = true;
     return {change(disk, "mounted", true, true).result, disk["image_name"]};
 }
@@ -113,7 +121,7 @@ outcome status(json &disk, const call &what)
     return {disk[key].get<int32_t>()};
 }
 
-// An answer in the disk's state takes the place of the action.
+/** An answer in the disk's state takes the place of the action. */
 method row(const disks &all, const char *member, const char *in, const char *out,
            outcome (*action)(json &, const call &))
 {
@@ -128,8 +136,9 @@ method row(const disks &all, const char *member, const char *in, const char *out
 json default_disk(const json &changes)
 {
     json disk = {{"mount_ms", 0}, {"answer", 0}, {"status", 0}, {"gadget", {0, false}}};
-    for (const auto &[property, type, key] : disk_values)
+    for (const auto &[property, type, key] : disk_values) {
         disk[key] = type[0] == 's' ? json("") : type[0] == 'b' ? json(false) : json(0);
+    }
     disk.merge_patch(changes);
     return disk;
 }
@@ -159,8 +168,9 @@ json default_disks()
 json disk_shape()
 {
     json shape = {{"mount_ms", "u"}, {"answer", "i"}, {"status", "i"}, {"gadget", {"y", "b"}}};
-    for (const auto &[property, type, key] : disk_values)
+    for (const auto &[property, type, key] : disk_values) {
         shape[key] = type;
+    }
     shape["password"] = "p";
     return shape;
 }
@@ -187,8 +197,11 @@ void add_rstorage(simulator &simulator)
         return all.mount_time(what);
     };
     service.keep_texts_secret();
-    for (const disk_value &value : disk_values)
+    for (const disk_value &value : disk_values) {
         table.properties.emplace_back("", value.property, value.type,
                                       [=](const call &what) { return all.at(what).at(value.key); });
+    }
     service.add_object(std::move(table));
 }
+
+} // namespace bdbus_sim

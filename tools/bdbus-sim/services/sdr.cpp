@@ -9,6 +9,9 @@
 #include <random>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -17,8 +20,10 @@ constexpr uint16_t last_id = 0xFFFE;
 constexpr uint16_t first_extra_id = 0x1000;
 constexpr uint8_t record_not_present = 0xCB;
 
-// A value of a record that clients set and that is announced to all of them. The call takes the record's ID and the
-// value; the signal names the author and says the same.
+/**
+ * A value of a record that clients set and that is announced to all of them. The call takes the record's ID and the
+ * value; the signal names the author and says the same.
+ */
 struct live_value {
     const char *key;
     const char *set;
@@ -36,16 +41,19 @@ const live_value live_values[] = {
     {"thresholds", "SetThresholds", "qay", "ThresholdSet"},
 };
 
-// The value as it is in the state, from the call's arguments.
+/** The value as it is in the state, from the call's arguments. */
 json value_in(const call &what)
 {
-    if (what.args.size() > 2)
+    if (what.args.size() > 2) {
         return json(what.args.begin() + 1, what.args.end());
+    }
     const json &value = what.args[1];
-    if (!value.is_binary())
+    if (!value.is_binary()) {
         return value;
-    if (value.get_binary().size() != thresholds_size)
+    }
+    if (value.get_binary().size() != thresholds_size) {
         throw std::invalid_argument("thresholds are 7 bytes");
+    }
     return static_cast<const byte_vector &>(value.get_binary());
 }
 
@@ -98,33 +106,39 @@ uint32_t repository::extras_end() const
 uint16_t repository::next_after(uint16_t id) const
 {
     uint32_t next = std::max<uint32_t>(id + 1U, first_extra_id);
-    if (next >= extras_end())
+    if (next >= extras_end()) {
         next = no_record;
+    }
     for (const auto &[key, record] : records().items()) {
         auto other = static_cast<uint32_t>(std::stoul(key));
-        if (other > id)
+        if (other > id) {
             next = std::min(next, other);
+        }
     }
     return static_cast<uint16_t>(next);
 }
 
-// An extra record is in the state from its first change on.
+/** An extra record is in the state from its first change on. */
 json &repository::at(uint16_t id)
 {
-    if (!has(id))
+    if (!has(id)) {
         throw dbus_error("com.brisemont.Error.NoSuchRecord", "No such record: " + std::to_string(id));
+    }
     json &record = records()[std::to_string(id)];
-    if (record.is_null())
+    if (record.is_null()) {
         record = extra_sensor(id);
+    }
     return record;
 }
 
 json repository::get(uint16_t id) const
 {
-    if (id == 0)
+    if (id == 0) {
         id = next_after(0);
-    if (!has(id))
+    }
+    if (!has(id)) {
         return {record_not_present, no_record, json::array()};
+    }
     auto found = records().find(std::to_string(id));
     return {0, next_after(id), found != records().end() ? (*found)["sdr"] : extra_sensor(id)["sdr"]};
 }
@@ -132,13 +146,16 @@ json repository::get(uint16_t id) const
 uint16_t repository::add(const call &what)
 {
     const byte_vector &sdr = what.args[0].get_binary();
-    if (sdr.size() != sdr_size)
+    if (sdr.size() != sdr_size) {
         throw std::invalid_argument("a record is 64 bytes");
+    }
     uint16_t id = 1;
-    while (has(id))
+    while (has(id)) {
         id++;
-    if (id > last_id)
+    }
+    if (id > last_id) {
         throw standard_error("LimitsExceeded", "The repository is full.");
+    }
 
     json record = sensor_record(id, sdr);
     records()[std::to_string(id)] = record;
@@ -152,8 +169,9 @@ void repository::remove(const call &what)
     at(id);
     if (is_extra(id)) {
         // Those above it become records like all others, for the extra ones leave no gap.
-        for (uint32_t above = id + 1U; above < extras_end(); above++)
+        for (uint32_t above = id + 1U; above < extras_end(); above++) {
             at(static_cast<uint16_t>(above));
+        }
         section()["extra_records"] = id - first_extra_id;
     }
     records().erase(std::to_string(id));
@@ -174,37 +192,43 @@ void repository::announce(const live_value &row, const std::string &author, uint
 {
     std::string signature = row.set_signature;
     json args = {author, id};
-    if (signature == "qy" || signature == "qay")
+    if (signature == "qy" || signature == "qay") {
         args.push_back(value);
-    else
+    } else {
         args.insert(args.end(), value.begin(), value.end());
+    }
     service_.emit(row.announced, "s" + signature, args);
 }
 
-// Who hears of a new record gives it the values of its 64 bytes, so only others need saying.
+/** Who hears of a new record gives it the values of its 64 bytes, so only others need saying. */
 void repository::announce_record(uint16_t id, const json *before, const json &after)
 {
     json known = before != nullptr ? *before : json();
     if (before == nullptr || known["sdr"] != after["sdr"]) {
         service_.emit("RecordAdded", "say", {service_.unique_name(), after["sdr"]});
         known = sensor_record(id, after["sdr"]);
-        if (before != nullptr)
+        if (before != nullptr) {
             known["event_status"] = (*before)["event_status"];
+        }
     }
-    for (const live_value &row : live_values)
-        if (known[row.key] != after[row.key])
+    for (const live_value &row : live_values) {
+        if (known[row.key] != after[row.key]) {
             announce(row, service_.unique_name(), id, after[row.key]);
+        }
+    }
 }
 
-// Records may come into the state as no more than their 64 bytes.
+/** Records may come into the state as no more than their 64 bytes. */
 void repository::complete()
 {
     for (auto &[key, record] : records().items()) {
         json whole = sensor_record(static_cast<uint16_t>(std::stoul(key)), record["sdr"]);
         record["sdr"] = whole["sdr"];
-        for (const live_value &row : live_values)
-            if (!record.contains(row.key))
+        for (const live_value &row : live_values) {
+            if (!record.contains(row.key)) {
                 record[row.key] = whole[row.key];
+            }
+        }
     }
 }
 
@@ -214,18 +238,21 @@ void repository::follow(const json &before, const json &after)
     const json &old = before["records"];
     for (const auto &[key, record] : old.items()) {
         auto id = static_cast<uint16_t>(std::stoul(key));
-        if (!has(id))
+        if (!has(id)) {
             service_.emit("RecordDeleted", "sq", {service_.unique_name(), id});
-        else if (!after["records"].contains(key))
+        } else if (!after["records"].contains(key)) {
             announce_record(id, &record, extra_sensor(id));
+        }
     }
     for (const auto &[key, record] : after["records"].items()) {
         auto known = old.find(key);
-        if (known == old.end() || *known != record)
+        if (known == old.end() || *known != record) {
             announce_record(static_cast<uint16_t>(std::stoul(key)), known == old.end() ? nullptr : &*known, record);
+        }
     }
-    if (before["moving_ms"] != after["moving_ms"])
+    if (before["moving_ms"] != after["moving_ms"]) {
         schedule_move();
+    }
 }
 
 // ---- readings that move
@@ -234,14 +261,15 @@ void repository::schedule_move()
 {
     auto interval = std::chrono::milliseconds(section()["moving_ms"].get<uint32_t>());
     next_move_.reset();
-    if (interval.count() > 0)
+    if (interval.count() > 0) {
         next_move_ = loop_.after(interval, [this] {
             move();
             schedule_move();
         });
+    }
 }
 
-// A few sensors make a small step, inside the limits beyond which they would be worth an event.
+/** A few sensors make a small step, inside the limits beyond which they would be worth an event. */
 void repository::move()
 {
     constexpr int at_a_time = 3;
@@ -270,19 +298,21 @@ std::vector<method> methods(const std::shared_ptr<repository> &sdr)
                    return json::array();
                }),
     };
-    for (const live_value &row : live_values)
+    for (const live_value &row : live_values) {
         rows.emplace_back(row.set, row.set_signature, "", [sdr, &row](const call &what) {
             sdr->set(row, what);
             return json::array();
         });
+    }
     return rows;
 }
 
 std::vector<signal_row> announcements()
 {
     std::vector<signal_row> rows = {{"", "RecordAdded", "say"}, {"", "RecordDeleted", "sq"}};
-    for (const live_value &row : live_values)
+    for (const live_value &row : live_values) {
         rows.push_back({"", row.announced, std::string("s") + row.set_signature});
+    }
     return rows;
 }
 
@@ -305,3 +335,5 @@ void add_sdr(simulator &simulator)
     service.add_object(methods(sdr), {}, announcements());
     simulator.state.on_change("sdr", [sdr](const json &before, const json &after) { sdr->follow(before, after); });
 }
+
+} // namespace bdbus_sim

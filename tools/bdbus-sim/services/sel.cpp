@@ -8,6 +8,9 @@
 #include <optional>
 #include <set>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
@@ -50,8 +53,9 @@ bool is_stamped(uint8_t type)
 uint32_t stamp_of(const json &entry)
 {
     uint32_t stamp = 0;
-    for (size_t place : {6U, 5U, 4U, 3U})
+    for (size_t place : {6U, 5U, 4U, 3U}) {
         stamp = stamp << 8 | entry[place].get<uint8_t>();
+    }
     return stamp;
 }
 
@@ -64,8 +68,10 @@ void put_stamp(Entry &entry, uint32_t stamp)
     }
 }
 
-// The times of a morning on which the controller lost its mains and a fan; what precedes the setting of its clock is
-// counted from its start.
+/**
+ * The times of a morning on which the controller lost its mains and a fan; what precedes the setting of its clock is
+ * counted from its start.
+ */
 json default_entries()
 {
     struct event {
@@ -151,9 +157,11 @@ void event_log::reset()
     erased_at_ = no_time;
     overflowed_ = false;
     added_at_ = no_time;
-    for (const json &entry : entries())
-        if (is_stamped(entry[2]))
+    for (const json &entry : entries()) {
+        if (is_stamped(entry[2])) {
             added_at_ = stamp_of(entry);
+        }
+    }
 }
 
 size_t event_log::free_entries() const
@@ -162,15 +170,17 @@ size_t event_log::free_entries() const
     return capacity - std::min(capacity, entries().size());
 }
 
-// The one after the last entry's; past the end of the numbers the first that is free.
+/** The one after the last entry's; past the end of the numbers the first that is free. */
 uint16_t event_log::free_id() const
 {
     std::set<unsigned> taken = {first_entry, last_entry};
-    for (const json &entry : entries())
+    for (const json &entry : entries()) {
         taken.insert(id_of(entry));
+    }
     unsigned id = entries().empty() ? 1 : id_of(entries().back()) + 1U;
-    while (taken.contains(id))
+    while (taken.contains(id)) {
         id = (id + 1) % 0x10000;
+    }
     return static_cast<uint16_t>(id);
 }
 
@@ -182,20 +192,25 @@ void event_log::notice(const json &before, const json &after)
     auto almost_full = [](const json &log) {
         return log["entries"].size() * 100 >= log["capacity"].get<size_t>() * log["almost_full"].get<size_t>();
     };
-    if (!before["entries"].empty() && after["entries"].empty())
+    if (!before["entries"].empty() && after["entries"].empty()) {
         service_.emit("SelCleared", "", json::array());
-    if (!almost_full(before) && almost_full(after))
+    }
+    if (!almost_full(before) && almost_full(after)) {
         service_.emit("SelAlmostFull", "", json::array());
-    if (!full(before) && full(after))
+    }
+    if (!full(before) && full(after)) {
         service_.emit("SelFull", "", json::array());
+    }
 }
 
 json event_log::add(const byte_vector &record)
 {
-    if (record.size() != entry_size)
+    if (record.size() != entry_size) {
         return {length_invalid, 0};
-    if (polls_left_)
+    }
+    if (polls_left_) {
         return {erasing, 0};
+    }
     if (free_entries() == 0) {
         overflowed_ = true;
         return {out_of_space, 0};
@@ -207,8 +222,9 @@ json event_log::add(const byte_vector &record)
     auto now = static_cast<uint32_t>(time(nullptr));
     entry[0] = id & 0xFF;
     entry[1] = id >> 8;
-    if (is_stamped(record[2]) && stamp_of(entry) == 0)
+    if (is_stamped(record[2]) && stamp_of(entry) == 0) {
         put_stamp(entry, now);
+    }
     entries().push_back(std::move(entry));
     added_at_ = now;
     reservation_.reset();
@@ -218,10 +234,12 @@ json event_log::add(const byte_vector &record)
 
 json event_log::reserve()
 {
-    if (polls_left_)
+    if (polls_left_) {
         return {erasing, 0};
-    if (++last_reservation_ == 0)
+    }
+    if (++last_reservation_ == 0) {
         last_reservation_ = 1;
+    }
     reservation_ = last_reservation_;
     return {ok, last_reservation_};
 }
@@ -237,33 +255,39 @@ void event_log::erase()
 
 json event_log::clear(const call &what)
 {
-    if (reservation_ != what.arg<uint16_t>(0))
+    if (reservation_ != what.arg<uint16_t>(0)) {
         return {reservation_lost, 0};
-    if (what.arg<char>(1) != 'C' || what.arg<char>(2) != 'L' || what.arg<char>(3) != 'R')
+    }
+    if (what.arg<char>(1) != 'C' || what.arg<char>(2) != 'L' || what.arg<char>(3) != 'R') {
         return {invalid_field, 0};
+    }
     auto action = what.arg<uint8_t>(4);
-    if (action != start_erasing && action != get_progress)
+    if (action != start_erasing && action != get_progress) {
         return {invalid_field, 0};
+    }
 
     auto polls = section()["erase_polls"].get<unsigned>();
-    if (action == start_erasing && polls > 0)
+    if (action == start_erasing && polls > 0) {
         polls_left_ = polls;
-    else if (action == start_erasing || (polls_left_ && --*polls_left_ == 0))
+    } else if (action == start_erasing || (polls_left_ && --*polls_left_ == 0)) {
         erase();
+    }
     return {ok, polls_left_ ? under_way : complete};
 }
 
-// Of a read's bytes; `size` becomes their number.
+/** Of a read's bytes; `size` becomes their number. */
 uint8_t event_log::check_part(const call &what, size_t &size) const
 {
     auto offset = what.arg<uint8_t>(2);
     auto count = what.arg<uint8_t>(3);
     size_t rest = offset < entry_size ? entry_size - offset : 0;
     size = count == whole_entry ? rest : count;
-    if (offset == 0 && size == entry_size)
+    if (offset == 0 && size == entry_size) {
         return ok;
-    if (reservation_ != what.arg<uint16_t>(0))
+    }
+    if (reservation_ != what.arg<uint16_t>(0)) {
         return reservation_lost;
+    }
     return rest == 0 ? offset_invalid : size > rest ? too_many_bytes : ok;
 }
 
@@ -277,12 +301,14 @@ json event_log::get(const call &what) const
     auto found = id == first_entry ? all.begin() : std::find_if(all.begin(), all.end(), [&](const json &entry) {
         return id_of(entry) == id || (id == last_entry && &entry == &all.back());
     });
-    if (found == all.end())
+    if (found == all.end()) {
         return refusal(record_not_present);
+    }
     size_t size = 0;
     uint8_t answer = check_part(what, size);
-    if (answer != ok)
+    if (answer != ok) {
         return refusal(answer);
+    }
 
     auto next = std::next(found);
     auto from = found->begin() + what.arg<uint8_t>(2);
@@ -296,7 +322,7 @@ json event_log::info() const
     return {ok, section()["version"], entries().size(), free_bytes, added_at_, erased_at_, operations};
 }
 
-// A unit is an entry.
+/** A unit is an entry. */
 json event_log::allocation() const
 {
     return {ok, section()["capacity"], entry_size, free_entries(), free_entries(), 1};
@@ -330,3 +356,5 @@ void add_sel(simulator &simulator)
     simulator.state.on_change("sel", [log](const json &before, const json &after) { log->notice(before, after); });
     simulator.on_reset([log] { log->reset(); });
 }
+
+} // namespace bdbus_sim

@@ -6,10 +6,13 @@
 #include <iterator>
 #include <utility>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
-// What sensors of one kind have in common: their reading means (m * raw + b * 10^b_exponent) * 10^r_exponent.
+/** What sensors of one kind have in common: their reading means (m * raw + b * 10^b_exponent) * 10^r_exponent. */
 struct sensor_kind {
     uint8_t type; // of IPMI's sensor types
     uint8_t unit;
@@ -31,7 +34,7 @@ constexpr sensor_kind current = {0x03, 5, 5, 0, 0, -1, 250};
 constexpr sensor_kind fan = {0x04, 18, 8, 0, 0, 1, 300};
 constexpr sensor_kind power = {0x0B, 6, 4, 0, 0, 0, 300};
 
-// The figures are in the sensor's unit. A limit that is `none` does not exist.
+/** The figures are in the sensor's unit. A limit that is `none` does not exist. */
 constexpr double none = NAN;
 
 struct sensor_group {
@@ -80,7 +83,7 @@ constexpr sensor_group groups[] = {
     {"Fan# Current", 16, 0x1D, &small_current, 0.84, {none, none, none}, {2.6, 3, none}, 0.04},
 };
 
-// Where what is in a full sensor record.
+/** Where what is in a full sensor record. */
 enum sdr_offset : size_t {
     id_at = 0,
     header_at = 2,
@@ -131,7 +134,7 @@ uint8_t to_raw(const sensor_kind &kind, double value)
     return clamped((value / std::pow(10, kind.r_exponent) - kind.b * std::pow(10, kind.b_exponent)) / kind.m);
 }
 
-// M and B are 10 bits wide: the two uppermost are in the second byte, with what else is kept there.
+/** M and B are 10 bits wide: the two uppermost are in the second byte, with what else is kept there. */
 void put_factor(byte_vector &sdr, size_t offset, int factor, int below)
 {
     put_word(sdr, offset, (factor & 0xFF) | ((factor >> 8 & 3) << 6 | (below & 0x3F)) << 8);
@@ -148,8 +151,10 @@ void put_kind(byte_vector &sdr, const sensor_kind &kind)
     sdr[exponents_at] = static_cast<uint8_t>((kind.r_exponent & 0xF) << 4 | (kind.b_exponent & 0xF));
 }
 
-// Lower limits send their events when a reading falls below them, upper ones when it rises above. The uppermost bits
-// say which comparisons a reading comes with: the lower ones in the first mask, the upper ones in the second.
+/**
+ * Lower limits send their events when a reading falls below them, upper ones when it rises above. The uppermost bits
+ * say which comparisons a reading comes with: the lower ones in the first mask, the upper ones in the second.
+ */
 void put_limits(byte_vector &sdr, const sensor_group &group)
 {
     int readable = 0;
@@ -171,7 +176,7 @@ void put_limits(byte_vector &sdr, const sensor_group &group)
     sdr[readable_at] = sdr[settable_at] = static_cast<uint8_t>(readable);
 }
 
-// Up to the limits where there are any.
+/** Up to the limits where there are any. */
 void put_range(byte_vector &sdr, const sensor_group &group)
 {
     auto limit_or = [&](double limit, double share) {
@@ -191,8 +196,9 @@ void put_text(byte_vector &sdr, const sensor_group &group, int instance)
 {
     std::string text = group.name;
     size_t mark = text.find('#');
-    if (mark != std::string::npos)
+    if (mark != std::string::npos) {
         text.replace(mark, 1, std::to_string(instance));
+    }
     text.resize(std::min(text.size(), text_max));
     sdr[text_length] = static_cast<uint8_t>(0xC0 | text.size());
     std::copy(text.begin(), text.end(), sdr.begin() + text_at);
@@ -228,8 +234,9 @@ json sensor_record(uint16_t id, json sdr)
     sdr[id_at] = id & 0xFF;
     sdr[id_at + 1] = id >> 8;
     json limits = json::array({sdr[readable_at]});
-    for (size_t place : {lower_at + 2, lower_at + 1, lower_at + 0, upper_at + 2, upper_at + 1, upper_at + 0})
+    for (size_t place : {lower_at + 2, lower_at + 1, lower_at + 0, upper_at + 2, upper_at + 1, upper_at + 0}) {
         limits.push_back(sdr[place]);
+    }
     int flags = sdr[initialization].get<int>() << 6 & 0xFF;
     return {{"event_enable", {flags, word(sdr, assertion_at), word(sdr, deassertion_at)}},
             {"event_status", {0, 0, 0}},
@@ -249,8 +256,9 @@ json default_sensors()
             id++;
             records[std::to_string(id)] = sensor_record(id, full_sensor_record(group, instance, ++number));
         }
-        if (group.count > 8)
+        if (group.count > 8) {
             id += 4; // a gap where more of the many might be
+        }
     }
     return records;
 }
@@ -260,3 +268,5 @@ json extra_sensor(uint16_t id)
     static constexpr sensor_group group = {"Extra #", 1, 0x07, &temperature, 30, {5, 0, none}, {80, 85, 90}, 2};
     return sensor_record(id, full_sensor_record(group, id, id));
 }
+
+} // namespace bdbus_sim

@@ -4,16 +4,19 @@
 #include <algorithm>
 #include <map>
 
+namespace bdbus_sim
+{
+
 namespace
 {
 
 const char *const component_names[] = {"BmcUboot", "BmcFw", "BmcConf", "Fpga", "Bios", "Nvram", "Cpld"};
 const char *const backup_names[] = {"BmcFw", "Fpga", "Bios", "Cpld"};
 
-// What others tell the service.
+/** What others tell the service. */
 const char *const noted_names[] = {"BmcSensorsReady", "FpgaChangeHandle", "BiosChangeHandle", "NvramChangeHandle"};
 
-// The PICMG identifier of every reply, after its completion code.
+/** The PICMG identifier of every reply, after its completion code. */
 constexpr uint8_t picmg_id = 0;
 
 json code(uint8_t completion_code)
@@ -21,12 +24,14 @@ json code(uint8_t completion_code)
     return json::array({completion_code, picmg_id});
 }
 
-// A value of the component of that name; no bytes when the target has none.
+/** A value of the component of that name; no bytes when the target has none. */
 json component_value(const state_document &state, const std::string &name, const std::string &key)
 {
-    for (const json &component : state.at("/target/components"))
-        if (component["name"] == name)
+    for (const json &component : state.at("/target/components")) {
+        if (component["name"] == name) {
             return component[key];
+        }
+    }
     return json::array();
 }
 
@@ -34,7 +39,7 @@ json component_value(const state_document &state, const std::string &name, const
 
 const std::string version_kind = "Version";
 
-// A component's notices: its name in the target, how their names begin and how they end.
+/** A component's notices: its name in the target, how their names begin and how they end. */
 const struct {
     std::string component;
     std::string prefix;
@@ -72,7 +77,7 @@ const struct {
       version_kind, "SignVerifyPass", "SignVerifyFail"}},
 };
 
-// What an event is told with, in this order: by those of the notices that the component has.
+/** What an event is told with, in this order: by those of the notices that the component has. */
 const std::map<hpm1_target::event, std::vector<std::string>> event_notices = {
     {hpm1_target::event::received, {"SignVerifyPass", "UpdatePending"}},
     {hpm1_target::event::signature_bad, {"SignFail", "SignVerifyFail", "UpdateFail"}},
@@ -88,7 +93,7 @@ const std::map<hpm1_target::event, std::vector<std::string>> event_notices = {
     {hpm1_target::event::restarted, {"Reset"}},
 };
 
-// A version's notice carries the version, the others nothing.
+/** A version's notice carries the version, the others nothing. */
 std::string signature_of(const std::string &kind)
 {
     return kind == version_kind ? "ay" : "";
@@ -96,19 +101,24 @@ std::string signature_of(const std::string &kind)
 
 void announce(service &upgrade, hpm1_target::event what, const json &component)
 {
-    for (const auto &[name, prefix, kinds] : component_notices)
-        for (const std::string &kind : event_notices.at(what))
-            if (name == component["name"] && std::find(kinds.begin(), kinds.end(), kind) != kinds.end())
+    for (const auto &[name, prefix, kinds] : component_notices) {
+        for (const std::string &kind : event_notices.at(what)) {
+            if (name == component["name"] && std::find(kinds.begin(), kinds.end(), kind) != kinds.end()) {
                 upgrade.emit(prefix + kind, signature_of(kind),
                              kind == version_kind ? json::array({component["version"]}) : json::array());
+            }
+        }
+    }
 }
 
 std::vector<signal_row> signals()
 {
     std::vector<signal_row> rows;
-    for (const auto &[name, prefix, kinds] : component_notices)
-        for (const std::string &kind : kinds)
+    for (const auto &[name, prefix, kinds] : component_notices) {
+        for (const std::string &kind : kinds) {
             rows.push_back({"", prefix + kind, signature_of(kind)});
+        }
+    }
     return rows;
 }
 
@@ -118,8 +128,9 @@ json capabilities(const state_document &state, const hpm1_target &target)
 {
     json values = code(hpm1_target::ok);
     for (const char *key : {"hpm_version", "global_capabilities", "upgrade_timeout", "self_test_timeout",
-                            "rollback_timeout", "inaccessibility_timeout"})
+                            "rollback_timeout", "inaccessibility_timeout"}) {
         values.push_back(state.at("/target/" + std::string(key)));
+    }
     values.push_back(target.components_present());
     return values;
 }
@@ -157,21 +168,25 @@ constexpr uint32_t flashes = 2;
 
 json select_bmc_flash(state_document &state, const call &what)
 {
-    if (what.arg<uint32_t>(0) >= flashes)
+    if (what.arg<uint32_t>(0) >= flashes) {
         return answer(hpm1_target::invalid_field);
+    }
     state.set("/upgrade/bmc_flash", what.args[0]);
     return answer(hpm1_target::ok);
 }
 
-// The BIOS goes on from the other flash at once.
+/** The BIOS goes on from the other flash at once. */
 json select_bios_flash(state_document &state, service &upgrade, const call &what)
 {
-    if (what.arg<uint32_t>(0) >= flashes)
+    if (what.arg<uint32_t>(0) >= flashes) {
         return answer(hpm1_target::invalid_field);
-    if (state.at("/upgrade/bios_flash") == what.args[0])
+    }
+    if (state.at("/upgrade/bios_flash") == what.args[0]) {
         return answer(hpm1_target::ok);
-    for (const std::string kind : {"FlashSwapRunning", "FlashSwapFinished"})
+    }
+    for (const std::string kind : {"FlashSwapRunning", "FlashSwapFinished"}) {
         upgrade.emit("Bios" + kind, "", json::array());
+    }
     state.set("/upgrade/bios_flash", what.args[0]);
     upgrade.emit("BiosFlash" + what.args[0].dump() + "BootInit", "", json::array());
     return answer(hpm1_target::ok);
@@ -180,13 +195,15 @@ json select_bios_flash(state_document &state, service &upgrade, const call &what
 json set_version(state_document &state, const std::string &name, const call &what)
 {
     const byte_vector &version = what.args[0].get_binary();
-    if (version.size() != hpm1_target::version_size)
+    if (version.size() != hpm1_target::version_size) {
         return answer(hpm1_target::length_invalid);
-    for (const auto &[id, component] : state.at("/target/components").items())
+    }
+    for (const auto &[id, component] : state.at("/target/components").items()) {
         if (component["name"] == name) {
             state.set("/target/components/" + id + "/version", std::vector<uint8_t>(version));
             return answer(hpm1_target::ok);
         }
+    }
     return answer(hpm1_target::not_in_this_state);
 }
 
@@ -198,7 +215,7 @@ json set_factory_mode(state_document &state, const call &what)
 
 // ---- tables
 
-// The first argument of each HPM.1 command is the PICMG identifier.
+/** The first argument of each HPM.1 command is the PICMG identifier. */
 std::vector<method> methods(state_document &state, hpm1_target &target, service &upgrade)
 {
     auto *s = &state;
@@ -251,8 +268,9 @@ std::vector<property> properties(const state_document &state)
         rows.push_back(version(name + "Version", name, "version"));
         rows.push_back(row(name + "RollbackFlag", "b", "/upgrade/rollback_flags/" + name));
     }
-    for (const std::string name : backup_names)
+    for (const std::string name : backup_names) {
         rows.push_back(version(name + "BackupVersion", name, "rollback_version"));
+    }
     return rows;
 }
 
@@ -279,11 +297,14 @@ void add_upgrade(simulator &simulator)
 
     service &upgrade = simulator.add_service("Upgrade1");
     upgrade.add_object(methods(state, simulator.target, upgrade), properties(state), signals());
-    for (const std::string name : noted_names)
+    for (const std::string name : noted_names) {
         upgrade.listen(name, [&state, name] {
             const std::string count = "/upgrade/notices/" + name;
             state.set(count, state.get<uint32_t>(count) + 1);
         });
+    }
     simulator.target.tell(
         [&upgrade](hpm1_target::event what, const json &component) { announce(upgrade, what, component); });
 }
+
+} // namespace bdbus_sim

@@ -15,7 +15,7 @@ namespace bdbusctl
 namespace
 {
 
-// The bytes go to the start of `target`.
+/** The bytes go to the start of `target`. */
 void take_bytes(const std::vector<std::string> &words, size_t least, std::span<uint8_t> target)
 {
     const auto bytes = read_bytes(words, least, target.size());
@@ -81,8 +81,9 @@ void remove(const session &run, const log_arguments &given)
 void clear(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{{0, 0, 'C', 'L', 'R', 0xAA}, 0, 0};
-    if (!given.bytes.empty())
+    if (!given.bytes.empty()) {
         take_bytes(given.bytes, 4, std::span(request.data).subspan(2, 4));
+    }
     run.confirm("This erases all entries of the authentication log.");
     send(run, "clear the log", bdbus_user_authlog_clear, request);
 }

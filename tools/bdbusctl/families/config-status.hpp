@@ -9,7 +9,7 @@
 namespace bdbusctl
 {
 
-// A status of the configuration calls, which the upgrade agent passes on.
+/** A status of the configuration calls, which the upgrade agent passes on. */
 std::string config_status_text(int32_t status);
 
 void check_config_status(const std::string &intent, int32_t status);

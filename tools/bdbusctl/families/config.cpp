@@ -48,8 +48,9 @@ const char *type_name(char type)
 const config_key &find_key(const std::string &name)
 {
     const auto *const found = std::find_if(keys.begin(), keys.end(), [&](const auto &key) { return key.name == name; });
-    if (found == keys.end())
+    if (found == keys.end()) {
         throw failure("no such key: '" + one_line(name) + "' (see bdbusctl config list)");
+    }
     return *found;
 }
 
@@ -74,10 +75,12 @@ uint32_t parse_switch(const std::string &text)
 {
     constexpr std::array on{"1", "yes", "true", "on"};
     constexpr std::array off{"0", "no", "false", "off"};
-    if (std::find(on.begin(), on.end(), text) != on.end())
+    if (std::find(on.begin(), on.end(), text) != on.end()) {
         return 1;
-    if (std::find(off.begin(), off.end(), text) != off.end())
+    }
+    if (std::find(off.begin(), off.end(), text) != off.end()) {
         return 0;
+    }
     throw std::invalid_argument("'" + one_line(text) + "' is neither yes nor no");
 }
 
@@ -103,8 +106,9 @@ void add_row(report &table, const config_key &key, cell value)
 void list(const session &run)
 {
     report table = new_report();
-    for (const auto &key : keys)
+    for (const auto &key : keys) {
         add_row(table, key, read_value(run, key));
+    }
     table.show(run);
 }
 
@@ -148,8 +152,9 @@ void set(const session &run, const set_arguments &given)
     const uint32_t value = key.type == 's' ? 0 : parse_value(key, given.value);
     const outcome seen = run.watch([&] { return bdbus_config_set(key.name, signature, &value); });
     check_config_status(std::string("set ") + key.name, seen.result);
-    if (run.wants_json() || !run.quiet)
+    if (run.wants_json() || !run.quiet) {
         show(run, key);
+    }
 }
 
 } // namespace
@@ -176,8 +181,9 @@ std::string config_status_text(int32_t status)
 
 void check_config_status(const std::string &intent, int32_t status)
 {
-    if (status == BDBUS_CONFIG_OK)
+    if (status == BDBUS_CONFIG_OK) {
         return;
+    }
     failure error("cannot " + intent + ": " + config_status_text(status),
                   status == BDBUS_CONFIG_NO_BUS ? exit_status::no_bus : exit_status::failed);
     error.error["status"] = status;

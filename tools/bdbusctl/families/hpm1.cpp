@@ -45,9 +45,11 @@ constexpr uint8_t selector_count = uint8_t{selectors.size()};
 
 uint8_t parse_selector(const std::string &text)
 {
-    for (uint8_t selector = 0; selector < selector_count; selector++)
-        if (text == selectors.at(selector))
+    for (uint8_t selector = 0; selector < selector_count; selector++) {
+        if (text == selectors.at(selector)) {
             return selector;
+        }
+    }
     return static_cast<uint8_t>(parse_number(text, 0, UINT8_MAX));
 }
 
@@ -71,8 +73,9 @@ void declare_properties(CLI::App &command, property_arguments &given)
 
 cell decode(uint8_t selector, const component_property &property)
 {
-    if (!property.available())
+    if (!property.available()) {
         return cell::none();
+    }
     switch (selector) {
     case BDBUS_HPM1_PROPERTY_GENERAL:
         return list_cell(component_capability_names(property.data[0]));
@@ -107,8 +110,9 @@ void properties(const session &run, const property_arguments &given)
     } else {
         // The general properties tell whether there is such a component; the others may be missing.
         add(BDBUS_HPM1_PROPERTY_GENERAL, need_property(run, given.component, BDBUS_HPM1_PROPERTY_GENERAL));
-        for (uint8_t selector = BDBUS_HPM1_PROPERTY_CURRENT_VERSION; selector < selector_count; selector++)
+        for (uint8_t selector = BDBUS_HPM1_PROPERTY_CURRENT_VERSION; selector < selector_count; selector++) {
             add(selector, ask_property(run, given.component, selector));
+        }
     }
     table.show(run);
 }
@@ -127,17 +131,20 @@ void components(const session &run)
                   {"capabilities_raw"}});
     const uint8_t present = ask_capabilities(run).components_present;
     for (uint8_t id = 0; id < target_components; id++) {
-        if (!(present >> id & 1))
+        if (!(present >> id & 1)) {
             continue;
+        }
         const uint8_t general = need_property(run, id, BDBUS_HPM1_PROPERTY_GENERAL).data[0];
         const std::string description = need_property(run, id, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
         const version_bytes current = need_property(run, id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
         const auto version_of_copy = [&](uint8_t supported, uint8_t selector) -> std::vector<uint8_t> {
-            if (!(general & supported))
+            if (!(general & supported)) {
                 return {};
+            }
             const component_property copy = ask_property(run, id, selector);
-            if (!copy.available())
+            if (!copy.available()) {
                 return {};
+            }
             const version_bytes version = copy.version();
             return {version.begin(), version.end()};
         };
@@ -203,8 +210,9 @@ void rollback_status(const session &run)
 
 void conclude(const session &run, const std::string &intent, hpm1_command command, uint8_t completion_code)
 {
-    if (completion_code == BDBUS_HPM1_CC_IN_PROGRESS)
+    if (completion_code == BDBUS_HPM1_CC_IN_PROGRESS) {
         throw completion_failure("the target goes on with it, see bdbusctl hpm1 status", command, completion_code);
+    }
     need_success(intent, command, completion_code);
     record shown;
     shown.add("completion_code", "Completion code", completion_cell(command, completion_code));
@@ -243,9 +251,11 @@ struct action_arguments {
 
 uint8_t parse_action(const std::string &text)
 {
-    for (uint8_t action = BDBUS_HPM1_ACTION_BACKUP; action <= BDBUS_HPM1_ACTION_UPLOAD; action++)
-        if (text == action_name(action))
+    for (uint8_t action = BDBUS_HPM1_ACTION_BACKUP; action <= BDBUS_HPM1_ACTION_UPLOAD; action++) {
+        if (text == action_name(action)) {
             return action;
+        }
+    }
     throw std::invalid_argument("'" + one_line(text) + "' is not backup, prepare or upload");
 }
 

@@ -45,34 +45,40 @@ file_bytes read_file(const std::string &path, uint64_t largest)
 {
     const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status = {};
-    if (file.fd < 0 || fstat(file.fd, &status) < 0)
+    if (file.fd < 0 || fstat(file.fd, &status) < 0) {
         fail_with_errno("cannot read " + path);
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         throw failure("cannot read " + path + ": not a regular file");
-    if (static_cast<uint64_t>(status.st_size) > largest)
+    }
+    if (static_cast<uint64_t>(status.st_size) > largest) {
         throw failure("cannot read " + path + ": over " + size_text(largest));
+    }
 
     file_bytes bytes(static_cast<size_t>(status.st_size));
     size_t filled = 0;
     for (ssize_t got = 1; filled < bytes.size() && got != 0; filled += static_cast<size_t>(got)) {
         got = ::read(file.fd, bytes.data() + filled, bytes.size() - filled);
-        if (got < 0)
+        if (got < 0) {
             fail_with_errno("cannot read " + path);
+        }
     }
     bytes.resize(filled);
     return bytes;
 }
 
-// Under another name first, so that whoever opens the file finds all of it or the one that was there before.
+/** Under another name first, so that whoever opens the file finds all of it or the one that was there before. */
 void write_file(const std::string &path, const file_bytes &bytes)
 {
     struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw failure("cannot write " + path + ": not a regular file");
+    }
     std::string temporary = path + ".XXXXXX";
     const descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-    if (file.fd < 0)
+    if (file.fd < 0) {
         fail_with_errno("cannot write " + path);
+    }
 
     const mode_t mask = umask(0);
     umask(mask);
@@ -82,8 +88,9 @@ void write_file(const std::string &path, const file_bytes &bytes)
         written = count >= 0;
         done += written ? static_cast<size_t>(count) : 0;
     }
-    if (written && fsync(file.fd) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
+    if (written && fsync(file.fd) == 0 && rename(temporary.c_str(), path.c_str()) == 0) {
         return;
+    }
     const int reason = errno;
     unlink(temporary.c_str());
     errno = reason;
@@ -105,8 +112,9 @@ uint8_t parse_timeout(const std::string &text)
 uint32_t parse_time(const std::string &text)
 {
     tm date{};
-    if (const char *end = strptime(text.c_str(), date_format, &date); end && !*end)
+    if (const char *end = strptime(text.c_str(), date_format, &date); end && !*end) {
         return static_cast<uint32_t>(timegm(&date));
+    }
     return static_cast<uint32_t>(parse_number(text, 0, UINT32_MAX));
 }
 
@@ -116,14 +124,16 @@ uint32_t default_time()
     return reproducible ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
 }
 
-// Hex is a mask, decimal a list of component numbers.
+/** Hex is a mask, decimal a list of component numbers. */
 uint8_t parse_components(const std::string &text)
 {
-    if (text.starts_with("0x"))
+    if (text.starts_with("0x")) {
         return static_cast<uint8_t>(parse_number(text, 1, UINT8_MAX));
+    }
     uint8_t mask = 0;
-    for (const auto &number : CLI::detail::split(text, ','))
+    for (const auto &number : CLI::detail::split(text, ',')) {
         mask = static_cast<uint8_t>(mask | 1U << parse_number(number, 0, 7));
+    }
     return mask;
 }
 
@@ -134,40 +144,47 @@ struct component_source {
     std::string description;
 };
 
-// ID=FILE[,version=V][,description=TEXT]; the keys are looked for from the right, so that file names may hold commas.
+/**
+ * ID=FILE[,version=V][,description=TEXT]; the keys are looked for from the right, so that file names may hold commas.
+ */
 component_source parse_component(std::string text)
 {
     component_source source;
     const size_t id_end = text.find('=');
-    if (id_end == std::string::npos)
+    if (id_end == std::string::npos) {
         throw std::invalid_argument("'" + one_line(text) + "' is not ID=FILE[,version=V][,description=TEXT]");
+    }
     source.id = static_cast<uint8_t>(parse_number(text.substr(0, id_end), 0, 7));
     const auto cut = [&text](const std::string &key) {
         const size_t start = text.rfind("," + key + "=");
-        if (start == std::string::npos)
+        if (start == std::string::npos) {
             return std::string();
+        }
         const size_t value = start + key.size() + 2;
         const size_t end = std::min(text.find(key == "version" ? ",description=" : ",version=", value), text.size());
         std::string found = text.substr(value, end - value);
         text.erase(start, end - start);
         return found;
     };
-    if (const std::string version = cut("version"); !version.empty())
+    if (const std::string version = cut("version"); !version.empty()) {
         source.version = parse_version(version);
+    }
     source.description = cut("description");
     source.file = text.substr(id_end + 1);
-    if (source.description.empty())
+    if (source.description.empty()) {
         source.description =
             std::filesystem::path(source.file).filename().string().substr(0, hpm1_image::description_bytes - 1);
-    if (source.description.size() >= hpm1_image::description_bytes)
+    }
+    if (source.description.size() >= hpm1_image::description_bytes) {
         throw std::invalid_argument(
             format("the description has over %zu characters", hpm1_image::description_bytes - 1));
+    }
     return source;
 }
 
 constexpr uint8_t self_test_capability = 0x01;
 
-// The identity is that of the simulated controller unless given.
+/** The identity is that of the simulated controller unless given. */
 struct create_arguments {
     create_arguments()
     {
@@ -235,19 +252,22 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
         } catch (const std::invalid_argument &reason) {
             throw failure(std::string("--component: ") + reason.what(), exit_status::usage);
         }
-        if (mask >> source.id & 1)
+        if (mask >> source.id & 1) {
             throw failure(format("--component: %u is given twice", source.id), exit_status::usage);
+        }
         mask = static_cast<uint8_t>(mask | 1U << source.id);
 
         hpm1_image::payload part{source.id, source.version.value_or(given.head.firmware), source.description,
                                  read_file(source.file, room)};
-        if (given.prepend_version)
+        if (given.prepend_version) {
             part.data.insert(part.data.begin(), part.firmware.begin(), part.firmware.end());
+        }
         room -= std::min<uint64_t>(room, part.data.size());
         payloads.push_back(std::move(part));
     }
-    if ((given.backup | given.prepare) & ~mask)
+    if ((given.backup | given.prepare) & ~mask) {
         throw failure("--backup, --prepare: a component that the image does not hold", exit_status::usage);
+    }
     return payloads;
 }
 
@@ -270,12 +290,13 @@ report record_table(const hpm1_image::image &image)
     for (const auto &record : image.records) {
         const std::string action(action_name(record.action));
         const cell components{join(component_numbers(record.components), ", "), component_array(record.components)};
-        if (record.is_upload())
+        if (record.is_upload()) {
             table.add({record.offset, action, components, record.components, version_text(record.firmware),
                        hex_digits(record.firmware), record.description, record.data_offset, record.length});
-        else
+        } else {
             table.add({record.offset, action, components, record.components, cell::none(), cell::none(), cell::none(),
                        cell::none(), cell::none()});
+        }
     }
     return table;
 }
@@ -323,16 +344,19 @@ void create(const session &run, const create_arguments &given)
 {
     hpm1_image::header head = given.head;
     head.time = given.time ? *given.time : default_time();
-    if (given.self_test)
+    if (given.self_test) {
         head.capabilities = self_test_capability;
-    if (!given.oem_file.empty())
+    }
+    if (!given.oem_file.empty()) {
         head.oem_data = read_file(given.oem_file, UINT16_MAX);
+    }
     const file_bytes bytes = hpm1_image::build(head, given.backup, given.prepare, read_payloads(given));
     write_file(given.output, bytes);
-    if (run.wants_json())
+    if (run.wants_json()) {
         show_image(run, given.output, bytes, hpm1_image::read(bytes));
-    else
+    } else {
         run.say(format("%s: %zu bytes", given.output.c_str(), bytes.size()));
+    }
 }
 
 std::string fault_text(const hpm1_image::fault &fault)
@@ -353,8 +377,9 @@ void info(const session &run, const file_argument &given)
 {
     const file_bytes bytes = read_file(given.path, UINT32_MAX);
     const hpm1_image::image image = hpm1_image::read(bytes);
-    if (!image.complete)
+    if (!image.complete) {
         throw failure(given.path + ": " + fault_text(image.faults.back()));
+    }
     show_image(run, given.path, bytes, image);
 }
 
@@ -380,7 +405,7 @@ int32_t check_integrity(const session &run, const std::string &path)
         .result;
 }
 
-// What the upgrade itself would refuse, and what our own walk finds in all records.
+/** What the upgrade itself would refuse, and what our own walk finds in all records. */
 void verify(const session &run, const file_argument &given)
 {
     const file_bytes bytes = read_file(given.path, UINT32_MAX);
@@ -388,8 +413,9 @@ void verify(const session &run, const file_argument &given)
     const int32_t integrity = check_integrity(run, given.path);
     if (integrity != 0 || !image.faults.empty()) {
         std::vector<std::string> reasons;
-        if (integrity != 0)
+        if (integrity != 0) {
             reasons.push_back(format("%s (%d)", integrity_name(integrity), integrity));
+        }
         json faults = json::array();
         for (const auto &fault : image.faults) {
             reasons.push_back(fault_text(fault));
@@ -406,10 +432,11 @@ void verify(const session &run, const file_argument &given)
     shown.add("intact", "Intact", true);
     shown.add("size", "Size", bytes.size());
     shown.add("records", "Records", image.records.size());
-    if (run.wants_json())
+    if (run.wants_json()) {
         shown.show(run);
-    else
+    } else {
         run.say(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), bytes.size(), image.records.size()));
+    }
 }
 
 } // namespace

@@ -137,8 +137,9 @@ std::string status_text(int32_t status)
 
 void check_status(const std::string &intent, int32_t status, const std::string &reason)
 {
-    if (status == BDBUS_NETWORK_OK)
+    if (status == BDBUS_NETWORK_OK) {
         return;
+    }
     failure error("cannot " + intent + ": " + reason,
                   status == BDBUS_NETWORK_NO_BUS ? exit_status::no_bus : exit_status::failed);
     error.error["status"] = status;
@@ -211,7 +212,7 @@ json property(const session &run, const std::string &node, const std::string &ke
     return value;
 }
 
-// Null for what the service does not give; one that answers nothing any more is a failure.
+/** Null for what the service does not give; one that answers nothing any more is a failure. */
 json property_or_null(const session &run, const std::string &node, const node_key &key)
 {
     try {
@@ -220,8 +221,9 @@ json property_or_null(const session &run, const std::string &node, const node_ke
         const auto status = error.error["status"].get<int32_t>();
         constexpr std::array fatal{BDBUS_NETWORK_NO_BUS, BDBUS_NETWORK_ERRNO | EHOSTUNREACH,
                                    BDBUS_NETWORK_ERRNO | ETIMEDOUT};
-        if (std::find(fatal.begin(), fatal.end(), status) != fatal.end())
+        if (std::find(fatal.begin(), fatal.end(), status) != fatal.end()) {
             throw;
+        }
         return nullptr;
     }
 }
@@ -266,10 +268,11 @@ void list(const session &run)
     } catch (const failure &error) {
         table.show_so_far(run, error, "nodes", all);
     }
-    if (run.wants_json())
+    if (run.wants_json()) {
         run.print(all);
-    else
+    } else {
         table.show_table(run);
+    }
 }
 
 struct arguments {
@@ -288,8 +291,9 @@ void declare_node(CLI::App &command, arguments &given)
 void show(const session &run, const arguments &given)
 {
     const std::vector<std::string> names = node_names(run);
-    if (std::find(names.begin(), names.end(), given.node) == names.end())
+    if (std::find(names.begin(), names.end(), given.node) == names.end()) {
         throw failure("no such node: '" + one_line(given.node) + "' (see bdbusctl network list)");
+    }
     describe(run, given.node).show(run);
 }
 
@@ -304,12 +308,14 @@ void declare_get(CLI::App &command, arguments &given)
 
 char type_of(const arguments &given)
 {
-    if (!given.type.empty())
+    if (!given.type.empty()) {
         return given.type.front();
+    }
     const auto *const known =
         std::find_if(keys.begin(), keys.end(), [&](const auto &key) { return key.name == given.key; });
-    if (known == keys.end())
+    if (known == keys.end()) {
         throw failure("not one of the usual keys: '" + one_line(given.key) + "': say its --type", exit_status::usage);
+    }
     return known->type;
 }
 
@@ -336,8 +342,9 @@ void lldp(const session &run, const arguments &given)
 {
     call(run, "switch LLDP of " + one_line(given.node) + " " + given.state,
          [&] { return bnetwork_node_set_lldp_enabled(given.node.c_str(), given.state == "on"); });
-    if (!run.wants_json() && run.quiet)
+    if (!run.wants_json() && run.quiet) {
         return;
+    }
     const json now = property(run, given.node, "Status.LLDPEnabled", 'b');
     run.print(on_off(now), {{"node", given.node}, {"lldp_enabled", now}});
 }
@@ -350,8 +357,9 @@ void declare_hostname(CLI::App &command, arguments &given)
 void hostname(const session &run, const arguments &given)
 {
     call(run, "set the host name", [&] { return bnetwork1_set_hostname(given.hostname.c_str()); });
-    if (run.wants_json() || !run.quiet)
+    if (run.wants_json() || !run.quiet) {
         run.print(one_line(given.hostname), {{"hostname", given.hostname}});
+    }
 }
 
 } // namespace

@@ -27,7 +27,7 @@ auto ask(const session &run, const std::string &intent, query call)
     return found;
 }
 
-// The rows of a list's columns: as many as its counts say, and at least to the last that is not zero.
+/** The rows of a list's columns: as many as its counts say, and at least to the last that is not zero. */
 template <class... columns>
 size_t rows(size_t counted, const columns &...column)
 {
@@ -44,12 +44,13 @@ report table_of(size_t counted, std::vector<column> headings, const columns &...
 {
     report table(std::move(headings));
     const size_t end = rows(counted, column...);
-    for (size_t row = 0; row < end; row++)
+    for (size_t row = 0; row < end; row++) {
         table.add({column[row]...});
+    }
     return table;
 }
 
-// The head's fields, and the list under `key`.
+/** The head's fields, and the list under `key`. */
 void show(const session &run, record head, const char *key, const report &list)
 {
     head.hide(key, list.to_json());
@@ -72,8 +73,9 @@ record head_of(const result &found)
 record numbered_heads(const std::vector<uint8_t> &heads, int32_t status)
 {
     record head;
-    for (size_t index = 0; index < heads.size(); index++)
+    for (size_t index = 0; index < heads.size(); index++) {
         head.add(format("head%zu", index + 1).c_str(), format("Head %zu", index + 1).c_str(), heads[index]);
+    }
     head.add("status", "Status", status);
     return head;
 }
@@ -90,8 +92,9 @@ void show_progress(const session &run, const result &found, const id_column &ids
 {
     report drives({{"id", "ID", true}, {"size", "SIZE", true}, {"progress", "PROGRESS"}});
     size_t end = rows(found.count, ids, found.sizes);
-    for (const auto &column : found.progress)
+    for (const auto &column : found.progress) {
         end = rows(end, column);
+    }
     for (size_t row = 0; row < end; row++) {
         std::vector<std::string> texts;
         json values = json::array();
@@ -170,7 +173,7 @@ void levels(const session &run)
 
 // ---- arguments that become fields of the library's records
 
-// An option named like its field.
+/** An option named like its field. */
 template <class number>
 void add_field(CLI::App &command, const std::string &name, number &field)
 {
@@ -181,8 +184,9 @@ template <size_t room>
 void add_text(CLI::App &command, char (&field)[room])
 {
     const auto take = [&field](const std::string &text) {
-        if (text.size() > room)
+        if (text.size() > room) {
             throw failure(format("--text: longer than %zu bytes", room), exit_status::usage);
+        }
         std::fill(std::begin(field), std::end(field), '\0');
         std::copy(text.begin(), text.end(), std::begin(field));
     };
@@ -195,27 +199,30 @@ struct entry {
     uint8_t value = 0;
 };
 
-// ID, or ID=VALUE.
+/** ID, or ID=VALUE. */
 entry parse_entry(const std::string &text)
 {
     const size_t id_end = std::min(text.find('='), text.size());
     entry read{static_cast<uint16_t>(parse_number(text.substr(0, id_end), 0, UINT16_MAX))};
-    if (id_end < text.size())
+    if (id_end < text.size()) {
         read.value = static_cast<uint8_t>(parse_number(text.substr(id_end + 1), 0, UINT8_MAX));
+    }
     return read;
 }
 
-// As many IDs as the record's column holds; their number goes into `count`.
+/** As many IDs as the record's column holds; their number goes into `count`. */
 template <class number, size_t capacity>
 CLI::Option *add_ids(CLI::App &command, const std::string &name, uint8_t &count, number (&ids)[capacity],
                      const std::string &description)
 {
     const auto take = [&count, &ids, name](const std::vector<std::string> &texts) {
-        if (texts.size() > capacity)
+        if (texts.size() > capacity) {
             throw failure(format("%s: more than %zu", name.c_str(), capacity), exit_status::usage);
+        }
         try {
-            for (count = 0; count < texts.size(); count++)
+            for (count = 0; count < texts.size(); count++) {
                 ids[count] = static_cast<number>(parse_number(texts[count], 0, std::numeric_limits<number>::max()));
+            }
         } catch (const std::invalid_argument &reason) {
             throw failure(name + ": " + reason.what(), exit_status::usage);
         }
@@ -312,9 +319,11 @@ void vd_info(const session &run, const bdbus_storectrl_vd_query &given)
         ask(run, "ask for the virtual drive", [&] { return bdbus_storectrl_get_virtual_drive_info(given); });
     record shown;
     shown.add("size", "Size", found.size);
-    for (const vd_field &field : vd_fields)
-        if (field.told)
+    for (const vd_field &field : vd_fields) {
+        if (field.told) {
             shown.add(field.key, field.label, found.*field.place);
+        }
+    }
     shown.add("value", "Value", found.value);
     shown.add("pd_count", "Drives", found.pd_count);
     std::vector<std::string> texts;
@@ -346,8 +355,9 @@ void declare_create(CLI::App &command, bdbus_storectrl_vd &given)
 {
     add_field(command, "size", given.size);
     add_text(command, given.text);
-    for (const vd_field &field : vd_fields)
+    for (const vd_field &field : vd_fields) {
         add_field(command, field.key, given.*field.place);
+    }
     add_ids(command, "PD", given.pd_count, given.pd_ids, "Physical drives to use")->required();
 }
 
@@ -401,8 +411,9 @@ void declare_locate(CLI::App &command, locate_arguments &given)
 template <class drives, size_t capacity>
 drives located(const std::vector<entry> &entries, uint16_t (drives::*ids)[capacity])
 {
-    if (entries.size() > capacity)
+    if (entries.size() > capacity) {
         throw failure(format("DRIVE: more than %zu", capacity), exit_status::usage);
+    }
     drives made{};
     for (const entry &one : entries) {
         (made.*ids)[made.count] = one.id;
@@ -460,9 +471,10 @@ void spare(const session &run, const spare_arguments &given)
                given.pd, kind.c_str());
     run.confirm("This will " + what + ".");
     operate(run, what, [&] {
-        if (given.dedicated)
+        if (given.dedicated) {
             return add ? bdbus_storectrl_assign_dedicated_hot_spare_drive({given.param1, given.pd}, given.param2)
                        : bdbus_storectrl_remove_dedicated_hot_spare_drive(given.pd);
+        }
         return add ? bdbus_storectrl_assign_global_hot_spare_drive(given.pd)
                    : bdbus_storectrl_remove_global_hot_spare_drive(given.pd);
     });

@@ -94,31 +94,36 @@ cell read_value(const session &run, int32_t disk, const disk_value<text_getter> 
     return {text[0] == '\0' ? "-" : text.get(), text.get()};
 }
 
-// Gives each value to `take`, with what is known of it.
+/** Gives each value to `take`, with what is known of it. */
 template <class taker>
 void read_disk(const session &run, int32_t disk, const taker &take)
 {
-    for (const auto &flag : flags)
+    for (const auto &flag : flags) {
         take(flag, read_value(run, disk, flag) != 0);
-    for (const auto &code : codes)
+    }
+    for (const auto &code : codes) {
         take(code, read_value(run, disk, code));
-    for (const auto &text : texts)
+    }
+    for (const auto &text : texts) {
         take(text, read_value(run, disk, text));
+    }
 }
 
 bool has_disk(const session &run, int32_t disk)
 {
     uint8_t active = 0;
     const outcome seen = run.watch([&] { return bdbus_rstorage_disk_get_active_st(disk, &active); });
-    if (seen.result < 0 && seen.result != -EBADR)
+    if (seen.result < 0 && seen.result != -EBADR) {
         throw failed_call(format("cannot read disk %d", disk), seen);
+    }
     return seen.result == 0;
 }
 
 void need_disk(const session &run, int32_t disk)
 {
-    if (!has_disk(run, disk))
+    if (!has_disk(run, disk)) {
         throw failure(format("no such disk: %d", disk));
+    }
 }
 
 struct list_arguments {
@@ -135,8 +140,9 @@ std::vector<column> list_columns()
 {
     std::vector<column> columns{{"disk", "DISK", true}};
     const auto add = [&columns](const auto &values, bool right) {
-        for (const auto &value : values)
+        for (const auto &value : values) {
             columns.push_back({value.key, value.title, right});
+        }
     };
     add(flags, false);
     add(codes, true);
@@ -144,15 +150,16 @@ std::vector<column> list_columns()
     return columns;
 }
 
-// The service has no list of its disks: those that answer are there.
+/** The service has no list of its disks: those that answer are there. */
 void list(const session &run, const list_arguments &given)
 {
     report table(list_columns());
     try {
         for (uint32_t disk = 0; disk <= given.last; disk++) {
             const auto number = static_cast<int32_t>(disk);
-            if (!has_disk(run, number))
+            if (!has_disk(run, number)) {
                 continue;
+            }
             std::vector<cell> row{disk};
             read_disk(run, number, [&row](const auto & /*which*/, cell value) { row.push_back(std::move(value)); });
             table.add(std::move(row));
@@ -183,8 +190,9 @@ void show(const session &run, const show_arguments &given)
     };
     shown.add("disk", "Disk", disk);
     read_disk(run, disk, add);
-    if (given.show_password)
+    if (given.show_password) {
         add(password, read_value(run, disk, password));
+    }
     shown.show(run);
 }
 
@@ -212,7 +220,7 @@ void status(const session &run, const status_arguments &given)
 
 // ---- what is done with it
 
-// The result is the service's own, and shown as it came.
+/** The result is the service's own, and shown as it came. */
 template <class action>
 record act(const session &run, const disk_argument &given, const std::string &intent, const action &call)
 {
@@ -238,14 +246,15 @@ void declare_mount(CLI::App &command, mount_arguments &given)
         ->excludes(text);
 }
 
-// Keeps what is typed off the terminal.
+/** Keeps what is typed off the terminal. */
 class silent_terminal
 {
 public:
     silent_terminal() : is_terminal_(tcgetattr(STDIN_FILENO, &before_) == 0)
     {
-        if (!is_terminal_)
+        if (!is_terminal_) {
             return;
+        }
         termios silent = before_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
@@ -269,12 +278,13 @@ private:
 std::string first_line(FILE *file)
 {
     std::string line;
-    for (int next; line.size() < text_bytes && (next = getc(file)) != EOF && next != '\n' && next != '\r';)
+    for (int next; line.size() < text_bytes && (next = getc(file)) != EOF && next != '\n' && next != '\r';) {
         line.push_back(static_cast<char>(next));
+    }
     return line;
 }
 
-// The first line, so that the file may end like any other.
+/** The first line, so that the file may end like any other. */
 std::string read_password(const std::string &path)
 {
     std::string text;
@@ -288,10 +298,12 @@ std::string read_password(const std::string &path)
         text = file ? first_line(file.get()) : "";
         readable = file && ferror(file.get()) == 0;
     }
-    if (!readable)
+    if (!readable) {
         throw failure("cannot read " + one_line(path) + ": " + strerror(errno));
-    if (text.empty() || text.size() == text_bytes || text.find('\0') != std::string::npos)
+    }
+    if (text.empty() || text.size() == text_bytes || text.find('\0') != std::string::npos) {
         throw failure((path == "-" ? "the standard input" : one_line(path)) + ": not a password");
+    }
     return text;
 }
 
@@ -333,12 +345,15 @@ void declare_gadget(CLI::App &command, gadget_arguments &given)
 void gadget(const session &run, const gadget_arguments &given)
 {
     const bool starts = given.action == "start";
-    if (!starts && given.action != "stop")
+    if (!starts && given.action != "stop") {
         throw failure("ACTION: '" + one_line(given.action) + "' is neither start nor stop", exit_status::usage);
-    if (!starts && (given.byte || given.flag))
+    }
+    if (!starts && (given.byte || given.flag)) {
         throw failure("--byte and --flag go with start only", exit_status::usage);
-    if (!starts)
+    }
+    if (!starts) {
         run.confirm(format("This takes disk %u away from the host.", given.disk));
+    }
     const std::string intent = format("%s the gadget of disk %u", given.action.c_str(), given.disk);
     act(run, given, intent, [&](int32_t disk, int32_t *result) {
         return starts ? bdbus_rstorage_disk_gadget_start(disk, given.byte.value_or(0), given.flag, result)

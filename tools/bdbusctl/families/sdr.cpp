@@ -24,7 +24,7 @@ namespace
 
 // ---- reading sensors
 
-// What the listener announced; never destroyed, for the listener outlives main.
+/** What the listener announced; never destroyed, for the listener outlives main. */
 struct announcements {
     std::mutex lock;
     std::bitset<UINT16_MAX + 1> ids;       // of the sensors whose reading is known
@@ -36,8 +36,9 @@ struct announcements {
         constexpr size_t most = 100'000; // while nobody takes the output
         const std::scoped_lock held(lock);
         ids.set(record.record_id);
-        if (kept && records.size() < most)
+        if (kept && records.size() < most) {
             records.push_back(record);
+        }
     }
     void add(uint16_t id)
     {
@@ -57,15 +58,16 @@ announcements &announced()
     return *readings;
 }
 
-// The service gives the records; readings and what else was set since are heard of only as they are announced.
+/** The service gives the records; readings and what else was set since are heard of only as they are announced. */
 outcome open_repository(const session &run, std::chrono::seconds listening = {})
 {
     bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
         announced().add(*record);
     };
     outcome seen = run.watch(bdbus_sdr_init);
-    if (seen.result < 0)
+    if (seen.result < 0) {
         throw failed_call("cannot open the sensor repository", seen);
+    }
     std::this_thread::sleep_for(listening);
     return seen;
 }
@@ -75,7 +77,7 @@ failure unreadable(const outcome &opened)
     return failed_call("cannot read the sensor repository", opened);
 }
 
-// Whether the reading is known is asked first: it may become known at any time.
+/** Whether the reading is known is asked first: it may become known at any time. */
 std::optional<sensor> find_stored(uint16_t id)
 {
     const bool known = announced().has(id);
@@ -86,16 +88,18 @@ std::optional<sensor> find_stored(uint16_t id)
 sensor stored_sensor(uint16_t id)
 {
     const auto stored = find_stored(id);
-    if (!stored)
+    if (!stored) {
         throw failure(format("no such sensor: %u (see bdbusctl sdr list)", id));
+    }
     return *stored;
 }
 
 sensor find_sensor(const session &run, uint16_t id, std::chrono::seconds listening = {})
 {
     const outcome opened = open_repository(run, listening);
-    if (!find_stored(id) && !opened.faults().empty())
+    if (!find_stored(id) && !opened.faults().empty()) {
         throw unreadable(opened);
+    }
     return stored_sensor(id);
 }
 
@@ -108,8 +112,9 @@ report new_report()
 {
     std::vector<column> columns{{"id", "ID", true},           {"name", "NAME"}, {"type_name", "TYPE"}, {"type"},
                                 {"reading", "READING", true}, {"unit"},         {"reading_raw"}};
-    for (const auto &limit : thresholds)
+    for (const auto &limit : thresholds) {
         columns.push_back({limit.key, limit.title, true});
+    }
     columns.push_back({"thresholds_hex"});
     columns.push_back({"state", "STATE"});
     columns.push_back({"announced"});
@@ -157,16 +162,19 @@ void list(const session &run, const show_arguments &given)
     const outcome opened = open_repository(run, std::chrono::seconds(given.seconds));
     report table = new_report();
     bool all_announced = true;
-    for (uint32_t id = 0; id <= UINT16_MAX; id++)
+    for (uint32_t id = 0; id <= UINT16_MAX; id++) {
         if (const auto stored = find_stored(static_cast<uint16_t>(id))) {
             add_row(table, *stored);
             all_announced = all_announced && stored->announced();
         }
-    if (!opened.faults().empty())
+    }
+    if (!opened.faults().empty()) {
         table.show_so_far(run, unreadable(opened), "sensors");
+    }
     table.show(run);
-    if (!all_announced)
+    if (!all_announced) {
         explain_nominal(run);
+    }
 }
 
 // ---- one sensor, in parts
@@ -254,13 +262,14 @@ void show(const session &run, const show_arguments &given)
     add_events(fields, shown);
     shown.describe(fields);
     fields.show(run);
-    if (!shown.announced())
+    if (!shown.announced()) {
         explain_nominal(run);
+    }
 }
 
 // ---- changing one
 
-// Makes the change and shows what is stored then.
+/** Makes the change and shows what is stored then. */
 void change(const session &run, uint16_t id, const char *what, const std::function<int32_t()> &call,
             void (*add_part)(record &, const sensor &))
 {
@@ -268,8 +277,9 @@ void change(const session &run, uint16_t id, const char *what, const std::functi
     const sensor changed = stored_sensor(id);
     record fields = identity(changed);
     add_part(fields, changed);
-    if (run.wants_json() || !run.quiet)
+    if (run.wants_json() || !run.quiet) {
         fields.show(run);
+    }
 }
 
 double parse_real(const std::string &text)
@@ -277,12 +287,13 @@ double parse_real(const std::string &text)
     double value = 0;
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || stop != end)
+    if (error != std::errc() || stop != end) {
         throw std::invalid_argument("'" + one_line(text) + "' is not a number");
+    }
     return value;
 }
 
-// A value as it was given, in the sensor's unit or raw.
+/** A value as it was given, in the sensor's unit or raw. */
 uint8_t raw_value(const sensor &of, const std::string &name, const std::string &text, bool raw,
                   uint8_t (sensor::*convert)(double) const = &sensor::to_raw)
 {
@@ -326,20 +337,23 @@ void set_reading(const session &run, const value_arguments &given)
 void declare_thresholds(CLI::App &command, value_arguments &given)
 {
     declare_raw(command, given);
-    for (size_t index = 0; index < thresholds.size(); index++)
+    for (size_t index = 0; index < thresholds.size(); index++) {
         command.add_option(thresholds.at(index).option, given.values.at(index), "New value")->type_name("VALUE");
+    }
 }
 
-// A threshold that gets a value counts from then on.
+/** A threshold that gets a value counts from then on. */
 void set_thresholds(const session &run, const value_arguments &given)
 {
-    if (std::all_of(given.values.begin(), given.values.end(), [](const std::string &text) { return text.empty(); }))
+    if (std::all_of(given.values.begin(), given.values.end(), [](const std::string &text) { return text.empty(); })) {
         throw failure("no threshold was given (see bdbusctl sdr set-thresholds --help)", exit_status::usage);
+    }
     const sensor target = find_sensor(run, given.id);
     bdbus_sdr_thresholds limits = target.live().thresholds;
     for (size_t index = 0; index < thresholds.size(); index++) {
-        if (given.values.at(index).empty())
+        if (given.values.at(index).empty()) {
             continue;
+        }
         const threshold &limit = thresholds.at(index);
         limits.*limit.raw = raw_value(target, limit.option, given.values.at(index), given.raw);
         limits.readable_mask = static_cast<uint8_t>(limits.readable_mask | 1U << index);
@@ -391,8 +405,9 @@ void declare_event(CLI::App &command, event_arguments &given)
 
 void set_event(const session &run, const event_arguments &given)
 {
-    if (!given.flags && !given.assertions && !given.deassertions)
+    if (!given.flags && !given.assertions && !given.deassertions) {
         throw failure("neither flags nor masks were given (see bdbusctl sdr set-event --help)", exit_status::usage);
+    }
     const sensor target = find_sensor(run, given.id);
     bdbus_sdr_event event = given.status ? target.live().event_status : target.live().event_enable;
     event.flags = given.flags.value_or(event.flags);
@@ -423,11 +438,13 @@ void add(const session &run, const add_arguments &given)
     std::array<uint8_t, BDBUS_SDR_BYTES + 1> bytes{};
     const size_t count = file ? fread(bytes.data(), 1, bytes.size(), file.get()) : 0;
     const std::string name = is_stdin ? "the standard input" : one_line(given.file);
-    if (!file || ferror(file.get()))
+    if (!file || ferror(file.get())) {
         throw failure("cannot read " + name + ": " + strerror(errno));
-    if (count != BDBUS_SDR_BYTES)
+    }
+    if (count != BDBUS_SDR_BYTES) {
         throw failure(format("%s: a record has %d bytes, not %s%zu", name.c_str(), BDBUS_SDR_BYTES,
                              count > BDBUS_SDR_BYTES ? "over " : "", std::min<size_t>(count, BDBUS_SDR_BYTES)));
+    }
     open_repository(run);
     uint16_t id = 0;
     run.call("add the record", [&] { return bdbus_sdr_add(bytes.data(), BDBUS_SDR_BYTES, &id, 0); });
@@ -455,8 +472,9 @@ void watch(const session &run, const watch_arguments &given)
 {
     announced().kept = true;
     const outcome opened = open_repository(run);
-    if (!opened.faults().empty())
+    if (!opened.faults().empty()) {
         throw unreadable(opened);
+    }
     follow(run, given, "com.brisemont.SensorDataRepository1", [] {
         std::vector<bdbus_sdr_record> records;
         {

@@ -31,33 +31,38 @@ constexpr std::array sel_completions{
     code_name{0x81, "the log is being erased"},
 };
 
-// The reply of a call that succeeded and whose completion code says so.
+/** The reply of a call that succeeded and whose completion code says so. */
 template <class exchange>
 exchange ask(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange values = {})
 {
-    if (run.call(intent, [&] { return call(&values); }) == 0)
+    if (run.call(intent, [&] { return call(&values); }) == 0) {
         throw failure("cannot " + intent + ": the reply is empty");
+    }
     const uint8_t code = values.completion_code;
-    if (code != 0)
+    if (code != 0) {
         throw completion_failure("cannot " + intent, code,
                                  std::string(find_name(sel_completions, code, completion_name(code))));
+    }
     return values;
 }
 
 uint32_t little_endian(const entry_bytes &entry, size_t offset, unsigned count)
 {
     uint32_t value = 0;
-    for (unsigned index = count; index-- > 0;)
+    for (unsigned index = count; index-- > 0;) {
         value = value << 8 | entry.at(offset + index);
+    }
     return value;
 }
 
 cell time_cell(uint32_t stamp)
 {
-    if (stamp == unknown_time)
+    if (stamp == unknown_time) {
         return cell::none();
-    if (stamp < first_date)
+    }
+    if (stamp < first_date) {
         return {format("start + %u s", stamp), nullptr};
+    }
     return time_text(stamp);
 }
 
@@ -111,7 +116,7 @@ void add_row(report &table, const entry_bytes &entry)
                hex_digits(std::span(entry).subspan(data_at)), hex_digits(entry)});
 }
 
-// Adds the log's entries to the table, as far as they can be read; what stopped it is the result.
+/** Adds the log's entries to the table, as far as they can be read; what stopped it is the result. */
 std::optional<failure> read_log(const session &run, report &table)
 {
     constexpr uint8_t not_present = 0xCB;
@@ -130,8 +135,9 @@ std::optional<failure> read_log(const session &run, report &table)
         add_row(table, bytes);
         seen.set(id);
         seen.set(little_endian(bytes, 0, 2));
-        if (entry.next_record_id != last_entry && seen.test(entry.next_record_id))
+        if (entry.next_record_id != last_entry && seen.test(entry.next_record_id)) {
             return failure(format("the log runs in a circle: entry %u comes again", entry.next_record_id));
+        }
         id = entry.next_record_id;
     }
     return std::nullopt;
@@ -140,8 +146,9 @@ std::optional<failure> read_log(const session &run, report &table)
 void list(const session &run)
 {
     report table = new_report();
-    if (const auto error = read_log(run, table))
+    if (const auto error = read_log(run, table)) {
         table.show_so_far(run, *error, "entries");
+    }
     table.show(run);
 }
 
@@ -246,9 +253,10 @@ entry_bytes make_event(const add_arguments &given)
 
 void add(const session &run, const add_arguments &given)
 {
-    if (given.bytes.empty() == !given.sensor_type)
+    if (given.bytes.empty() == !given.sensor_type) {
         throw failure("give either the entry's bytes or --sensor-type (see bdbusctl sel add --help)",
                       exit_status::usage);
+    }
     const entry_bytes entry = given.sensor_type ? make_event(given) : parse_entry(given.bytes);
     bdbus_sel_new_entry request{};
     std::copy(entry.begin(), entry.end(), request.data);
@@ -271,8 +279,9 @@ void clear(const session &run)
     request.action = start;
     const auto give_up = std::chrono::steady_clock::now() + patience;
     while ((ask(run, "clear the log", bdbus_sel_clear, request).erase_progress & 0x0F) != completed) {
-        if (std::chrono::steady_clock::now() > give_up)
+        if (std::chrono::steady_clock::now() > give_up) {
             throw failure("the log is still being erased");
+        }
         std::this_thread::sleep_for(interval);
         request.action = ask_progress;
     }
@@ -286,7 +295,7 @@ struct notice {
     const char *text;
 };
 
-// The handlers get nothing of the caller's.
+/** The handlers get nothing of the caller's. */
 std::vector<notice> notices;
 
 template <const notice &seen>
@@ -309,13 +318,15 @@ void watch(const session &run, const watch_arguments &given)
         constexpr int messages = 20;
         run.call("follow the log's notices", [] {
             int32_t result = 0;
-            for (int count = 0; count < messages && result == 0; count++)
+            for (int count = 0; count < messages && result == 0; count++) {
                 result = bdbus_sel_event_process();
+            }
             return result;
         });
         std::vector<happening> lines;
-        for (const auto &[name, text] : notices)
+        for (const auto &[name, text] : notices) {
             lines.push_back({text, {{"notice", name}}});
+        }
         notices.clear();
         return lines;
     });

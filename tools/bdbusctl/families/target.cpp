@@ -56,8 +56,9 @@ failure completion_failure(const std::string &message, hpm1_command command, uin
 
 void need_success(const std::string &intent, hpm1_command command, uint8_t code)
 {
-    if (code != BDBUS_HPM1_CC_SUCCESS)
+    if (code != BDBUS_HPM1_CC_SUCCESS) {
         throw completion_failure("cannot " + intent, command, code);
+    }
 }
 
 } // namespace bdbusctl

@@ -28,12 +28,12 @@ struct component_property {
 };
 
 component_property ask_property(const session &run, uint8_t component, uint8_t selector);
-// The same; a nonzero completion code is a failure.
+/** The same; a nonzero completion code is a failure. */
 component_property need_property(const session &run, uint8_t component, uint8_t selector);
 
 bdbus_hpm1_target_caps_rec ask_capabilities(const session &run);
 
-// A completion code other than success, as a failure with the code and its name.
+/** A completion code other than success, as a failure with the code and its name. */
 failure completion_failure(const std::string &message, hpm1_command command, uint8_t code);
 void need_success(const std::string &intent, hpm1_command command, uint8_t code);
 

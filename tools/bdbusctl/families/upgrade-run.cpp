@@ -32,7 +32,7 @@ namespace
 using context = bdbus_upgrade_agent_context;
 using steady = std::chrono::steady_clock;
 
-// A call on a thread of its own, which nobody has to wait for: the upload of a block has no time limit.
+/** A call on a thread of its own, which nobody has to wait for: the upload of a block has no time limit. */
 class background_call
 {
 public:
@@ -55,17 +55,20 @@ private:
     std::shared_ptr<shared_state> state_ = std::make_shared<shared_state>();
 };
 
-// The image's actions, carried out so that they can be cancelled. To the upgrade stage an aborted finish looks like one
-// that ended well, and it would go on to the next component. So it gets one record at a time, with the image's header
-// put right before it, over what was carried out already.
+/**
+ * The image's actions, carried out so that they can be cancelled. To the upgrade stage an aborted finish looks like one
+ * that ended well, and it would go on to the next component. So it gets one record at a time, with the image's header
+ * put right before it, over what was carried out already.
+ */
 class cancellable_upload
 {
 public:
     cancellable_upload(const context &whole, const std::vector<hpm1_image::record> &records)
         : part_(whole), image_(whole.image_data, whole.image_size)
     {
-        for (const auto &record : records)
+        for (const auto &record : records) {
             offsets_.push_back(record.offset);
+        }
         const bytes header = image_.first(offsets_.empty() ? 0 : offsets_.front());
         header_.assign(header.begin(), header.end());
         offsets_.push_back(image_.size() - hpm1_image::digest_bytes);
@@ -104,8 +107,10 @@ private:
     std::atomic<bool> cancelled_{false};
 };
 
-// Stops the upgrade on the target. A command that was just being sent may get there after it, so the target is told
-// again until the upload has ended.
+/**
+ * Stops the upgrade on the target. A command that was just being sent may get there after it, so the target is told
+ * again until the upload has ended.
+ */
 class target_abort
 {
 public:
@@ -117,14 +122,16 @@ public:
     void request()
     {
         impatient_ = requested();
-        if (!requested())
+        if (!requested()) {
             since_ = steady::now();
+        }
     }
 
     void proceed(bool upload_finished)
     {
-        if (!requested() || running() || (call_ && (upload_finished || steady::now() - called_ < interval)))
+        if (!requested() || running() || (call_ && (upload_finished || steady::now() - called_ < interval))) {
             return;
+        }
         called_ = steady::now();
         call_.emplace(bdbus_upgrade_agent_abort);
     }
@@ -195,8 +202,9 @@ void upgrade::perform()
         plan();
         if (!anything_to_upgrade()) {
             run_.say("Nothing to upgrade: the controller holds these versions already.");
-            if (run_.wants_json())
+            if (run_.wants_json()) {
                 run_.print(document("nothing-to-upgrade"));
+            }
             return;
         }
         enter("confirmation");
@@ -234,8 +242,9 @@ void upgrade::plan()
     enter("plan");
     records_ = hpm1_image::read({context_->image_data, context_->image_size}).records;
     for (const auto &record : records_) {
-        if (!record.is_upload())
+        if (!record.is_upload()) {
             continue;
+        }
         planned_component component;
         component.id = record.component();
         component.upgrade = context_->upgrade_mask >> component.id & 1;
@@ -245,17 +254,20 @@ void upgrade::plan()
         component.bytes = record.length;
         components_.push_back(std::move(component));
     }
-    if (!run_.wants_json() && !(run_.quiet && run_.yes))
+    if (!run_.wants_json() && !(run_.quiet && run_.yes)) {
         component_report().show_table(run_);
+    }
 }
 
 void upgrade::upload()
 {
     enter("upload");
     std::vector<component_upload> uploads;
-    for (const auto &component : components_)
-        if (component.upgrade)
+    for (const auto &component : components_) {
+        if (component.upgrade) {
             uploads.push_back({component.id, component.name(), component.bytes});
+        }
+    }
 
     const held_signals signals;
     capture caught;
@@ -272,23 +284,26 @@ void upgrade::upload()
         abort.proceed(job.finished());
         uint8_t percent = 0;
         bdbus_upgrade_agent_get_upgrade_stage_status(nullptr, &percent);
-        if (!job.finished())
+        if (!job.finished()) {
             shown.update(uploaded->component(), percent);
+        }
     }
     shown.end(job.finished() && job.result() == 0 && !abort.requested());
     const outcome seen{job.finished() ? job.result() : 0, caught.end()};
     run_.show_details(seen);
-    if (!job.finished() || abort.running())
+    if (!job.finished() || abort.running()) {
         throw give_up();
-    if (abort.requested())
+    }
+    if (abort.requested()) {
         throw failure(abort.succeeded()
                           ? "interrupted; the upgrade was aborted on the target"
                           : "interrupted; aborting the upgrade on the target failed: " + join(seen.faults(), "; "));
+    }
     judge(seen);
     context_->component_id = uploaded->component(); // the activation stage asks for it
 }
 
-// The threads still use the context, so it stays.
+/** The threads still use the context, so it stays. */
 failure upgrade::give_up()
 {
     static_cast<void>(context_.release());
@@ -301,8 +316,9 @@ void upgrade::activate()
     run_.say("Activating...");
     const outcome seen = run_.watch([this] { return bdbus_upgrade_agent_activation_stage(context_.get()); });
     // A rollback is no failure of the stage, but the new firmware does not run.
-    if (seen.result == 0 && !seen.faults().empty())
+    if (seen.result == 0 && !seen.faults().empty()) {
         throw failed_with("activation did not succeed", join(seen.faults(), "; "));
+    }
     judge(seen);
 }
 
@@ -324,8 +340,9 @@ void upgrade::conclude()
         run_.print(document("upgraded"));
         return;
     }
-    if (!run_.quiet)
+    if (!run_.quiet) {
         component_report().show_table(run_);
+    }
     run_.say("Done.");
 }
 
@@ -338,16 +355,18 @@ void upgrade::stage(const char *name, const std::function<int32_t()> &work)
 void upgrade::judge(const outcome &seen)
 {
     stages_.push_back({{"stage", stage_}, {"result", seen.result}});
-    if (seen.result != 0)
+    if (seen.result != 0) {
         throw stage_failure(seen);
+    }
 }
 
 failure upgrade::stage_failure(const outcome &seen) const
 {
     std::string reason = join(seen.faults(), "; ");
     const bool of_config = reason.empty() && seen.result > 0;
-    if (of_config)
+    if (of_config) {
         reason = "controller identity: " + config_status_text(seen.result);
+    }
     const bool no_bus = seen.bus_unreachable() || (of_config && seen.result == BDBUS_CONFIG_NO_BUS);
     failure error = failed_with(format("%s failed (%d)", stage_, seen.result), reason,
                                 no_bus ? exit_status::no_bus : exit_status::failed);
@@ -369,11 +388,12 @@ report upgrade::component_report() const
                   {"upgrade", "UPGRADE"},
                   {"now", activated ? "NOW" : nullptr},
                   {"now_hex"}});
-    for (const auto &each : components_)
+    for (const auto &each : components_) {
         table.add({each.id, each.description, version_cell(each.from), version_hex_cell(each.from),
                    version_cell(each.to), version_hex_cell(each.to), each.bytes, each.upgrade,
                    each.now ? version_cell(*each.now) : cell::none(),
                    each.now ? version_hex_cell(*each.now) : cell::none()});
+    }
     return table;
 }
 

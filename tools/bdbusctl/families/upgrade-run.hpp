@@ -14,7 +14,7 @@ struct upgrade_request {
     bool skip_identity = false;
 };
 
-// The whole road of an upgrade: check, show and ask, upload, activate, show.
+/** The whole road of an upgrade: check, show and ask, upload, activate, show. */
 void run_upgrade(const session &run, const upgrade_request &request);
 
 } // namespace bdbusctl

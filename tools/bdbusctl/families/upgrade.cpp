@@ -65,8 +65,9 @@ void versions(const session &run)
         const std::string name = component.name;
         const auto version = read_version(run, component.version, name);
         std::vector<uint8_t> backup;
-        if (component.backup)
+        if (component.backup) {
             backup = read_version(run, *component.backup, name + " backup");
+        }
         int32_t rollback = 0;
         run.call("read the " + name + " rollback flag", [&] { return component.get_rollback_flag(&rollback); });
         table.add({name, version_cell(version), version_hex_cell(version), version_cell(backup),
@@ -75,7 +76,7 @@ void versions(const session &run)
     table.show(run);
 }
 
-// The service knows components by their numbers only; their names are the target's.
+/** The service knows components by their numbers only; their names are the target's. */
 cell describe(const session &run, uint8_t component)
 {
     try {
@@ -112,25 +113,28 @@ void declare_run(CLI::App &command, upgrade_request &given)
 
 // ---- flashes, versions, factory mode
 
-// One of a few things, by its name.
+/** One of a few things, by its name. */
 template <class thing, size_t count>
 CLI::Option *add_choice(CLI::App &command, const char *name, const thing *&target,
                         const std::array<thing, count> &choices)
 {
     std::vector<std::string> names;
-    for (const thing &choice : choices)
+    for (const thing &choice : choices) {
         names.emplace_back(choice.name);
+    }
     const std::string list = join(names, ", ");
     const auto parse = [&choices, list](const std::string &text) {
-        for (const thing &choice : choices)
-            if (text == choice.name)
+        for (const thing &choice : choices) {
+            if (text == choice.name) {
                 return &choice;
+            }
+        }
         throw std::invalid_argument("'" + one_line(text) + "' is none of: " + list);
     };
     return add_parsed(command, name, target, parse, "One of: " + list)->required();
 }
 
-// The service answers with a byte of its own.
+/** The service answers with a byte of its own. */
 template <class exchange>
 void tell(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange request)
 {
@@ -248,7 +252,7 @@ void notify(const session &run, const outgoing_notice *const &given)
     run.print("The notice is sent.", json{{"sent", given->name}});
 }
 
-// The handlers get nothing of the caller's.
+/** The handlers get nothing of the caller's. */
 std::vector<happening> happened;
 
 int take_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*error*/)
@@ -256,8 +260,9 @@ int take_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*e
     const std::string name = sd_bus_message_get_member(message);
     const void *bytes = nullptr;
     size_t count = 0;
-    if (sd_bus_message_has_signature(message, "ay") > 0)
+    if (sd_bus_message_has_signature(message, "ay") > 0) {
         sd_bus_message_read_array(message, 'y', &bytes, &count);
+    }
     const std::span version(static_cast<const uint8_t *>(bytes), count);
     const bool has_version = !version.empty();
     happened.push_back({has_version ? name + " " + version_text(version) : name,
@@ -267,7 +272,7 @@ int take_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*e
     return 0;
 }
 
-// All slots alike: the message says which notice it is.
+/** All slots alike: the message says which notice it is. */
 const bdbus_upgrade_callback_table &notice_handlers()
 {
     static const auto table = [] {
@@ -278,7 +283,7 @@ const bdbus_upgrade_callback_table &notice_handlers()
     return table;
 }
 
-// A call takes one message, of which some are not notices: after several without one, nothing is left.
+/** A call takes one message, of which some are not notices: after several without one, nothing is left. */
 int32_t take_what_came()
 {
     constexpr int several = 20;
@@ -287,8 +292,9 @@ int32_t take_what_came()
     for (int idle = 0; idle < several && happened.size() < many && result == 0; idle++) {
         const size_t before = happened.size();
         result = bdbus_upgrade_signal_process();
-        if (happened.size() > before)
+        if (happened.size() > before) {
             idle = 0;
+        }
     }
     return result;
 }

@@ -21,12 +21,13 @@ std::string read_all(int fd)
 {
     std::string text;
     char buffer[4096];
-    for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
+    for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;) {
         text.append(buffer, static_cast<size_t>(got));
+    }
     return text;
 }
 
-// LOG_PERROR puts the program's name before a line of the log.
+/** LOG_PERROR puts the program's name before a line of the log. */
 std::string without_log_prefix(std::string_view line)
 {
     const std::string prefix = std::string(program_name) + ": ";
@@ -57,8 +58,9 @@ bool tells_progress(std::string_view line)
 capture::capture()
     : original_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)), memory_(memfd_create("bdbusctl-stderr", MFD_CLOEXEC))
 {
-    if (original_ < 0 || memory_ < 0 || dup2(memory_, STDERR_FILENO) < 0)
+    if (original_ < 0 || memory_ < 0 || dup2(memory_, STDERR_FILENO) < 0) {
         throw std::system_error(errno, std::generic_category(), "cannot redirect the standard error");
+    }
 }
 
 capture::~capture()
@@ -69,8 +71,9 @@ capture::~capture()
 std::vector<std::string> capture::end()
 {
     std::vector<std::string> lines;
-    if (memory_ < 0)
+    if (memory_ < 0) {
         return lines;
+    }
     dup2(original_, STDERR_FILENO);
     const std::string text = read_all(memory_);
     close(original_);
@@ -80,8 +83,9 @@ std::vector<std::string> capture::end()
     for (size_t start = 0, stop; start < text.size(); start = stop + 1) {
         stop = std::min(text.find('\n', start), text.size());
         std::string line = without_log_prefix(one_line(std::string_view(text).substr(start, stop - start)));
-        if (!line.empty())
+        if (!line.empty()) {
             lines.push_back(std::move(line));
+        }
     }
     return lines;
 }
@@ -89,9 +93,11 @@ std::vector<std::string> capture::end()
 std::vector<std::string> outcome::faults() const
 {
     std::vector<std::string> named;
-    for (const auto &line : lines)
-        if (!tells_progress(line) && (named.empty() || named.back() != line))
+    for (const auto &line : lines) {
+        if (!tells_progress(line) && (named.empty() || named.back() != line)) {
             named.push_back(line);
+        }
+    }
     return named;
 }
 

@@ -21,10 +21,10 @@ public:
     capture(const capture &) = delete;
     capture &operator=(const capture &) = delete;
 
-    // The standard error that was there before, for who must write to it meanwhile.
+    /** The standard error that was there before, for who must write to it meanwhile. */
     int original_stderr() const { return original_; }
 
-    // Puts the standard error back and gives the lines that were caught.
+    /** Puts the standard error back and gives the lines that were caught. */
     std::vector<std::string> end();
 
 private:
@@ -36,7 +36,7 @@ struct outcome {
     int32_t result;
     std::vector<std::string> lines;
 
-    // The lines that name a fault, without those by which the agent tells how it gets on.
+    /** The lines that name a fault, without those by which the agent tells how it gets on. */
     std::vector<std::string> faults() const;
 
     bool bus_unreachable() const;

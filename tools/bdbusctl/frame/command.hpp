@@ -33,7 +33,7 @@ public:
         add(name, description).callback([action, &run = run_] { action(run); });
     }
 
-    // A verb with arguments: `declare` binds them to the fields of a structure, `action` gets it filled.
+    /** A verb with arguments: `declare` binds them to the fields of a structure, `action` gets it filled. */
     template <class arguments>
     void verb(const char *name, const char *description, void (*declare)(CLI::App &, arguments &),
               void (*action)(const session &, const arguments &))
@@ -58,7 +58,7 @@ private:
     session &run_;
 };
 
-// An argument whose text `parse` reads; its std::invalid_argument becomes a usage error that names the argument.
+/** An argument whose text `parse` reads; its std::invalid_argument becomes a usage error that names the argument. */
 template <class value, class parser>
 CLI::Option *add_parsed(CLI::App &command, const std::string &name, value &target, parser parse,
                         const std::string &description)
@@ -82,7 +82,7 @@ CLI::Option *add_number(CLI::App &command, const std::string &name, number &targ
         description);
 }
 
-// The argument BYTES: from `least` to `most` bytes in hex.
+/** The argument BYTES: from `least` to `most` bytes in hex. */
 inline std::vector<uint8_t> read_bytes(const std::vector<std::string> &words, size_t least, size_t most)
 {
     std::vector<uint8_t> bytes;
@@ -91,10 +91,11 @@ inline std::vector<uint8_t> read_bytes(const std::vector<std::string> &words, si
     } catch (const std::invalid_argument &reason) {
         throw failure(std::string("BYTES: ") + reason.what(), exit_status::usage);
     }
-    if (bytes.size() < least || bytes.size() > most)
+    if (bytes.size() < least || bytes.size() > most) {
         throw failure(least == most ? format("BYTES: must be %zu bytes, not %zu", most, bytes.size())
                                     : format("BYTES: must be %zu to %zu bytes, not %zu", least, most, bytes.size()),
                       exit_status::usage);
+    }
     return bytes;
 }
 

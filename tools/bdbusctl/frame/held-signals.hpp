@@ -10,8 +10,10 @@
 namespace bdbusctl
 {
 
-// While it lives, the signals that end a program wait to be asked for. Those that the program was started to ignore
-// stay ignored.
+/**
+ * While it lives, the signals that end a program wait to be asked for. Those that the program was started to ignore
+ * stay ignored.
+ */
 class held_signals
 {
 public:
@@ -20,8 +22,9 @@ public:
         sigemptyset(&set_);
         for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
             struct sigaction action = {};
-            if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
                 sigaddset(&set_, number);
+            }
         }
         pthread_sigmask(SIG_BLOCK, &set_, &before_);
     }
@@ -29,20 +32,24 @@ public:
     held_signals(const held_signals &) = delete;
     held_signals &operator=(const held_signals &) = delete;
 
-    // Does what may block for long, as asking a bus that hangs and writing to a stopped pager do: one that comes
-    // meanwhile ends the program at once, as done.
+    /**
+     * Does what may block for long, as asking a bus that hangs and writing to a stopped pager do: one that comes
+     * meanwhile ends the program at once, as done.
+     */
     template <typename Action>
     void end_during(Action action) const
     {
-        for (const int number : {SIGINT, SIGTERM, SIGHUP})
-            if (sigismember(&set_, number) > 0)
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+            if (sigismember(&set_, number) > 0) {
                 signal(number, [](int /*number*/) { _exit(0); });
+            }
+        }
         pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
         action();
         pthread_sigmask(SIG_BLOCK, &set_, nullptr);
     }
 
-    // Whether one came within the time.
+    /** Whether one came within the time. */
     bool wait(std::chrono::milliseconds duration) const
     {
         const timespec timeout{0, static_cast<long>(std::chrono::nanoseconds(duration).count())};

@@ -19,16 +19,18 @@ namespace
 
 constexpr int no_terminal = -1;
 
-// A terminal shows "^C" at the end of the line.
+/** A terminal shows "^C" at the end of the line. */
 constexpr size_t room_for_interrupt = 3;
 
 int find_terminal(const session &run, int original_stderr)
 {
     const char *kind = getenv("TERM");
-    if (run.quiet || run.wants_json() || !kind || std::string_view(kind) == "dumb")
+    if (run.quiet || run.wants_json() || !kind || std::string_view(kind) == "dumb") {
         return no_terminal;
-    if (isatty(STDOUT_FILENO))
+    }
+    if (isatty(STDOUT_FILENO)) {
         return STDOUT_FILENO;
+    }
     return isatty(original_stderr) ? original_stderr : no_terminal;
 }
 
@@ -43,8 +45,9 @@ std::string bar_text(size_t width, unsigned percent)
     const size_t filled = width * percent / 100;
     std::string bar(width, ' ');
     std::fill_n(bar.begin(), filled, '=');
-    if (filled < width)
+    if (filled < width) {
         bar[filled] = '>';
+    }
     return "[" + bar + "]";
 }
 
@@ -61,11 +64,13 @@ void progress::update(uint8_t component, uint8_t percent)
     const auto found =
         std::find_if(from, uploads_.end(), [=](const auto &each) { return each.component == component; });
     // Before its first upload the agent is at component 0 without being there.
-    if (found == uploads_.end() || (!started_ && component == 0 && percent == 0))
+    if (found == uploads_.end() || (!started_ && component == 0 && percent == 0)) {
         return;
+    }
     const auto upload = static_cast<size_t>(found - uploads_.begin());
-    if (!started_)
+    if (!started_) {
         start(0);
+    }
     while (current_ < upload) {
         finish();
         start(current_ + 1);
@@ -78,14 +83,16 @@ void progress::update(uint8_t component, uint8_t percent)
 void progress::end(bool completed)
 {
     while (completed && current_ < uploads_.size()) {
-        if (!started_)
+        if (!started_) {
             start(current_);
+        }
         finish();
         started_ = false;
         current_++;
     }
-    if (!completed && started_ && terminal_ != no_terminal)
+    if (!completed && started_ && terminal_ != no_terminal) {
         dprintf(terminal_, "\n");
+    }
 }
 
 void progress::start(size_t upload)
@@ -96,8 +103,9 @@ void progress::start(size_t upload)
     percent_ = 0;
     told_tenths_ = 0;
     since_ = clock::now();
-    if (terminal_ == no_terminal)
+    if (terminal_ == no_terminal) {
         run_.say(uploads_[upload].name + ": uploading " + size_text(uploads_[upload].bytes));
+    }
 }
 
 void progress::finish()
@@ -105,10 +113,11 @@ void progress::finish()
     const auto &upload = uploads_[current_];
     const std::string line =
         format("%s: uploaded %s in %.1f s", upload.name.c_str(), size_text(upload.bytes).c_str(), elapsed_s());
-    if (terminal_ == no_terminal)
+    if (terminal_ == no_terminal) {
         run_.say(line);
-    else
+    } else {
         dprintf(terminal_, "\r%s\033[K\n", line.c_str());
+    }
 }
 
 void progress::draw()
@@ -132,8 +141,9 @@ std::string progress::bar_line(size_t width) const
     const auto &upload = uploads_[current_];
     const uint64_t done = upload.bytes * percent_ / 100;
     uint64_t left = upload.bytes - done;
-    for (size_t later = current_ + 1; later < uploads_.size(); later++)
+    for (size_t later = current_ + 1; later < uploads_.size(); later++) {
         left += uploads_[later].bytes;
+    }
 
     std::string figures =
         format(" %3u %%  %s of %s", percent_, size_text(done).c_str(), size_text(upload.bytes).c_str());
@@ -146,8 +156,9 @@ std::string progress::bar_line(size_t width) const
     constexpr size_t widest_bar = 30;
     const size_t around = upload.name.size() + figures.size() + 3;
     std::string line = upload.name;
-    if (around + narrowest_bar <= width)
+    if (around + narrowest_bar <= width) {
         line += " " + bar_text(std::min(width - around, widest_bar), percent_);
+    }
     return (line + figures).substr(0, width);
 }
 

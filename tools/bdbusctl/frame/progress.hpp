@@ -21,14 +21,16 @@ struct component_upload {
 class progress
 {
 public:
-    // `original_stderr`: where the standard error leads, which is captured meanwhile.
+    /** `original_stderr`: where the standard error leads, which is captured meanwhile. */
     progress(const session &run, int original_stderr, std::vector<component_upload> uploads);
 
-    // What the upgrade agent shows now: the component it is at, and a percentage that stays at the last component's 100
-    // until the first block of the next one.
+    /**
+     * What the upgrade agent shows now: the component it is at, and a percentage that stays at the last component's 100
+     * until the first block of the next one.
+     */
     void update(uint8_t component, uint8_t percent);
 
-    // Takes the bar away; with `completed` the uploads that were not seen to end have ended too.
+    /** Takes the bar away; with `completed` the uploads that were not seen to end have ended too. */
     void end(bool completed);
 
 private:

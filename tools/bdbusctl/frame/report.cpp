@@ -23,8 +23,9 @@ using table_pointer = std::unique_ptr<libscols_table, table_unref>;
 template <class pointer>
 pointer made(pointer thing)
 {
-    if (!thing)
+    if (!thing) {
         throw std::bad_alloc();
+    }
     return thing;
 }
 
@@ -37,24 +38,27 @@ cell list_cell(const std::vector<std::string> &names)
 
 void report::add(std::vector<cell> row)
 {
-    if (row.size() != columns_.size())
+    if (row.size() != columns_.size()) {
         throw std::logic_error("a row must have one cell for each column");
+    }
     rows_.push_back(std::move(row));
 }
 
 void report::show(const session &run) const
 {
-    if (run.wants_json())
+    if (run.wants_json()) {
         run.print(to_json());
-    else
+    } else {
         show_table(run);
+    }
 }
 
 void report::show_so_far(const session &run, failure error, const char *key, json rows) const
 {
     error.document[key] = rows.is_null() ? to_json() : std::move(rows);
-    if (!run.wants_json())
+    if (!run.wants_json()) {
         show_table(run);
+    }
     throw failure(std::move(error));
 }
 
@@ -68,21 +72,25 @@ void report::show_table(const session &run) const
     std::vector<size_t> shown;
     for (size_t index = 0; index < columns_.size(); index++) {
         const auto &[key, title, right] = columns_[index];
-        if (!title)
+        if (!title) {
             continue;
+        }
         shown.push_back(index);
         libscols_column *made_column = made(scols_table_new_column(table.get(), title, 0, right ? SCOLS_FL_RIGHT : 0));
-        if (colored)
+        if (colored) {
             scols_cell_set_color(scols_column_get_header(made_column), "bold");
+        }
     }
     for (const auto &row : rows_) {
         libscols_line *line = made(scols_table_new_line(table.get(), nullptr));
         for (size_t index = 0; index < shown.size(); index++) {
             const cell &value = row[shown[index]];
-            if (scols_line_set_data(line, index, value.text.c_str()) != 0)
+            if (scols_line_set_data(line, index, value.text.c_str()) != 0) {
                 throw std::bad_alloc();
-            if (colored && !value.color.empty())
+            }
+            if (colored && !value.color.empty()) {
                 scols_cell_set_color(scols_line_get_cell(line, index), value.color.c_str());
+            }
         }
     }
     scols_print_table(table.get());
@@ -94,8 +102,9 @@ json report::to_json() const
     json array = json::array();
     for (const auto &row : rows_) {
         json object = json::object();
-        for (size_t index = 0; index < columns_.size(); index++)
+        for (size_t index = 0; index < columns_.size(); index++) {
             object[columns_[index].key] = row[index].value;
+        }
         array.push_back(std::move(object));
     }
     return array;
@@ -116,10 +125,11 @@ void record::show(const session &run) const
 {
     session plain = run;
     plain.no_legend = true;
-    if (run.wants_json())
+    if (run.wants_json()) {
         run.print(object_);
-    else
+    } else {
         lines_.show_table(plain);
+    }
 }
 
 } // namespace bdbusctl

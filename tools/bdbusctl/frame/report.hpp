@@ -12,7 +12,7 @@
 namespace bdbusctl
 {
 
-// One value: its text in a table and its value in JSON.
+/** One value: its text in a table and its value in JSON. */
 struct cell {
     cell(std::string shown, json stored, std::string shown_in = {})
         : text(std::move(shown)), value(std::move(stored)), color(std::move(shown_in))
@@ -26,7 +26,7 @@ struct cell {
     {
     }
     static cell none() { return {"-", nullptr}; }
-    // The field is in the JSON only.
+    /** The field is in the JSON only. */
     static cell hidden(json stored) { return {std::string(), std::move(stored)}; }
 
     std::string text;
@@ -34,7 +34,7 @@ struct cell {
     std::string color; // of libsmartcols, or empty
 };
 
-// A list of names: separated by commas in a table, an array in JSON.
+/** A list of names: separated by commas in a table, an array in JSON. */
 cell list_cell(const std::vector<std::string> &names);
 
 struct column {
@@ -50,8 +50,10 @@ public:
     void add(std::vector<cell> row);
     void show(const session &run) const;
     void show_table(const session &run) const;
-    // For a list that could not be read to its end: shows the table and fails. In JSON the rows stand as `key` beside
-    // the error; `rows` are those of the table unless given.
+    /**
+     * For a list that could not be read to its end: shows the table and fails. In JSON the rows stand as `key` beside
+     * the error; `rows` are those of the table unless given.
+     */
     [[noreturn]] void show_so_far(const session &run, failure error, const char *key, json rows = nullptr) const;
     json to_json() const;
 
@@ -60,7 +62,7 @@ private:
     std::vector<std::vector<cell>> rows_;
 };
 
-// One thing with named fields: lines of "label: value", or one JSON object.
+/** One thing with named fields: lines of "label: value", or one JSON object. */
 class record
 {
 public:

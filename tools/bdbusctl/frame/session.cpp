@@ -22,10 +22,11 @@ bool session::wants_color() const
 
 void session::print(const std::string &line, const json &document) const
 {
-    if (wants_json())
+    if (wants_json()) {
         print(document);
-    else
+    } else {
         puts(line.c_str());
+    }
 }
 
 void session::print(const json &document) const
@@ -36,8 +37,9 @@ void session::print(const json &document) const
 
 void session::say(const std::string &line) const
 {
-    if (quiet || wants_json())
+    if (quiet || wants_json()) {
         return;
+    }
     puts(line.c_str());
     fflush(stdout);
 }
@@ -49,17 +51,21 @@ void session::warn(const std::string &line) const
 
 void session::confirm(const std::string &question) const
 {
-    if (yes)
+    if (yes) {
         return;
-    if (wants_json() || !isatty(STDIN_FILENO))
+    }
+    if (wants_json() || !isatty(STDIN_FILENO)) {
         throw failure("this changes the controller and nobody can be asked: add --yes", exit_status::usage);
+    }
     fflush(stdout);
     fprintf(stderr, "%s Type \"yes\" to go on: ", question.c_str());
     std::string answer;
-    if (!std::getline(std::cin, answer))
+    if (!std::getline(std::cin, answer)) {
         fputc('\n', stderr);
-    if (answer != "yes")
+    }
+    if (answer != "yes") {
         throw failure("not confirmed, nothing was changed");
+    }
 }
 
 outcome session::watch(const std::function<int32_t()> &call) const
@@ -72,8 +78,9 @@ outcome session::watch(const std::function<int32_t()> &call) const
 int32_t session::call(const std::string &intent, const std::function<int32_t()> &call) const
 {
     const outcome seen = watch(call);
-    if (seen.result < 0)
+    if (seen.result < 0) {
         throw failed_call("cannot " + intent, seen);
+    }
     return seen.result;
 }
 
@@ -81,17 +88,20 @@ int32_t session::answer(const std::string &intent, const std::function<int32_t()
 {
     const outcome seen = watch(call);
     if (std::any_of(seen.lines.begin(), seen.lines.end(),
-                    [](const std::string &line) { return line.starts_with("Failed to "); }))
+                    [](const std::string &line) { return line.starts_with("Failed to "); })) {
         throw failed_call("cannot " + intent, seen);
+    }
     return seen.result;
 }
 
 void session::show_details(const outcome &seen) const
 {
-    if (!verbose)
+    if (!verbose) {
         return;
-    for (const auto &line : seen.lines)
+    }
+    for (const auto &line : seen.lines) {
         fprintf(stderr, "%s\n", line.c_str());
+    }
 }
 
 void session::report(const failure &error) const
@@ -117,8 +127,9 @@ failure failed_with(const std::string &message, const std::string &reason, exit_
 failure failed_call(const std::string &message, const outcome &seen)
 {
     std::string reason = join(seen.faults(), "; ");
-    if (reason.empty() && seen.result < 0)
+    if (reason.empty() && seen.result < 0) {
         reason = strerror(-seen.result);
+    }
     return failed_with(message, reason, seen.bus_unreachable() ? exit_status::no_bus : exit_status::failed);
 }
 

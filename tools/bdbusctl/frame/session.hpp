@@ -18,7 +18,9 @@ using json = nlohmann::ordered_json;
 
 enum class exit_status { done = 0, failed = 1, usage = 2, no_bus = 3 };
 
-// Ends a verb. `error` goes into the error object of the JSON output beside the message, `document` beside that object.
+/**
+ * Ends a verb. `error` goes into the error object of the JSON output beside the message, `document` beside that object.
+ */
 struct failure : std::runtime_error {
     explicit failure(const std::string &message, exit_status code = exit_status::failed)
         : std::runtime_error(message), status(code)
@@ -42,24 +44,26 @@ struct session {
     bool wants_json() const { return style != json_style::off; }
     bool wants_color() const;
 
-    // A result: one line, or the one JSON document.
+    /** A result: one line, or the one JSON document. */
     void print(const std::string &line, const json &document) const;
     void print(const json &document) const;
 
-    // A remark for people: not with --quiet, not in JSON.
+    /** A remark for people: not with --quiet, not in JSON. */
     void say(const std::string &line) const;
-    // The same on stderr, also in JSON.
+    /** The same on stderr, also in JSON. */
     void warn(const std::string &line) const;
 
-    // Asks whether to go on; returns only with a yes.
+    /** Asks whether to go on; returns only with a yes. */
     void confirm(const std::string &question) const;
 
-    // Calls the library and shows with --verbose what it said.
+    /** Calls the library and shows with --verbose what it said. */
     outcome watch(const std::function<int32_t()> &call) const;
-    // The same for a call whose negative result is a failure: "cannot <intent>: <reason>".
+    /** The same for a call whose negative result is a failure: "cannot <intent>: <reason>". */
     int32_t call(const std::string &intent, const std::function<int32_t()> &call) const;
-    // The same for a call that hands on the service's own number, and answers 0 when it fails: only the line that it
-    // prints tells that.
+    /**
+     * The same for a call that hands on the service's own number, and answers 0 when it fails: only the line that it
+     * prints tells that.
+     */
     int32_t answer(const std::string &intent, const std::function<int32_t()> &call) const;
     void show_details(const outcome &seen) const;
 

@@ -18,14 +18,15 @@ std::string format(const char *pattern, ...)
     char *text = nullptr;
     const int length = vasprintf(&text, pattern, arguments);
     va_end(arguments);
-    if (length < 0)
+    if (length < 0) {
         throw std::bad_alloc();
+    }
     std::string result(text, static_cast<size_t>(length));
     free(text);
     return result;
 }
 
-// U+0080 to U+009F, control characters of two bytes.
+/** U+0080 to U+009F, control characters of two bytes. */
 static bool is_long_control(std::string_view text)
 {
     const auto second = static_cast<unsigned char>(text.size() < 2 ? 0 : text[1]);
@@ -37,10 +38,11 @@ std::string one_line(std::string_view text)
     std::string line(text);
     for (size_t at = 0; at < line.size(); at++) {
         const auto byte = static_cast<unsigned char>(line[at]);
-        if (byte < 0x20 || byte == 0x7F)
+        if (byte < 0x20 || byte == 0x7F) {
             line[at] = ' ';
-        else if (is_long_control(std::string_view(line).substr(at)))
+        } else if (is_long_control(std::string_view(line).substr(at))) {
             line[at] = line[at + 1] = ' ';
+        }
     }
     return line;
 }
@@ -49,10 +51,11 @@ std::string escape_controls(std::string_view json_text)
 {
     std::string escaped;
     for (size_t at = 0; at < json_text.size(); at++) {
-        if (is_long_control(json_text.substr(at)))
+        if (is_long_control(json_text.substr(at))) {
             escaped += format("\\u%04x", static_cast<unsigned char>(json_text[++at]));
-        else
+        } else {
             escaped += json_text[at];
+        }
     }
     return escaped;
 }
@@ -61,8 +64,9 @@ std::string join(const std::vector<std::string> &parts, std::string_view separat
 {
     std::string joined;
     for (const auto &part : parts) {
-        if (&part != &parts.front())
+        if (&part != &parts.front()) {
             joined += separator;
+        }
         joined += part;
     }
     return joined;
@@ -71,8 +75,9 @@ std::string join(const std::vector<std::string> &parts, std::string_view separat
 std::string hex_digits(std::span<const uint8_t> bytes)
 {
     std::string digits;
-    for (const uint8_t byte : bytes)
+    for (const uint8_t byte : bytes) {
         digits += format("%02x", byte);
+    }
     return digits;
 }
 
@@ -81,8 +86,9 @@ std::string size_text(uint64_t bytes)
     constexpr std::array units{"B", "KiB", "MiB", "GiB"};
     auto amount = static_cast<double>(bytes);
     size_t unit = 0;
-    for (; amount >= 1024 && unit + 1 < units.size(); unit++)
+    for (; amount >= 1024 && unit + 1 < units.size(); unit++) {
         amount /= 1024;
+    }
     return format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, units.at(unit));
 }
 
@@ -108,11 +114,13 @@ uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t large
     const char *const end = text.data() + text.size();
     uint64_t value = 0;
     const auto [stop, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
-    if (error == std::errc::invalid_argument || stop != end)
+    if (error == std::errc::invalid_argument || stop != end) {
         throw std::invalid_argument("'" + one_line(text) + "' is not a number");
-    if (error == std::errc::result_out_of_range || value < smallest || value > largest)
+    }
+    if (error == std::errc::result_out_of_range || value < smallest || value > largest) {
         throw std::invalid_argument(one_line(text) + " is not in " + std::to_string(smallest) + " to " +
                                     std::to_string(largest));
+    }
     return value;
 }
 
@@ -120,10 +128,12 @@ std::vector<uint8_t> parse_bytes(const std::vector<std::string> &words)
 {
     std::vector<uint8_t> bytes;
     for (const auto &word : words) {
-        if (word.size() % 2 != 0 || word.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        if (word.size() % 2 != 0 || word.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
             throw std::invalid_argument("'" + one_line(word) + "' is not two hex digits for each byte");
-        for (size_t at = 0; at < word.size(); at += 2)
+        }
+        for (size_t at = 0; at < word.size(); at += 2) {
             bytes.push_back(static_cast<uint8_t>(std::stoul(word.substr(at, 2), nullptr, 16)));
+        }
     }
     return bytes;
 }

@@ -13,31 +13,33 @@ namespace bdbusctl
 
 std::string format(const char *pattern, ...) __attribute__((format(printf, 1, 2)));
 
-// The text with every control character blanked, so that what a service or a file says cannot break out of its line.
+/**
+ * The text with every control character blanked, so that what a service or a file says cannot break out of its line.
+ */
 std::string one_line(std::string_view text);
 
-// A JSON text with the control characters escaped that JSON lets pass and a terminal would obey.
+/** A JSON text with the control characters escaped that JSON lets pass and a terminal would obey. */
 std::string escape_controls(std::string_view json_text);
 
 std::string join(const std::vector<std::string> &parts, std::string_view separator);
 
-// Two hex digits a byte, nothing between.
+/** Two hex digits a byte, nothing between. */
 std::string hex_digits(std::span<const uint8_t> bytes);
 
-// "0x2a"
+/** "0x2a" */
 std::string hex_text(uint8_t byte);
 
-// "12.3 MiB"
+/** "12.3 MiB" */
 std::string size_text(uint64_t bytes);
 
-// Seconds since 1970 as "2026-01-02T03:04:05Z".
+/** Seconds since 1970 as "2026-01-02T03:04:05Z". */
 inline constexpr const char *date_format = "%Y-%m-%dT%H:%M:%SZ";
 std::string time_text(uint32_t seconds);
 
-// Decimal or 0x hex, nothing else around it; std::invalid_argument names what is wrong.
+/** Decimal or 0x hex, nothing else around it; std::invalid_argument names what is wrong. */
 uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest);
 
-// Words of two hex digits a byte each.
+/** Words of two hex digits a byte each. */
 std::vector<uint8_t> parse_bytes(const std::vector<std::string> &words);
 
 } // namespace bdbusctl

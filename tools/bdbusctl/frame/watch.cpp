@@ -16,7 +16,9 @@ namespace bdbusctl
 namespace
 {
 
-// Whether the bus and a service are still there. The library's calls do not tell, so this is a connection beside it.
+/**
+ * Whether the bus and a service are still there. The library's calls do not tell, so this is a connection beside it.
+ */
 class presence
 {
 public:
@@ -31,21 +33,24 @@ public:
         // Whether it was there when the match was made.
         const int found = sd_bus_get_name_creds(bus, service, 0, nullptr);
         gone_ = found == -ENXIO;
-        if (!gone_)
+        if (!gone_) {
             need(found);
+        }
     }
 
     // Why there will be no more notices, if so.
     std::optional<failure> lost()
     {
         int result = 0;
-        do
+        do {
             result = sd_bus_process(bus_.get(), nullptr);
-        while (result > 0);
-        if (result < 0 || sd_bus_is_open(bus_.get()) <= 0)
+        } while (result > 0);
+        if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) {
             return failure("the connection to the bus was lost", exit_status::no_bus);
-        if (gone_)
+        }
+        if (gone_) {
             return failure(format("%s is not on the bus", service_));
+        }
         return std::nullopt;
     }
 
@@ -56,15 +61,17 @@ private:
 
     static void need(int result)
     {
-        if (result < 0)
+        if (result < 0) {
             throw failed_with("cannot reach the bus", strerror(-result), exit_status::no_bus);
+        }
     }
 
     static int on_owner_changed(sd_bus_message *message, void *userdata, sd_bus_error * /*error*/)
     {
         const char *owner = nullptr;
-        if (sd_bus_message_read(message, "sss", nullptr, nullptr, &owner) >= 0 && !*owner)
+        if (sd_bus_message_read(message, "sss", nullptr, nullptr, &owner) >= 0 && !*owner) {
             static_cast<presence *>(userdata)->gone_ = true;
+        }
         return 0;
     }
 
@@ -85,8 +92,9 @@ void follow(const session &run, const watch_arguments &given, const char *servic
 {
     constexpr std::chrono::milliseconds interval{100};
     session lines = run;
-    if (run.wants_json())
+    if (run.wants_json()) {
         lines.style = json_style::compact;
+    }
     const held_signals signals;
     std::optional<presence> watched;
     signals.end_during([&] { watched.emplace(service); });
@@ -101,15 +109,18 @@ void follow(const session &run, const watch_arguments &given, const char *servic
             object.update(document);
             signals.end_during([&, &text = line] {
                 lines.print(now + " " + text, object);
-                if (fflush(stdout) != 0)
+                if (fflush(stdout) != 0) {
                     throw failure("cannot write the output");
+                }
             });
-            if (++shown == given.count)
+            if (++shown == given.count) {
                 return;
+            }
         }
         // What came before the end is shown before it.
-        if (lost && happenings.empty())
+        if (lost && happenings.empty()) {
             throw failure(*lost);
+        }
         lost = watched->lost();
     } while (!signals.wait(interval));
 }

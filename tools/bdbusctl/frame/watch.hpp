@@ -23,7 +23,7 @@ struct happening {
     json document; // an object
 };
 
-// Asks `take` ten times a second for what has happened since; fails when the service is not on the bus.
+/** Asks `take` ten times a second for what has happened since; fails when the service is not on the bus. */
 void follow(const session &run, const watch_arguments &given, const char *service,
             const std::function<std::vector<happening>()> &take);
 

@@ -28,20 +28,22 @@ constexpr size_t upload_record_bytes = 34;
 uint8_t sum_of(bytes block)
 {
     uint8_t sum = 0;
-    for (const uint8_t byte : block)
+    for (const uint8_t byte : block) {
         sum = static_cast<uint8_t>(sum + byte);
+    }
     return sum;
 }
 
 std::array<uint8_t, digest_bytes> md5(std::span<const uint8_t> block)
 {
     std::array<uint8_t, digest_bytes> digest{};
-    if (wc_Md5Hash(block.data(), static_cast<word32>(block.size()), digest.data()) != 0)
+    if (wc_Md5Hash(block.data(), static_cast<word32>(block.size()), digest.data()) != 0) {
         throw std::runtime_error("cannot compute the MD5 digest");
+    }
     return digest;
 }
 
-// Takes numbers off the front of bytes whose length was checked before.
+/** Takes numbers off the front of bytes whose length was checked before. */
 class cursor
 {
 public:
@@ -58,8 +60,9 @@ public:
     {
         uint32_t number = 0;
         const bytes taken = take(count);
-        for (size_t index = count; index-- > 0;)
+        for (size_t index = count; index-- > 0;) {
             number = number << 8 | taken[index];
+        }
         return number;
     }
     template <size_t size>
@@ -81,8 +84,9 @@ public:
 
     image run()
     {
-        if (const auto records = read_header())
+        if (const auto records = read_header()) {
             result_.complete = read_records(*records);
+        }
         return std::move(result_);
     }
 
@@ -129,8 +133,9 @@ std::optional<size_t> reader::read_header()
     head.firmware = from.array<6>();
     const size_t oem_bytes = from.little_endian(2);
 
-    if (head.format_version != 0)
+    if (head.format_version != 0) {
         fault_at(signature.size(), format("header format version is %u, not 0", head.format_version));
+    }
     const size_t header_bytes = fixed_header_bytes + oem_bytes + 1;
     if (header_bytes > end_of_records()) {
         fault_at(fixed_header_bytes - 2, format("%zu bytes of OEM data reach past the end of the file", oem_bytes));
@@ -138,8 +143,9 @@ std::optional<size_t> reader::read_header()
     }
     const bytes oem_data = from.take(oem_bytes);
     head.oem_data.assign(oem_data.begin(), oem_data.end());
-    if (sum_of(file_.first(header_bytes)) != 0)
+    if (sum_of(file_.first(header_bytes)) != 0) {
         fault_at(header_bytes - 1, "wrong header checksum");
+    }
     return header_bytes;
 }
 
@@ -147,8 +153,9 @@ bool reader::read_records(size_t offset)
 {
     while (offset < end_of_records()) {
         const size_t taken = read_record(offset);
-        if (taken == 0)
+        if (taken == 0) {
             return false;
+        }
         offset += taken;
     }
     return true;
@@ -169,8 +176,9 @@ size_t reader::read_record(size_t offset)
     from.byte();
     const bool short_sum_holds = sum_of(room.first(short_record_bytes)) == 0;
     if (!found.is_upload()) {
-        if (!short_sum_holds)
+        if (!short_sum_holds) {
             fault_at(offset, "wrong checksum of the action record");
+        }
         if (found.action > BDBUS_HPM1_ACTION_UPLOAD) {
             fault_at(offset, format("unknown action %u", found.action));
             return 0;
@@ -183,8 +191,9 @@ size_t reader::read_record(size_t offset)
         return 0;
     }
     // Some writers sum the first three bytes, others the whole record header.
-    if (!short_sum_holds && sum_of(room.first(upload_record_bytes)) != 0)
+    if (!short_sum_holds && sum_of(room.first(upload_record_bytes)) != 0) {
         fault_at(offset, "wrong checksum of the upload record");
+    }
     found.firmware = from.array<6>();
     const bytes text = from.take(description_bytes);
     found.description = one_line(std::string(text.begin(), std::find(text.begin(), text.end(), 0)));
@@ -206,13 +215,15 @@ public:
     void put(bytes block) { file_.insert(file_.end(), block.begin(), block.end()); }
     void text(std::string_view text, size_t room)
     {
-        for (size_t index = 0; index < room; index++)
+        for (size_t index = 0; index < room; index++) {
             byte(index < text.size() ? static_cast<uint8_t>(text[index]) : 0);
+        }
     }
     void little_endian(uint32_t number, size_t count)
     {
-        for (; count > 0; count--, number >>= 8)
+        for (; count > 0; count--, number >>= 8) {
             byte(static_cast<uint8_t>(number));
+        }
     }
     // Makes the bytes from `start` on sum to 0.
     void checksum(size_t start) { byte(static_cast<uint8_t>(-sum_of(bytes(file_).subspan(start)))); }
@@ -255,8 +266,9 @@ image read(std::span<const uint8_t> file)
 std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads)
 {
     head.components = 0;
-    for (const auto &part : payloads)
+    for (const auto &part : payloads) {
         head.components = static_cast<uint8_t>(head.components | 1U << part.component);
+    }
 
     writer out;
     out.text(signature, signature.size());
@@ -277,10 +289,12 @@ std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const s
     out.put(head.oem_data);
     out.checksum(0);
 
-    if (backup)
+    if (backup) {
         out.action(BDBUS_HPM1_ACTION_BACKUP, backup);
-    if (prepare)
+    }
+    if (prepare) {
         out.action(BDBUS_HPM1_ACTION_PREPARE, prepare);
+    }
     for (const auto &part : payloads) {
         out.action(BDBUS_HPM1_ACTION_UPLOAD, static_cast<uint8_t>(1U << part.component));
         out.put(part.firmware);
@@ -293,8 +307,9 @@ std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const s
 
 bool digest_holds(std::span<const uint8_t> file)
 {
-    if (file.size() < digest_bytes)
+    if (file.size() < digest_bytes) {
         return false;
+    }
     const auto digest = md5(file.first(file.size() - digest_bytes));
     return std::equal(digest.begin(), digest.end(), file.end() - digest_bytes);
 }

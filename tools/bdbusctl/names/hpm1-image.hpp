@@ -19,7 +19,7 @@ inline constexpr unsigned timeout_unit_s = 5;
 
 using version = std::array<uint8_t, 6>;
 
-// In the order of the file; the header checksum follows the OEM data.
+/** In the order of the file; the header checksum follows the OEM data. */
 struct header {
     uint8_t format_version = 0;
     uint8_t device_id = 0;
@@ -40,14 +40,14 @@ struct record {
     size_t offset = 0;
     uint8_t action = 0;
     uint8_t components = 0;
-    // Of an upload record only.
+    /** Of an upload record only. */
     version firmware{};
     std::string description;
     size_t data_offset = 0;
     uint32_t length = 0;
 
     bool is_upload() const;
-    // The component that an upload is for.
+    /** The component that an upload is for. */
     uint8_t component() const;
 };
 
@@ -59,16 +59,18 @@ struct fault {
 struct image {
     header head;
     std::vector<record> records;
-    // What is wrong, in the order of the file. Reading stops at a length that cannot be followed; then `complete` is
-    // false.
+    /**
+     * What is wrong, in the order of the file. Reading stops at a length that cannot be followed; then `complete` is
+     * false.
+     */
     std::vector<fault> faults;
     bool complete = false;
 };
 
-// Never reads outside the bytes, whatever they say. The digest is looked at apart, because it takes a while.
+/** Never reads outside the bytes, whatever they say. The digest is looked at apart, because it takes a while. */
 image read(std::span<const uint8_t> file);
 
-// Whether the file ends with the MD5 digest of all before.
+/** Whether the file ends with the MD5 digest of all before. */
 bool digest_holds(std::span<const uint8_t> file);
 
 struct payload {
@@ -78,8 +80,10 @@ struct payload {
     std::vector<uint8_t> data;
 };
 
-// An image with the header as given (but for the components, which the payloads tell), a backup and a preparation where
-// their masks are not 0, then an upload for each payload.
+/**
+ * An image with the header as given (but for the components, which the payloads tell), a backup and a preparation where
+ * their masks are not 0, then an upload for each payload.
+ */
 std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads);
 
 } // namespace bdbusctl::hpm1_image

@@ -64,7 +64,7 @@ constexpr std::array self_test_results{
     code_name{0x58, "fatal hardware error"},
 };
 
-// Second byte of a self test that ended with 0x57.
+/** Second byte of a self test that ended with 0x57. */
 constexpr std::array<std::string_view, 8> inaccessible_parts{
     "operational firmware corrupted", "boot block firmware corrupted", "internal use area of the FRU corrupted",
     "SDR repository empty",           "IPMB lines do not respond",     "FRU device inaccessible",
@@ -100,11 +100,14 @@ std::string_view action_name(uint8_t action)
 
 std::string completion_name(hpm1_command command, uint8_t code)
 {
-    for (const auto &entry : command_completions)
-        if (entry.command == command && entry.code == code)
+    for (const auto &entry : command_completions) {
+        if (entry.command == command && entry.code == code) {
             return std::string(entry.name);
-    if (code == BDBUS_HPM1_CC_IN_PROGRESS)
+        }
+    }
+    if (code == BDBUS_HPM1_CC_IN_PROGRESS) {
         return "command in progress";
+    }
     return completion_name(code);
 }
 
@@ -116,8 +119,9 @@ cell completion_cell(hpm1_command command, uint8_t code)
 std::string self_test_name(uint8_t result1, uint8_t result2)
 {
     std::string name(find_name(self_test_results, result1, "failed, device-specific"));
-    if (result1 == 0x57 && result2 != 0)
+    if (result1 == 0x57 && result2 != 0) {
         name += ": " + join(bit_names(inaccessible_parts, result2), ", ");
+    }
     return name;
 }
 
@@ -134,30 +138,36 @@ std::vector<std::string> component_capability_names(uint8_t bits)
 std::vector<std::string> component_numbers(uint8_t mask)
 {
     std::vector<std::string> numbers;
-    for (unsigned component = 0; component < 8; component++)
-        if (mask >> component & 1)
+    for (unsigned component = 0; component < 8; component++) {
+        if (mask >> component & 1) {
             numbers.push_back(std::to_string(component));
+        }
+    }
     return numbers;
 }
 
 json component_array(uint8_t mask)
 {
     json numbers = json::array();
-    for (unsigned component = 0; component < 8; component++)
-        if (mask >> component & 1)
+    for (unsigned component = 0; component < 8; component++) {
+        if (mask >> component & 1) {
             numbers.push_back(component);
+        }
+    }
     return numbers;
 }
 
 std::string version_text(std::span<const uint8_t> version)
 {
     constexpr size_t longest = 6;
-    if (version.size() < 2)
+    if (version.size() < 2) {
         return hex_digits(version);
+    }
     std::string text = format("%u.%02X", version[0], version[1]);
     const auto auxiliary = version.first(std::min(version.size(), longest)).subspan(2);
-    if (std::any_of(auxiliary.begin(), auxiliary.end(), [](uint8_t byte) { return byte != 0; }))
+    if (std::any_of(auxiliary.begin(), auxiliary.end(), [](uint8_t byte) { return byte != 0; })) {
         text += "." + hex_digits(auxiliary);
+    }
     return version.size() > longest ? text + "..." : text;
 }
 
@@ -170,13 +180,15 @@ std::array<uint8_t, 6> parse_version(const std::string &text)
     const size_t auxiliary_room = 2 * (version.size() - 2);
     if (parts.size() > 3 || minor.empty() || minor.size() > 2 || auxiliary.size() % 2 != 0 ||
         auxiliary.size() > auxiliary_room ||
-        (minor + auxiliary).find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        (minor + auxiliary).find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
         throw std::invalid_argument("'" + one_line(text) + "' is not MAJOR.MINOR, or that and up to 4 bytes in hex");
+    }
 
     version[0] = static_cast<uint8_t>(parse_number(parts[0], 0, UINT8_MAX));
     version[1] = static_cast<uint8_t>(std::stoul(minor, nullptr, 16));
-    for (size_t index = 0; index < auxiliary.size() / 2; index++)
+    for (size_t index = 0; index < auxiliary.size() / 2; index++) {
         version[2 + index] = static_cast<uint8_t>(std::stoul(auxiliary.substr(2 * index, 2), nullptr, 16));
+    }
     return version;
 }
 

@@ -14,7 +14,7 @@
 namespace bdbusctl
 {
 
-// The HPM.1 commands by their codes, as the upgrade status reports them.
+/** The HPM.1 commands by their codes, as the upgrade status reports them. */
 enum class hpm1_command : uint8_t {
     target_capabilities = 0x2E,
     component_properties,
@@ -32,30 +32,32 @@ enum class hpm1_command : uint8_t {
 std::string_view command_name(uint8_t code);
 std::string_view action_name(uint8_t action);
 
-// What a completion code means as the answer to a command.
+/** What a completion code means as the answer to a command. */
 std::string completion_name(hpm1_command command, uint8_t code);
 cell completion_cell(hpm1_command command, uint8_t code);
 
 std::string self_test_name(uint8_t result1, uint8_t result2);
 
-// The names of the bits that are set, from bit 0 up.
+/** The names of the bits that are set, from bit 0 up. */
 std::vector<std::string> global_capability_names(uint8_t bits);
 std::vector<std::string> component_capability_names(uint8_t bits);
 
-// The numbers of the components in a mask.
+/** The numbers of the components in a mask. */
 std::vector<std::string> component_numbers(uint8_t mask);
 json component_array(uint8_t mask);
 
-// A version as HPM.1 writes it: the minor byte holds two decimal digits; auxiliary bytes are left out when all are
-// zero.
+/**
+ * A version as HPM.1 writes it: the minor byte holds two decimal digits; auxiliary bytes are left out when all are
+ * zero.
+ */
 std::string version_text(std::span<const uint8_t> version);
 
-// The same as a cell; none for a version that is absent (empty, or all bytes 0xFF).
+/** The same as a cell; none for a version that is absent (empty, or all bytes 0xFF). */
 cell version_cell(std::span<const uint8_t> version);
-// Its bytes, for JSON beside the text.
+/** Its bytes, for JSON beside the text. */
 cell version_hex_cell(std::span<const uint8_t> version);
 
-// MAJOR.MINOR[.AUXILIARY], as version_text() writes it; std::invalid_argument says that it is not.
+/** MAJOR.MINOR[.AUXILIARY], as version_text() writes it; std::invalid_argument says that it is not. */
 std::array<uint8_t, 6> parse_version(const std::string &text);
 
 } // namespace bdbusctl

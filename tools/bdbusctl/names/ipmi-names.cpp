@@ -39,13 +39,13 @@ constexpr std::array generic_completions{
     code_name{0xFF, "unspecified error"},
 };
 
-// Names of codes or offsets that follow each other, "|" between them; an empty one is reserved.
+/** Names of codes or offsets that follow each other, "|" between them; an empty one is reserved. */
 struct named_list {
     std::string_view name;
     std::string_view entries;
 };
 
-// By event/reading type, from threshold_events on.
+/** By event/reading type, from threshold_events on. */
 constexpr std::array event_types{
     named_list{"threshold",
                "lower non-critical going low|lower non-critical going high|lower critical going low|"
@@ -69,7 +69,7 @@ constexpr std::array event_types{
     named_list{"ACPI device power", "D0|D1|D2|D3"},
 };
 
-// By sensor type, from 1 on, each with its sensor-specific events.
+/** By sensor type, from 1 on, each with its sensor-specific events. */
 constexpr std::array sensor_types{
     named_list{"temperature", ""},
     named_list{"voltage", ""},
@@ -157,7 +157,7 @@ constexpr std::array sensor_types{
                "deactivation in progress|communication lost"},
 };
 
-// From 1 on.
+/** From 1 on. */
 constexpr std::string_view units =
     "degrees C|degrees F|K|V|A|W|J|C|VA|nit|lm|lx|cd|kPa|psi|N|CFM|RPM|Hz|us|ms|s|min|h|days|weeks|mil|"
     "in|ft|cu in|cu ft|mm|cm|m|cu cm|cu m|l|fl oz|rad|sr|revolutions|cycles|g|oz|lb|ft-lb|oz-in|G|Gb|H|"
@@ -169,8 +169,9 @@ std::string_view nth_name(std::string_view names, size_t index)
 {
     for (; index > 0; index--) {
         const size_t bar = names.find('|');
-        if (bar == std::string_view::npos)
+        if (bar == std::string_view::npos) {
             return {};
+        }
         names.remove_prefix(bar + 1);
     }
     return names.substr(0, names.find('|'));
@@ -193,9 +194,11 @@ std::string_view find_name(std::span<const code_name> names, uint8_t code, std::
 std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits)
 {
     std::vector<std::string> set;
-    for (size_t bit = 0; bit < names.size(); bit++)
-        if (bits >> bit & 1)
+    for (size_t bit = 0; bit < names.size(); bit++) {
+        if (bits >> bit & 1) {
             set.emplace_back(names[bit]);
+        }
+    }
     return set;
 }
 
@@ -230,8 +233,9 @@ std::string unit_name(uint8_t unit)
 
 std::string event_type_name(uint8_t event_type)
 {
-    if (event_type == sensor_specific_events)
+    if (event_type == sensor_specific_events) {
         return "sensor-specific";
+    }
     const bool known = event_type > 0 && event_type <= event_types.size();
     return name_or_number(known ? event_types.at(event_type - 1U).name : "", "type", event_type);
 }
@@ -239,10 +243,11 @@ std::string event_type_name(uint8_t event_type)
 std::string event_name(uint8_t event_type, uint8_t sensor_type, unsigned offset)
 {
     std::string_view names;
-    if (event_type == sensor_specific_events && sensor_type > 0 && sensor_type <= sensor_types.size())
+    if (event_type == sensor_specific_events && sensor_type > 0 && sensor_type <= sensor_types.size()) {
         names = sensor_types.at(sensor_type - 1U).entries;
-    else if (event_type > 0 && event_type <= event_types.size())
+    } else if (event_type > 0 && event_type <= event_types.size()) {
         names = event_types.at(event_type - 1U).entries;
+    }
     const std::string_view name = nth_name(names, offset);
     // The two states of "limit" say nothing without it.
     const bool alone = event_type == sensor_specific_events || event_type == threshold_events || name.empty();
@@ -252,9 +257,11 @@ std::string event_name(uint8_t event_type, uint8_t sensor_type, unsigned offset)
 std::vector<std::string> event_names(uint8_t event_type, uint8_t sensor_type, uint16_t mask)
 {
     std::vector<std::string> names;
-    for (unsigned offset = 0; offset < 16; offset++)
-        if (mask >> offset & 1)
+    for (unsigned offset = 0; offset < 16; offset++) {
+        if (mask >> offset & 1) {
             names.push_back(event_name(event_type, sensor_type, offset));
+        }
+    }
     return names;
 }
 

@@ -22,11 +22,11 @@ struct code_name {
 
 std::string_view find_name(std::span<const code_name> names, uint8_t code, std::string_view otherwise);
 
-// The names of the bits that are set, from bit 0 up.
+/** The names of the bits that are set, from bit 0 up. */
 std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits);
 
 std::string completion_name(uint8_t code);
-// A completion code other than success, as a failure with the code and its name.
+/** A completion code other than success, as a failure with the code and its name. */
 failure completion_failure(const std::string &message, uint8_t code, const std::string &name);
 
 std::string sensor_type_name(uint8_t sensor_type);
@@ -36,9 +36,9 @@ constexpr uint8_t threshold_events = 0x01;
 constexpr uint8_t sensor_specific_events = 0x6F;
 
 std::string event_type_name(uint8_t event_type);
-// An event by its offset, 0 to 15; whose offsets are a sensor type's own only with sensor_specific_events.
+/** An event by its offset, 0 to 15; whose offsets are a sensor type's own only with sensor_specific_events. */
 std::string event_name(uint8_t event_type, uint8_t sensor_type, unsigned offset);
-// Those of a mask, which has one bit for each offset.
+/** Those of a mask, which has one bit for each offset. */
 std::vector<std::string> event_names(uint8_t event_type, uint8_t sensor_type, uint16_t mask);
 
 } // namespace bdbusctl

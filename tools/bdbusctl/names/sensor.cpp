@@ -98,10 +98,12 @@ int sign_extended(unsigned value, unsigned width)
 
 std::string utf8_of_latin1(uint8_t character)
 {
-    if (character < 0x20 || (character >= 0x7F && character < 0xA0))
+    if (character < 0x20 || (character >= 0x7F && character < 0xA0)) {
         return "?";
-    if (character < 0x80)
+    }
+    if (character < 0x80) {
         return {static_cast<char>(character)};
+    }
     return {static_cast<char>(0xC0 | character >> 6), static_cast<char>(0x80 | (character & 0x3F))};
 }
 
@@ -119,13 +121,13 @@ uint8_t sensor::bits(size_t offset, unsigned lowest, unsigned count) const
     return static_cast<uint8_t>(byte(offset) >> lowest & ((1U << count) - 1));
 }
 
-// Ten bits: the two uppermost lead the second byte.
+/** Ten bits: the two uppermost lead the second byte. */
 int sensor::number(size_t offset) const
 {
     return sign_extended(byte(offset) | unsigned{bits(offset + 1, 6, 2)} << 8, 10);
 }
 
-// The text has a byte for type and length in characters before it. What it claims beyond the record is left out.
+/** The text has a byte for type and length in characters before it. What it claims beyond the record is left out. */
 std::string sensor::name() const
 {
     enum encoding : uint8_t { unicode, bcd_plus, packed_ascii, latin1 };
@@ -148,8 +150,9 @@ std::string sensor::name() const
             break;
         }
         case latin1:
-            if (byte(place) == 0)
+            if (byte(place) == 0) {
                 return text;
+            }
             text += utf8_of_latin1(byte(place));
             break;
         default:
@@ -161,13 +164,15 @@ std::string sensor::name() const
 
 std::string sensor::unit() const
 {
-    if (byte(3) != full)
+    if (byte(3) != full) {
         return "";
+    }
     enum modifier : uint8_t { none, divided_by, times };
     std::string text = unit_name(byte(21));
     const uint8_t modifier = bits(20, 1, 2);
-    if (modifier == divided_by || modifier == times)
+    if (modifier == divided_by || modifier == times) {
         text += (modifier == times ? "*" : "/") + unit_name(byte(22));
+    }
     text += rates.at(bits(20, 3, 3));
     return bits(20, 0, 1) == 0 ? text : text.empty() ? "%" : "% " + text;
 }
@@ -196,15 +201,17 @@ double sensor::step() const
 
 int sensor::counts(uint8_t raw) const
 {
-    if (format_ == is_unsigned || raw < 0x80)
+    if (format_ == is_unsigned || raw < 0x80) {
         return raw;
+    }
     return format_ == ones_complement ? raw - 0xFF : raw - 0x100;
 }
 
 std::optional<double> sensor::engineering(uint8_t raw) const
 {
-    if (!is_analog() || linearization_ >= linearizations.size())
+    if (!is_analog() || linearization_ >= linearizations.size()) {
         return std::nullopt;
+    }
     const double linear = (m_ * counts(raw) + b_ * std::pow(10, b_exponent_)) * std::pow(10, r_exponent_);
     const double value = linearizations.at(linearization_).function(linear);
     return std::isfinite(value) ? std::optional(value) : std::nullopt;
@@ -217,8 +224,9 @@ int sensor::linear_decimals() const
 
 cell sensor::shown(std::optional<double> number, uint8_t raw, bool with_unit) const
 {
-    if (!number)
+    if (!number) {
         return {hex_text(raw), nullptr};
+    }
     const std::string text = linearization_ == 0 ? format("%.*f", linear_decimals(), *number) : format("%.4g", *number);
     const std::string name = with_unit ? unit() : "";
     // From the text, so that 1.048 is no 1.0480000000000003.
@@ -238,10 +246,12 @@ cell sensor::hysteresis(uint8_t raw) const
 
 uint8_t sensor::nearest(double counts, int least, int most) const
 {
-    if (!is_analog() || linearization_ != 0 || m_ == 0)
+    if (!is_analog() || linearization_ != 0 || m_ == 0) {
         throw std::invalid_argument("the sensor is not linear, its values can be given with --raw only");
-    if (!(counts > least - 0.5 && counts < most + 0.5))
+    }
+    if (!(counts > least - 0.5 && counts < most + 0.5)) {
         throw std::invalid_argument("outside of what the sensor can express");
+    }
     const long rounded = std::lround(counts);
     return static_cast<uint8_t>(format_ == ones_complement && rounded < 0 ? rounded + 0xFF : rounded);
 }
@@ -260,41 +270,48 @@ uint8_t sensor::to_raw_hysteresis(double value) const
 
 cell sensor::reading() const
 {
-    if (!is_available())
+    if (!is_available()) {
         return cell::none();
+    }
     return value(record_.reading, true);
 }
 
-// A threshold sensor's masks have other bits above its twelve events.
+/** A threshold sensor's masks have other bits above its twelve events. */
 std::vector<std::string> sensor::event_names(uint16_t mask) const
 {
-    if (!has_type())
+    if (!has_type()) {
         return {};
+    }
     const uint16_t events = event_type() == threshold_events ? 0x0FFF : 0x7FFF;
     return bdbusctl::event_names(event_type(), type(), mask & events);
 }
 
-// As the sensor compares: raw values, at a threshold is beyond it. Discrete sensors show what is asserted.
+/** As the sensor compares: raw values, at a threshold is beyond it. Discrete sensors show what is asserted. */
 cell sensor::state() const
 {
-    if (!announced_)
+    if (!announced_) {
         return cell::none();
-    if (!is_available())
+    }
+    if (!is_available()) {
         return {"unavailable", "unavailable", "blue"};
-    if (!has_type())
+    }
+    if (!has_type()) {
         return "unknown";
+    }
     if (event_type() != threshold_events) {
         const auto names = event_names(record_.event_status.assertion_mask);
         return names.empty() ? "ok" : join(names, ", ");
     }
-    if (!is_analog())
+    if (!is_analog()) {
         return "unknown";
+    }
     const int reading = counts(record_.reading);
     for (const size_t index : {5U, 2U, 4U, 1U, 3U, 0U}) {
         const threshold &limit = thresholds.at(index);
         const int at = counts(record_.thresholds.*limit.raw);
-        if (has_threshold(index) && (index >= 3 ? reading >= at : reading <= at))
+        if (has_threshold(index) && (index >= 3 ? reading >= at : reading <= at)) {
             return {limit.label, limit.label, index % 3 == 0 ? "yellow" : "red"};
+        }
     }
     return "ok";
 }
@@ -342,9 +359,10 @@ void sensor::describe(record &shown) const
             std::pair{"normal_maximum", "Normal maximum"},
             std::pair{"normal_minimum", "Normal minimum"},
         };
-        for (unsigned index = 0; index < given.size(); index++)
+        for (unsigned index = 0; index < given.size(); index++) {
             shown.add(given.at(index).first, given.at(index).second,
                       bits(30, index, 1) ? value(byte(31 + index), true) : cell::none());
+        }
         shown.add("sensor_maximum", "Sensor maximum", value(byte(34), true));
         shown.add("sensor_minimum", "Sensor minimum", value(byte(35), true));
         add_byte("oem", "OEM byte", 46);

@@ -15,7 +15,7 @@
 namespace bdbusctl
 {
 
-// In the order of the bits of the mask; the second three are the upper ones.
+/** In the order of the bits of the mask; the second three are the upper ones. */
 struct threshold {
     const char *key;
     const char *label;
@@ -39,7 +39,7 @@ constexpr std::array thresholds{
 class sensor
 {
 public:
-    // `announced`: the reading is one that the service announced, and not the record's nominal one.
+    /** `announced`: the reading is one that the service announced, and not the record's nominal one. */
     sensor(const bdbus_sdr_record &record, bool announced);
 
     const bdbus_sdr_record &live() const { return record_; }
@@ -53,17 +53,17 @@ public:
     std::vector<std::string> event_names(uint16_t mask) const;
     bool has_threshold(size_t index) const;
 
-    // A raw value as text and number: in engineering units, with the unit or without, or hex where there are none.
+    /** A raw value as text and number: in engineering units, with the unit or without, or hex where there are none. */
     cell value(uint8_t raw, bool with_unit) const;
     cell hysteresis(uint8_t raw) const;
     cell reading() const;
     cell state() const; // none unless announced
 
-    // What the raw value for an engineering one is; std::invalid_argument says why there is none.
+    /** What the raw value for an engineering one is; std::invalid_argument says why there is none. */
     uint8_t to_raw(double value) const;
     uint8_t to_raw_hysteresis(double value) const;
 
-    // Adds all that the record's bytes say.
+    /** Adds all that the record's bytes say. */
     void describe(record &shown) const;
 
 private:
