@@ -146,6 +146,19 @@ public:
     /** Read a text property into a new allocation, the caller's to free. @return this call's result. */
     int32_t get_string_property(const char *name, char **text);
 
+    /** Set a property of a basic type. @return this call's result. */
+    template <signature Type, typename Value>
+    int32_t set_property(const char *name, Value value)
+    {
+        static_assert(fits<Type, Value>(), "the value does not match the property's type");
+        if (!failed()) {
+            got_property(
+                sd_bus_set_property(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr, Type.text, value),
+                name);
+        }
+        return result_;
+    }
+
 private:
     /** Where sd-bus takes a value from: a text is its own place. */
     template <typename Value>
@@ -179,7 +192,10 @@ private:
     sd_bus_message *reply_ = nullptr;
 };
 
-/** A call of a family that keeps its connection. */
+/**
+ * A call over a module's connection. Its bases are destroyed from the last to the first: reply and request, which
+ * belong to the connection; then the hold on it; then the line is printed.
+ */
 template <typename Hold>
 class module_call : call_report, Hold, public call_frame
 {
@@ -188,6 +204,11 @@ public:
         : call_frame(static_cast<call_report &>(*this), peer, texts, Hold::bus(), Hold::acquired())
     {
     }
+
+    [[nodiscard]] bool has_connection() const { return Hold::acquired() >= 0; }
+
+    /** Let others have the connection before the end; the reply stays readable. */
+    void release() { Hold::release(); }
 };
 
 } // namespace bdbus

@@ -151,12 +151,25 @@ void module_release(bus_module &owner)
     pthread_mutex_unlock(&owner.lock);
 }
 
-call_connection::call_connection(pthread_mutex_t &lock, call_report &report)
-    : guard_(lock), acquired_(sd_bus_open_system(&bus_))
+int32_t per_call_acquire(bus_module &owner, const char *text)
 {
-    if (acquired_ < 0) {
-        report.set(connect_text, acquired_);
+    pthread_mutex_lock(&owner.lock);
+    const int32_t result = sd_bus_open_system(&owner.bus);
+    if (result >= 0) {
+        return 0;
     }
+    owner.bus = nullptr;
+    pthread_mutex_unlock(&owner.lock);
+    if (text != nullptr) {
+        print_failure(text, nullptr, result);
+    }
+    return result;
+}
+
+void per_call_release(bus_module &owner)
+{
+    owner.bus = sd_bus_unref(owner.bus);
+    pthread_mutex_unlock(&owner.lock);
 }
 
 } // namespace bdbus

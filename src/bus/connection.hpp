@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The ways to a connection to the system bus: one kept by a module for the life of the process, or one for each call.
+// The two ways to a connection to the system bus: a module keeps one for the life of the process, or has one for each
+// call. A family names its acquire and release, and its calls hold the connection through them.
 #pragma once
 
 #include "bus/report.hpp"
@@ -43,7 +44,7 @@ int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bu
 /** Subscribe a new connection. @return 0, or the first match's negative code. */
 using subscription = int32_t (*)(sd_bus *bus);
 
-/** A module that keeps its connection: absent until the first acquire that can open it, then open for good. */
+/** A family's connection, or null, and the lock of all that is done with it. */
 struct bus_module {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     sd_bus *bus = nullptr;
@@ -78,7 +79,7 @@ inline bool is_inherited(const bus_module &owner)
 int32_t module_open(bus_module &owner, subscription subscribe);
 
 /**
- * Take a module's lock and have its connection open.
+ * Take a module's lock and have its connection open, from then on for good.
  *
  * A failed open prints its line, leaves the connection absent and the lock free. What nobody asked for is dropped when
  * the family has no signals.
@@ -93,28 +94,43 @@ int32_t module_acquire_silently(bus_module &owner, subscription subscribe);
 
 void module_release(bus_module &owner);
 
+/**
+ * Take a module's lock and open a connection for one call.
+ *
+ * @param text of the line for a failed open, which leaves the lock free; null for none.
+ * @return 0 with the lock held, or the open's negative code without it.
+ */
+int32_t per_call_acquire(bus_module &owner, const char *text);
+
+void per_call_release(bus_module &owner);
+
 /** A module's connection, held by a pair of its named acquire and release. */
 template <bus_module &Module, int32_t (*Acquire)(), void (*Release)()>
 class module_hold
 {
 public:
-    module_hold() : acquired_(Acquire()) {}
-    ~module_hold()
-    {
-        if (acquired_ >= 0) {
-            Release();
-        }
-    }
+    module_hold() : acquired_(Acquire()), held_(acquired_ >= 0) {}
+    ~module_hold() { release(); }
     module_hold(const module_hold &) = delete;
     module_hold &operator=(const module_hold &) = delete;
 
     [[nodiscard]] int32_t acquired() const { return acquired_; }
 
-    /** The connection, or null when it could not be had: without the lock it is not looked at. */
-    [[nodiscard]] sd_bus *bus() const { return acquired_ < 0 ? nullptr : Module.bus; }
+    /** The connection, or null without the lock. */
+    [[nodiscard]] sd_bus *bus() const { return held_ ? Module.bus : nullptr; }
+
+    /** Let others have it before the end; a reply that came over it stays readable. */
+    void release()
+    {
+        if (held_) {
+            held_ = false;
+            Release();
+        }
+    }
 
 private:
     int32_t acquired_;
+    bool held_;
 };
 
 /** Dispatch at most one queued message of a module's connection. @return 0, or the negative code of the acquire. */
@@ -129,23 +145,5 @@ int32_t process_one()
     sd_bus_process(hold.bus(), nullptr); // the next call reports a broken connection
     return 0;
 }
-
-/** A connection of one call's own, opened under the module's lock and closed before it is released. */
-class call_connection
-{
-public:
-    call_connection(pthread_mutex_t &lock, call_report &report);
-    ~call_connection() { sd_bus_unref(bus_); }
-    call_connection(const call_connection &) = delete;
-    call_connection &operator=(const call_connection &) = delete;
-
-    [[nodiscard]] int32_t acquired() const { return acquired_; }
-    [[nodiscard]] sd_bus *bus() const { return bus_; }
-
-private:
-    mutex_guard guard_;
-    sd_bus *bus_ = nullptr;
-    int32_t acquired_;
-};
 
 } // namespace bdbus

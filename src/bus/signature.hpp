@@ -21,7 +21,7 @@ struct signature {
 
 /** Whether values of a type travel under a one-character D-Bus type code. */
 template <typename Value>
-consteval bool travels_as(char code)
+constexpr bool travels_as(char code)
 {
     switch (code) {
     case 'y':
@@ -56,6 +56,23 @@ consteval bool fits()
 {
     std::size_t next = 0;
     return sizeof(Sig.text) == sizeof...(Values) + 1 && (travels_as<Values>(Sig.text[next++]) && ...);
+}
+
+/** The same for a record's fields, where a column is an array, and an array of columns one after another. */
+template <signature Sig, typename... Fields>
+consteval bool holds()
+{
+    std::size_t next = 0;
+    const auto is_next = [&next]<typename Field>() {
+        using element = std::remove_all_extents_t<Field>;
+        constexpr std::size_t columns = std::rank_v<Field> == 2 ? std::extent_v<Field> : 1;
+        bool fits = true;
+        for (std::size_t i = 0; i < columns && fits; i++) {
+            fits = (std::rank_v<Field> == 0 || Sig.text[next++] == 'a') && travels_as<element>(Sig.text[next++]);
+        }
+        return fits;
+    };
+    return (is_next.template operator()<Fields>() && ...) && next + 1 == sizeof(Sig.text);
 }
 
 } // namespace bdbus

@@ -64,8 +64,11 @@ inline constexpr signal_texts notice_texts = {
 
 inline constexpr signal_texts change_handle_texts = {.create = "Failed to send signal"};
 
-/** Those of a mount. */
-inline constexpr call_texts lower_case_texts = {
+/** Of a family that prints nothing: its callers have the result. */
+inline constexpr call_texts silent_texts = {};
+
+/** Remote storage: the set of a mount. */
+inline constexpr call_texts mount_texts = {
     .issue = "failed to issue method call",
     .parse = "failed to parse response message",
 };

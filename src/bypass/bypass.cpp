@@ -17,15 +17,25 @@ constexpr service bypass_service = {
     .interface = "com.brisemont.AdvancedBypass",
 };
 
-constinit pthread_mutex_t bypass_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit bus_module bypass_module;
+
+int32_t bypass_bus_acquire()
+{
+    return per_call_acquire(bypass_module, connect_text);
+}
+
+void bypass_bus_release()
+{
+    per_call_release(bypass_module);
+}
+
+using bypass_hold = module_hold<bypass_module, bypass_bus_acquire, bypass_bus_release>;
 
 /** Send the low bytes of the values. */
 template <signature Sig, typename... Values>
 int32_t bypass_call(const char *member, Values... values)
 {
-    call_report report;
-    const call_connection connection(bypass_lock, report);
-    call_frame call(report, bypass_service, plain_texts, connection.bus(), connection.acquired());
+    module_call<bypass_hold> call(bypass_service, plain_texts);
     int32_t answer = 0;
     call.invoke<Sig>(member, static_cast<uint8_t>(values)...);
     call.read<"i">(&answer);

@@ -6,14 +6,13 @@
 // connection. The change handler runs with the connection lock held and therefore takes no other: it only marks the
 // cache as stale, and whoever takes the cache lock next drops what is in it before answering.
 #include "bus/call.hpp"
-#include "bus/connection.hpp"
+#include "bus/member.hpp"
 
 #include <bdbus/config.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -141,64 +140,52 @@ int32_t config_bus_pump()
     return BDBUS_CONFIG_OK;
 }
 
-/** Where a key lives: "Group.Name" is property Name of the service's interface Group, "Name" one of its base interface.
- */
-class config_property
+/** A call about one key, over the connection that the pump has opened. The cache lock is held. */
+class config_call : service, failure_report, mutex_guard, public call_frame
 {
 public:
-    explicit config_property(const char *key)
+    explicit config_call(const grouped_member &key)
+        : service{config_service.name, config_service.path, key.interface()}, mutex_guard(config_module.lock),
+          call_frame(*this, *this, silent_texts, config_module.bus, 0)
     {
-        const char *dot = strrchr(key, '.');
-        member_ = dot == nullptr ? key : dot + 1;
-        const int group = dot == nullptr ? 0 : static_cast<int>(dot - key);
-        snprintf(interface_, sizeof(interface_), group == 0 ? "%s%.*s" : "%s.%.*s", config_service.interface, group,
-                 key);
     }
-
-    [[nodiscard]] const char *interface() const { return interface_; }
-    [[nodiscard]] const char *member() const { return member_; }
-
-private:
-    char interface_[64]; // room for the base and the longest group of the table
-    const char *member_;
 };
 
 /** Ask the service for a value into a new allocation: a text, or a cell. The cache lock is held. */
 int32_t config_read(config_key &key)
 {
-    const mutex_guard guard(config_module.lock);
-    sd_bus *bus = config_module.bus;
-    const config_property property(key.name);
-    int code = 0;
-    void *value = nullptr;
+    const grouped_member property(config_service.interface, key.name);
+    config_call call(property);
     if (key.type[0] == 's') {
         char *text = nullptr;
-        code = sd_bus_get_property_string(bus, config_service.name, config_service.path, property.interface(),
-                                          property.member(), nullptr, &text);
-        value = text;
+        call.get_string_property(property.name(), &text);
+        key.value = text;
     } else {
-        value = malloc(sizeof(uint32_t));
-        code = value == nullptr
-                   ? -ENOMEM
-                   : sd_bus_get_property_trivial(bus, config_service.name, config_service.path, property.interface(),
-                                                 property.member(), nullptr, key.type[0], value);
+        void *cell = malloc(sizeof(uint32_t));
+        if (cell == nullptr) {
+            call.fail(-ENOMEM);
+        }
+        if (key.type[0] == 'b') {
+            call.get_basic_property<"b">(property.name(), static_cast<int32_t *>(cell));
+        } else {
+            call.get_basic_property<"u">(property.name(), static_cast<uint32_t *>(cell));
+        }
+        key.value = cell;
     }
-    if (code < 0) {
-        free(value);
-        return config_status(code);
-    }
-    key.value = value;
     key.cached = 1;
-    return BDBUS_CONFIG_OK;
+    if (call.failed()) {
+        config_drop(key);
+    }
+    return config_status(call.result());
 }
 
 /** Hand a value to the service. The cache lock is held. */
 int32_t config_write(const config_key &key, uint32_t value)
 {
-    const mutex_guard guard(config_module.lock);
-    const config_property property(key.name);
-    return config_status(sd_bus_set_property(config_module.bus, config_service.name, config_service.path,
-                                             property.interface(), property.member(), nullptr, key.type, value));
+    const grouped_member property(config_service.interface, key.name);
+    config_call call(property);
+    return config_status(key.type[0] == 'b' ? call.set_property<"b">(property.name(), static_cast<int32_t>(value))
+                                            : call.set_property<"u">(property.name(), value));
 }
 
 /** Copy a cached value out: a text as strncpy does, a number as it is. */

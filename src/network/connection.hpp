@@ -1,52 +1,33 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The family's connection: one for each call, in the module's slot while the call holds the lock.
+// The family's calls: a connection for each, and nothing is printed.
 #pragma once
 
 #include "bus/call.hpp"
-#include "bus/connection.hpp"
 
 #include <bdbus/network.h>
 
 namespace bdbus
 {
 
-/** Lock the module and open its connection. @return the connection; null, with the lock free, when there is no bus. */
-sd_bus *network_bus_acquire();
+extern bus_module network_module;
 
-/** Close the connection and free the lock. */
+int32_t network_bus_acquire();
 void network_bus_release();
 
-class network_hold
-{
-public:
-    network_hold() : bus_(network_bus_acquire()) {}
-    ~network_hold() { release(); }
-    network_hold(const network_hold &) = delete;
-    network_hold &operator=(const network_hold &) = delete;
-
-    /** The connection, or null. */
-    [[nodiscard]] sd_bus *bus() const { return bus_; }
-
-    /** Let go of the connection before the end; replies that came over it stay readable. */
-    void release()
-    {
-        if (bus_ != nullptr) {
-            bus_ = nullptr;
-            network_bus_release();
-        }
-    }
-
-private:
-    sd_bus *bus_;
-};
-
-/** Nothing is printed. */
-inline constexpr call_texts network_texts = {};
+using network_hold = module_hold<network_module, network_bus_acquire, network_bus_release>;
 
 /** Fold an sd-bus code into the family's range. */
 inline int32_t network_status(int32_t code)
 {
     return code < 0 ? BDBUS_NETWORK_ERRNO | -code : BDBUS_NETWORK_OK;
 }
+
+class network_call : public module_call<network_hold>
+{
+public:
+    explicit network_call(const service &peer) : module_call(peer, silent_texts) {}
+
+    [[nodiscard]] int32_t status() const { return has_connection() ? network_status(result()) : BDBUS_NETWORK_NO_BUS; }
+};
 
 } // namespace bdbus

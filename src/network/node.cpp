@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A node's properties and its LLDP switch, and the host name. Each read and each call has a connection of its own.
+#include "bus/member.hpp"
 #include "network/connection.hpp"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -45,70 +45,38 @@ constexpr struct node_key {
     {"LLDP.Neighbor.SysDescr", "s", offsetof(bnetwork_node, sys_descr), sizeof(bnetwork_node::sys_descr)},
 };
 
-/** An allocated text; null without memory. */
-class heap_text
-{
-public:
-    __attribute__((format(printf, 2, 3))) explicit heap_text(const char *format, ...)
-    {
-        va_list values;
-        va_start(values, format);
-        if (vasprintf(&text_, format, values) < 0) {
-            text_ = nullptr;
-        }
-        va_end(values);
-    }
-    ~heap_text() { free(text_); }
-    heap_text(const heap_text &) = delete;
-    heap_text &operator=(const heap_text &) = delete;
-
-    [[nodiscard]] const char *get() const { return text_; }
-
-private:
-    char *text_ = nullptr;
-};
-
-/**
- * Where a key leads on a node's object: "Group.Name" is member Name of the interface Group, "Name" one of the interface
- * above all groups.
- */
+/** Where a key leads: to a member of an interface of a node's object. */
 class node_member
 {
 public:
-    node_member(const char *node, const char *key) : node_member(node, key, strrchr(key, '.')) {}
+    node_member(const char *node, const char *key) : member_("com.brisemont.Network", key)
+    {
+        if (asprintf(&path_, "/com/brisemont/network/%s", node) < 0) {
+            path_ = nullptr;
+        }
+    }
+    ~node_member() { free(path_); }
+    node_member(const node_member &) = delete;
+    node_member &operator=(const node_member &) = delete;
 
-    [[nodiscard]] const char *name() const { return name_; }
-    [[nodiscard]] const service &peer() const { return peer_; }
+    [[nodiscard]] const char *name() const { return member_.name(); }
+    [[nodiscard]] service peer() const { return {"com.brisemont.Network.Host1", path_, member_.interface()}; }
 
 private:
-    node_member(const char *node, const char *key, const char *dot)
-        : name_(dot == nullptr ? key : dot + 1), path_("/com/brisemont/network/%s", node),
-          interface_("com.brisemont.Network%s%.*s", dot == nullptr ? "" : ".",
-                     dot == nullptr ? 0 : static_cast<int>(dot - key), key),
-          peer_{"com.brisemont.Network.Host1", path_.get(), interface_.get()}
-    {
-    }
-
-    const char *name_;
-    heap_text path_;
-    heap_text interface_;
-    service peer_;
+    grouped_member member_;
+    char *path_;
 };
 
-class network_call : call_report, network_hold, public call_frame
+/** A call to one member; without memory for where it is, a failed one. */
+class node_call : service, public network_call
 {
 public:
-    explicit network_call(const service &peer) : call_frame(*this, peer, network_texts, bus(), ready(bus(), peer)) {}
-
-    [[nodiscard]] int32_t status() const { return bus() == nullptr ? BDBUS_NETWORK_NO_BUS : network_status(result()); }
-
-private:
-    static int32_t ready(sd_bus *bus, const service &peer)
+    explicit node_call(const node_member &member)
+        : service(member.peer()), network_call(static_cast<const service &>(*this))
     {
-        if (bus == nullptr) {
-            return -ENOTCONN;
+        if (path == nullptr) {
+            fail(-ENOMEM);
         }
-        return peer.path == nullptr || peer.interface == nullptr ? -ENOMEM : 0;
     }
 };
 
@@ -139,7 +107,7 @@ int32_t bnetwork_property_get(const char *node, const char *key, const char *sig
         return bdbus::network_status(-EINVAL);
     }
     const bdbus::node_member property(node, key);
-    bdbus::network_call call(property.peer());
+    bdbus::node_call call(property);
     switch (signature[0]) {
     case 'b':
         call.get_basic_property<"b">(property.name(), static_cast<int32_t *>(out));
@@ -188,7 +156,7 @@ int32_t bnetwork_node_set_lldp_enabled(const char *node, int32_t enabled)
         return bdbus::network_status(-EINVAL);
     }
     const bdbus::node_member lldp(node, "Status.SetLLDPEnabled");
-    bdbus::network_call call(lldp.peer());
+    bdbus::node_call call(lldp);
     call.invoke<"i">(lldp.name(), enabled);
     return call.status();
 }

@@ -107,15 +107,10 @@ int32_t bnetwork_nodes_list_get(bnetwork_node_list *list)
         return bdbus::network_status(-EINVAL);
     }
     *list = {};
-    bdbus::call_report report;
-    bdbus::network_hold hold;
-    if (hold.bus() == nullptr) {
-        return BDBUS_NETWORK_NO_BUS;
-    }
-    bdbus::call_frame call(report, bdbus::network_introspection, bdbus::network_texts, hold.bus(), 0);
+    bdbus::network_call call(bdbus::network_introspection);
     call.invoke<"">("Introspect");
-    hold.release();
+    call.release();
     const char *xml = nullptr;
     call.read<"s">(&xml);
-    return call.failed() ? bdbus::network_status(call.result()) : bdbus::parse_introspection(xml, *list);
+    return call.failed() ? call.status() : bdbus::parse_introspection(xml, *list);
 }

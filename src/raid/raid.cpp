@@ -21,14 +21,32 @@ constexpr service raid_service = {
     .interface = "com.brisemont.RAIDMgmt",
 };
 
-constinit pthread_mutex_t raid_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit bus_module raid_module;
 
-class raid_call : call_report, call_connection, public call_frame
+int32_t raid_bus_acquire()
+{
+    return per_call_acquire(raid_module, connect_text);
+}
+
+void raid_bus_release()
+{
+    per_call_release(raid_module);
+}
+
+using raid_hold = module_hold<raid_module, raid_bus_acquire, raid_bus_release>;
+
+class raid_call : public module_call<raid_hold>
 {
 public:
-    explicit raid_call(const call_texts &texts = raid_texts)
-        : call_connection(raid_lock, *this), call_frame(*this, raid_service, texts, bus(), acquired())
+    explicit raid_call(const call_texts &texts = raid_texts) : module_call(raid_service, texts) {}
+
+    /** Read the reply into a record, field by field. The signature names what the fields hold, an array for a column.
+     */
+    template <signature Sig, typename Record, typename... Fields>
+    void answer(Record &rec, Fields Record::*...fields)
     {
+        static_assert(holds<Sig, Fields...>(), "the fields do not match the signature that they are read under");
+        (read_field(rec.*fields), ...);
     }
 
     /** End a request with the first entries of its columns, send it and wait for the answer without limit. */
@@ -37,6 +55,23 @@ public:
     {
         (append_array(columns, count), ...);
         send(no_timeout);
+    }
+
+private:
+    void read_field(uint8_t &value) { read<"y">(&value); }
+    void read_field(int32_t &value) { read<"i">(&value); }
+    void read_field(uint64_t &value) { read<"t">(&value); }
+
+    template <typename Element, std::size_t Count>
+    void read_field(Element (&column)[Count])
+    {
+        if constexpr (std::is_array_v<Element>) {
+            for (auto &one : column) {
+                read_field(one);
+            }
+        } else {
+            read_column(column);
+        }
     }
 };
 
@@ -60,17 +95,15 @@ private:
     char text_[Room + 1] = {};
 };
 
-/** The two lists that differ in the width of their ids and in their capacity. */
-template <typename List, typename Ids>
-void read_progress_list(raid_call &call, List &list, Ids &ids)
+/** A query without arguments, and the fields of its record in the order of the reply. */
+template <signature Sig, typename Record, typename... Fields>
+Record raid_query(const char *member, Fields Record::*...fields)
 {
-    call.read<"y">(&list.count);
-    call.read_column(ids);
-    call.read_column(list.sizes);
-    for (auto &column : list.progress) {
-        call.read_column(column);
-    }
-    call.read<"i">(&list.status);
+    Record rec = {};
+    raid_call call;
+    call.invoke<"">(member);
+    call.answer<Sig>(rec, fields...);
+    return rec;
 }
 
 /** An operation on plain values. */
@@ -104,87 +137,54 @@ int32_t raid_operation_on(const char *member, uint8_t count, const First &first,
 
 bdbus_storectrl_vd_progress_list bdbus_storectrl_get_vd_list_w_progress_status(void)
 {
-    bdbus_storectrl_vd_progress_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetVirtualDriveListWithProgressStatus");
-    bdbus::read_progress_list(call, list, list.vd_ids);
-    return list;
+    using record = bdbus_storectrl_vd_progress_list;
+    return bdbus::raid_query<"yayatayayayayayayayi">("GetVirtualDriveListWithProgressStatus", &record::count,
+                                                     &record::vd_ids, &record::sizes, &record::progress,
+                                                     &record::status);
 }
 
 bdbus_storectrl_pd_progress_list bdbus_storectrl_get_pd_list_w_progress_status(void)
 {
-    bdbus_storectrl_pd_progress_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetPhysicalDriveListWithProgressStatus");
-    bdbus::read_progress_list(call, list, list.pd_ids);
-    return list;
+    using record = bdbus_storectrl_pd_progress_list;
+    return bdbus::raid_query<"yaqatayayayayayayayi">("GetPhysicalDriveListWithProgressStatus", &record::count,
+                                                     &record::pd_ids, &record::sizes, &record::progress,
+                                                     &record::status);
 }
 
 bdbus_storectrl_vd_list bdbus_storectrl_get_virtual_drive_list(void)
 {
-    bdbus_storectrl_vd_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetVirtualDriveList");
-    call.read<"y">(&list.count);
-    call.read_column(list.vd_ids);
-    call.read_column(list.sizes);
-    call.read<"i">(&list.status);
-    return list;
+    using record = bdbus_storectrl_vd_list;
+    return bdbus::raid_query<"yayati">("GetVirtualDriveList", &record::count, &record::vd_ids, &record::sizes,
+                                       &record::status);
 }
 
 bdbus_storectrl_unconfig_list bdbus_storectrl_get_unconfig_drive_list(void)
 {
-    bdbus_storectrl_unconfig_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetUnconfigDriveList");
-    call.read<"y">(&list.count);
-    call.read_column(list.pd_ids);
-    call.read_column(list.sizes);
-    call.read<"i">(&list.status);
-    return list;
+    using record = bdbus_storectrl_unconfig_list;
+    return bdbus::raid_query<"yaqati">("GetUnconfigDriveList", &record::count, &record::pd_ids, &record::sizes,
+                                       &record::status);
 }
 
 bdbus_storectrl_drive_group_list bdbus_storectrl_get_drive_group_list(void)
 {
-    bdbus_storectrl_drive_group_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetDriveGroupList");
-    call.read<"yy">(&list.head1, &list.head2);
-    call.read_column(list.column1);
-    call.read_column(list.column2);
-    call.read<"y">(&list.head3);
-    call.read_column(list.column3);
-    call.read_column(list.column4);
-    call.read<"i">(&list.status);
-    return list;
+    using record = bdbus_storectrl_drive_group_list;
+    return bdbus::raid_query<"yyayayyayayi">("GetDriveGroupList", &record::head1, &record::head2, &record::column1,
+                                             &record::column2, &record::head3, &record::column3, &record::column4,
+                                             &record::status);
 }
 
 bdbus_storectrl_hot_spare_list bdbus_storectrl_get_hot_spare_drive_list(void)
 {
-    bdbus_storectrl_hot_spare_list list = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetHotSpareDriveList");
-    call.read<"yyy">(&list.head1, &list.head2, &list.head3);
-    call.read_column(list.pd_ids);
-    call.read_column(list.column1);
-    call.read_column(list.column2);
-    call.read<"i">(&list.status);
-    return list;
+    using record = bdbus_storectrl_hot_spare_list;
+    return bdbus::raid_query<"yyyaqayayi">("GetHotSpareDriveList", &record::head1, &record::head2, &record::head3,
+                                           &record::pd_ids, &record::column1, &record::column2, &record::status);
 }
 
 bdbus_storectrl_raid_levels bdbus_storectrl_get_available_raid_level(void)
 {
-    bdbus_storectrl_raid_levels levels = {};
-    bdbus::raid_call call;
-    call.invoke<"">("GetAvailableRaidLevel");
-    call.read<"y">(&levels.head1);
-    call.read_column(levels.column1);
-    call.read<"y">(&levels.head2);
-    call.read_column(levels.column2);
-    call.read_column(levels.column3);
-    call.read_column(levels.column4);
-    call.read<"i">(&levels.status);
-    return levels;
+    using record = bdbus_storectrl_raid_levels;
+    return bdbus::raid_query<"yayyayayayi">("GetAvailableRaidLevel", &record::head1, &record::column1, &record::head2,
+                                            &record::column2, &record::column3, &record::column4, &record::status);
 }
 
 bdbus_storectrl_min_pd bdbus_storectrl_get_min_pd_needed(bdbus_storectrl_min_pd query)
@@ -192,7 +192,7 @@ bdbus_storectrl_min_pd bdbus_storectrl_get_min_pd_needed(bdbus_storectrl_min_pd 
     bdbus_storectrl_min_pd needed = {};
     bdbus::raid_call call;
     call.invoke<"yy">("GetMinPdNeeded", query.param1, query.param2);
-    call.read<"yi">(&needed.min_pd, &needed.status);
+    call.answer<"yi">(needed, &bdbus_storectrl_min_pd::min_pd, &bdbus_storectrl_min_pd::status);
     return needed;
 }
 
@@ -204,7 +204,7 @@ bdbus_storectrl_max_size bdbus_storectrl_get_max_available_size(bdbus_storectrl_
     call.create("GetMaxAvailableSize");
     call.append<"yyyy">(query.param1, query.param2, query.param3, entries);
     call.send_columns(entries, query.pd_ids);
-    call.read<"ti">(&available.max_size, &available.status);
+    call.answer<"ti">(available, &bdbus_storectrl_max_size::max_size, &bdbus_storectrl_max_size::status);
     return available;
 }
 
@@ -214,7 +214,7 @@ bdbus_storectrl_oob_init bdbus_storectrl_get_ctrl_oob_init_state(bdbus_storectrl
     const bdbus::bounded_text text(query.text);
     bdbus::raid_call call;
     call.invoke<"is">("GetCtrlOOBInitState", query.param, text.c_str());
-    call.read<"yi">(&found.state, &found.status);
+    call.answer<"yi">(found, &bdbus_storectrl_oob_init::state, &bdbus_storectrl_oob_init::status);
     return found;
 }
 
@@ -224,9 +224,10 @@ bdbus_storectrl_vd bdbus_storectrl_get_virtual_drive_info(bdbus_storectrl_vd_que
     const bdbus::bounded_text text(query.text);
     bdbus::raid_call call;
     call.invoke<"sy">("GetVirtualDriveInfo", text.c_str(), query.selector);
-    call.read<"ytyyyyyyyiy">(&drive.param1, &drive.size, &drive.option1, &drive.option2, &drive.option3, &drive.option4,
-                             &drive.option5, &drive.option6, &drive.option9, &drive.value, &drive.pd_count);
-    call.read_column(drive.pd_ids);
+    using record = bdbus_storectrl_vd;
+    call.answer<"ytyyyyyyyiyaq">(drive, &record::param1, &record::size, &record::option1, &record::option2,
+                                 &record::option3, &record::option4, &record::option5, &record::option6,
+                                 &record::option9, &record::value, &record::pd_count, &record::pd_ids);
     return drive;
 }
 

@@ -227,7 +227,7 @@ int32_t bdbus_rstorage_disk_mount(int32_t disk, const char *text_arg, int32_t *o
     if (text_arg == nullptr || out == nullptr) {
         return -EINVAL;
     }
-    bdbus::rstorage_action call(disk, bdbus::lower_case_texts);
+    bdbus::rstorage_action call(disk, bdbus::mount_texts);
     call.invoke<"s">("Mount", text_arg);
     if (buf == nullptr) {
         return call.read<"i">(out);

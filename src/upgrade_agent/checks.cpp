@@ -108,15 +108,19 @@ void log_identity(const bdbus_upgrade_agent_context &context)
     const uint8_t *header = context.image_data;
     const uint8_t *product = context.product_id;
     const uint8_t *manufacturer = context.manufacturer_id;
+    const uint8_t *image_product = header + header_product_id;
+    const uint8_t *image_manufacturer = header + header_manufacturer_id;
+    const uint8_t *earliest = header + header_earliest_version;
     syslog(LOG_INFO, "Image info:\n");
     syslog(LOG_INFO, "  DUT device ID         : 0x%X\n", context.device_id);
-    syslog(LOG_INFO, "  Image device ID       : 0x%X\n", header[9]);
+    syslog(LOG_INFO, "  Image device ID       : 0x%X\n", header[header_device_id]);
     syslog(LOG_INFO, "  DUT product ID        : 0x%X%X\n", product[0], product[1]);
-    syslog(LOG_INFO, "  Image product ID      : 0x%X%X\n", header[13], header[14]);
+    syslog(LOG_INFO, "  Image product ID      : 0x%X%X\n", image_product[0], image_product[1]);
     syslog(LOG_INFO, "  DUT mfg ID            : 0x%X%X%X\n", manufacturer[0], manufacturer[1], manufacturer[2]);
-    syslog(LOG_INFO, "  Image manufacturer ID : 0x%X%X%X\n", header[10], header[11], header[12]);
+    syslog(LOG_INFO, "  Image manufacturer ID : 0x%X%X%X\n", image_manufacturer[0], image_manufacturer[1],
+           image_manufacturer[2]);
     syslog(LOG_INFO, "  DUT FW version        : %d.%X\n", context.fw_major, context.fw_minor);
-    syslog(LOG_INFO, "  Image earl. comp. ver.: %d.%X\n", header[24], header[25]);
+    syslog(LOG_INFO, "  Image earl. comp. ver.: %d.%X\n", earliest[0], earliest[1]);
 }
 
 /** Whether the image is for this controller. */
@@ -290,12 +294,6 @@ int32_t bdbus_upgrade_agent_preparation_stage(bdbus_upgrade_agent_context *conte
 int32_t bdbus_upgrade_agent_pre_upgrade_check(bdbus_upgrade_agent_context *context)
 {
     const bdbus::calls_in_a_row stage;
-    bdbus::record_walk walk(context);
-    bdbus::walk_step step = walk.next();
-    for (; step == bdbus::walk_step::record; step = walk.next()) {
-        if (const int32_t result = bdbus::check_action(*context, walk.record()); result != 0) {
-            return result;
-        }
-    }
-    return bdbus::bdbus_upgrade_agent_check_action_record(step);
+    return bdbus::for_each_record(
+        context, [context](const bdbus::action_record &record) { return bdbus::check_action(*context, record); });
 }

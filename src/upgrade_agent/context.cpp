@@ -14,9 +14,6 @@
 namespace bdbus
 {
 
-constinit upgrade_agent_component component_table[BDBUS_UPGRADE_AGENT_COMPONENTS] = {};
-constinit agent_status current_status = {};
-
 namespace
 {
 

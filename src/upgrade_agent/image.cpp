@@ -16,86 +16,82 @@ hpm1_image::hpm1_image(const bdbus_upgrade_agent_context *context)
 {
 }
 
-namespace
-{
-
-bool sums_to_zero(const uint8_t *bytes, uint32_t length)
-{
-    return bdbus_hpm1_checksum(bytes, static_cast<int32_t>(length)) == 0;
-}
-
-} // namespace
-
-bool action_record::checksum_holds() const
-{
-    return sums_to_zero(bytes_, short_bytes) ||
-           (type() == BDBUS_HPM1_ACTION_UPLOAD && sums_to_zero(bytes_, upload_bytes));
-}
-
-bool action_record::is_whole() const
-{
-    return type() != BDBUS_HPM1_ACTION_UPLOAD || image_length() <= available_ - upload_bytes;
-}
-
-record_walk::record_walk(const bdbus_upgrade_agent_context *context)
-    : image_(context), offset_(image_.has_whole_header() ? image_.header_bytes() : 0)
-{
-}
-
-walk_step record_walk::next()
-{
-    if (offset_ == 0) {
-        return walk_step::truncated;
-    }
-    if (offset_ >= image_.records_end()) {
-        return walk_step::end;
-    }
-    record_ = action_record(image_.data() + offset_, static_cast<uint32_t>(image_.records_end() - offset_));
-    if (!record_.has_fixed_part()) {
-        return walk_step::truncated;
-    }
-    if (!record_.checksum_holds()) {
-        return walk_step::bad_checksum;
-    }
-    if (!record_.is_whole()) {
-        return walk_step::truncated;
-    }
-    offset_ += record_.size();
-    return walk_step::record;
-}
-
 void log_truncated()
 {
     syslog(LOG_ERR, "Truncated HPM.1 image\n");
 }
 
-int32_t bdbus_upgrade_agent_check_action_record(walk_step stopped)
+bool action_record_sums_up(const uint8_t *record)
 {
-    switch (stopped) {
-    case walk_step::truncated:
-        log_truncated();
-        return -1;
-    case walk_step::bad_checksum:
-        syslog(LOG_ERR, "Invalid HPM.1 action record checksum\n");
-        return -1;
-    default:
+    return bdbus_hpm1_checksum(record, action_record::short_bytes) == 0 ||
+           (record[0] == BDBUS_HPM1_ACTION_UPLOAD && bdbus_hpm1_checksum(record, action_record::upload_bytes) == 0);
+}
+
+int32_t bdbus_upgrade_agent_check_action_record(const uint8_t *record)
+{
+    if (action_record_sums_up(record)) {
         return 0;
     }
+    syslog(LOG_ERR, "Invalid HPM.1 action record checksum\n");
+    return -1;
 }
 
 namespace
 {
 
-/** Whether the lengths of all records lie inside the image; what else is wrong with a record is for those who act on
- * it. */
-bool lengths_hold(const bdbus_upgrade_agent_context *context)
+/**
+ * Whether the lengths of all records lie inside the image. What else is wrong with a record, and ends the walk here,
+ * is for those who act on it.
+ */
+bool lengths_hold(const hpm1_image &image)
 {
-    record_walk walk(context);
-    walk_step step = walk.next();
-    while (step == walk_step::record && walk.record().type() <= BDBUS_HPM1_ACTION_UPLOAD) {
-        step = walk.next();
+    for (record_walk walk(image); !walk.at_end(); walk.advance()) {
+        const action_record record = walk.record();
+        if (!record.has_fixed_part()) {
+            return false;
+        }
+        if (!action_record_sums_up(record.start())) {
+            return true;
+        }
+        if (!record.is_whole()) {
+            return false;
+        }
+        if (record.type() > BDBUS_HPM1_ACTION_UPLOAD) {
+            return true;
+        }
     }
-    return step != walk_step::truncated;
+    return true;
+}
+
+/** Log what the header says; a line is left out when the file ends before its last byte. */
+void log_header(const hpm1_image &image)
+{
+    const auto at = [&image](uint32_t offset) -> int {
+        return image.header_byte(offset);
+    };
+    syslog(LOG_NOTICE, "Image information:\n");
+    if (image.holds(header_device_id, 1)) {
+        syslog(LOG_NOTICE, "  Device ID         : 0x%x\n", at(header_device_id));
+    }
+    if (image.holds(header_product_id, 2)) {
+        syslog(LOG_NOTICE, "  Product ID        : 0x%02X%02X\n", at(header_product_id + 1), at(header_product_id));
+    }
+    if (image.holds(header_manufacturer_id, 3)) {
+        syslog(LOG_NOTICE, "  Manufacturer ID   : 0x%02X%02X%02X\n", at(header_manufacturer_id + 2),
+               at(header_manufacturer_id + 1), at(header_manufacturer_id));
+    }
+    if (image.holds(header_components, 1)) {
+        syslog(LOG_NOTICE, "  Component Bit Mask: 0x%02X\n", at(header_components));
+    }
+    if (image.holds(header_earliest_version, 2)) {
+        syslog(LOG_NOTICE, "  Compatible version: %d.%02X\n", at(header_earliest_version),
+               at(header_earliest_version + 1));
+    }
+    if (constexpr uint32_t version = header_firmware_version; image.holds(version, 6)) {
+        syslog(LOG_NOTICE, "  Firmware version  : %d.%02X.%02X%02X%02X%02X\n", at(version), at(version + 1),
+               at(version + 2), at(version + 3), at(version + 4), at(version + 5));
+    }
+    syslog(LOG_NOTICE, "\n");
 }
 
 /** Compute the MD5 digest (RFC 1321) of bytes. @return 0, or the integrity check's code after its line. */
@@ -154,7 +150,7 @@ int32_t bdbus_upgrade_agent_validate_image_integrity(bdbus_upgrade_agent_context
         syslog(LOG_ERR, "Invalid HPM.1 image header checksum 0x%X\n", sum);
         return -7;
     }
-    if (!bdbus::lengths_hold(context)) {
+    if (!bdbus::lengths_hold(image)) {
         bdbus::log_truncated();
         return -8;
     }
@@ -167,48 +163,18 @@ const uint8_t *bdbus_upgrade_agent_get_hpm1_header(const bdbus_upgrade_agent_con
     if (image.data() == nullptr || (context->options & BDBUS_UPGRADE_AGENT_VERBOSE) == 0) {
         return image.data();
     }
-    const uint8_t *header = image.data();
-    // A line is left out when the file ends before its last byte.
-    const auto holds = [&image](uint32_t offset, uint32_t count) {
-        return offset + count <= image.size();
-    };
-    syslog(LOG_NOTICE, "Image information:\n");
-    if (holds(bdbus::header_device_id, 1)) {
-        syslog(LOG_NOTICE, "  Device ID         : 0x%x\n", header[9]);
-    }
-    if (holds(bdbus::header_product_id, 2)) {
-        syslog(LOG_NOTICE, "  Product ID        : 0x%02X%02X\n", header[14], header[13]);
-    }
-    if (holds(bdbus::header_manufacturer_id, 3)) {
-        syslog(LOG_NOTICE, "  Manufacturer ID   : 0x%02X%02X%02X\n", header[12], header[11], header[10]);
-    }
-    if (holds(bdbus::header_components, 1)) {
-        syslog(LOG_NOTICE, "  Component Bit Mask: 0x%02X\n", header[20]);
-    }
-    if (holds(bdbus::header_earliest_version, 2)) {
-        syslog(LOG_NOTICE, "  Compatible version: %d.%02X\n", header[24], header[25]);
-    }
-    if (holds(bdbus::header_firmware_version, 6)) {
-        syslog(LOG_NOTICE, "  Firmware version  : %d.%02X.%02X%02X%02X%02X\n", header[26], header[27], header[28],
-               header[29], header[30], header[31]);
-    }
-    syslog(LOG_NOTICE, "\n");
+    bdbus::log_header(image);
     return image.data();
 }
 
 const uint8_t *bdbus_upgrade_agent_get_brs_header(const bdbus_upgrade_agent_context *context)
 {
-    bdbus::record_walk walk(context);
     const uint8_t *found = nullptr;
-    bdbus::walk_step step = walk.next();
-    for (; step == bdbus::walk_step::record; step = walk.next()) {
-        const bdbus::action_record &record = walk.record();
-        if (record.type() > BDBUS_HPM1_ACTION_UPLOAD) {
-            return nullptr;
-        }
+    const int32_t result = bdbus::for_each_record(context, [&found](const bdbus::action_record &record) {
         if (record.type() == BDBUS_HPM1_ACTION_UPLOAD) {
             found = record.start() + bdbus::vendor_header_offset;
         }
-    }
-    return bdbus::bdbus_upgrade_agent_check_action_record(step) == 0 ? found : nullptr;
+        return record.type() > BDBUS_HPM1_ACTION_UPLOAD ? -1 : 0;
+    });
+    return result == 0 ? found : nullptr;
 }

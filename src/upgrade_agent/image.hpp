@@ -51,8 +51,11 @@ public:
     }
     [[nodiscard]] uint32_t records_end() const { return size_ - digest_bytes; }
 
+    /** Whether the file has these bytes of the header. */
+    [[nodiscard]] bool holds(uint32_t offset, uint32_t count) const { return offset + count <= size_; }
+
     /** A byte of the fixed header, or 0 in a file that is too short to hold it. */
-    [[nodiscard]] uint8_t header_byte(uint32_t offset) const { return offset < size_ ? data_[offset] : uint8_t{0}; }
+    [[nodiscard]] uint8_t header_byte(uint32_t offset) const { return holds(offset, 1) ? data_[offset] : uint8_t{0}; }
 
 private:
     const uint8_t *data_;
@@ -65,6 +68,8 @@ class action_record
 public:
     static constexpr uint32_t short_bytes = 3;   // backup and prepare: type, components, checksum
     static constexpr uint32_t upload_bytes = 34; // upload: the same, version, description, length; then the image data
+    static constexpr uint32_t version_offset = 3;
+    static constexpr uint32_t length_offset = 30; // least significant byte first
 
     action_record() = default;
     action_record(const uint8_t *bytes, uint32_t available) : bytes_(bytes), available_(available) {}
@@ -74,26 +79,17 @@ public:
     [[nodiscard]] uint8_t component() const { return bdbus_hpm1_component_mask_to_id_conversion(components()); }
     [[nodiscard]] const uint8_t *start() const { return bytes_; }
 
-    /** Of an upload record. */
-    [[nodiscard]] const uint8_t *version() const { return bytes_ + 3; }
-    [[nodiscard]] const uint8_t *image() const { return bytes_ + upload_bytes; }
-    [[nodiscard]] uint32_t image_length() const
-    {
-        return uint32_t{bytes_[30]} | uint32_t{bytes_[31]} << 8 | uint32_t{bytes_[32]} << 16 |
-               uint32_t{bytes_[33]} << 24;
-    }
-
-    /** Whether what comes before the image data lies before the digest. */
+    /** Whether the first bytes, up to the image data of an upload record, lie before the digest. */
     [[nodiscard]] bool has_fixed_part() const
     {
         return available_ >= short_bytes && (type() != BDBUS_HPM1_ACTION_UPLOAD || available_ >= upload_bytes);
     }
 
-    /** Of a record with its fixed part: whether the checksum holds, over 3 bytes or, for an upload only, over 34. */
-    [[nodiscard]] bool checksum_holds() const;
-
-    /** Whether the whole record lies before the digest. */
-    [[nodiscard]] bool is_whole() const;
+    /** Of a record with its fixed part: whether the rest of it lies before the digest, too. */
+    [[nodiscard]] bool is_whole() const
+    {
+        return type() != BDBUS_HPM1_ACTION_UPLOAD || image_length() <= available_ - upload_bytes;
+    }
 
     /** Bytes to the next record, of a whole record. */
     [[nodiscard]] uint32_t size() const
@@ -101,33 +97,78 @@ public:
         return type() == BDBUS_HPM1_ACTION_UPLOAD ? upload_bytes + image_length() : short_bytes;
     }
 
+    /** Of an upload record. */
+    [[nodiscard]] const uint8_t *version() const { return bytes_ + version_offset; }
+    [[nodiscard]] const uint8_t *image() const { return bytes_ + upload_bytes; }
+    [[nodiscard]] uint32_t image_length() const
+    {
+        const uint8_t *length = bytes_ + length_offset;
+        return uint32_t{length[0]} | uint32_t{length[1]} << 8 | uint32_t{length[2]} << 16 | uint32_t{length[3]} << 24;
+    }
+
 private:
     const uint8_t *bytes_ = nullptr;
     uint32_t available_ = 0;
 };
 
-/** What a step of the walk came to. */
-enum class walk_step : uint8_t { record, end, truncated, bad_checksum };
+/** Whether the checksum of a record with its fixed part holds: over 3 bytes or, for an upload only, over 34. */
+bool action_record_sums_up(const uint8_t *record);
 
-/** The walk over the action records. A record of unknown type is handed out; the walker must end there. */
-class record_walk
-{
-public:
-    explicit record_walk(const bdbus_upgrade_agent_context *context);
-
-    walk_step next();
-    [[nodiscard]] const action_record &record() const { return record_; }
-
-private:
-    hpm1_image image_;
-    uint64_t offset_;
-    action_record record_;
-};
-
-/** Log why a walk stopped. @return 0 at the end of the records, else -1. */
-int32_t bdbus_upgrade_agent_check_action_record(walk_step stopped);
+/** Check a record with its fixed part, given by its first byte. @return 0, or -1 after a line in the log. */
+int32_t bdbus_upgrade_agent_check_action_record(const uint8_t *record);
 
 /** Log that an image is too short for what it claims. */
 void log_truncated();
+
+/** The action records, one after another, as far as they reach before the digest. */
+class record_walk
+{
+public:
+    /** Of an image with a whole header. */
+    explicit record_walk(const hpm1_image &image) : image_(image), offset_(image.header_bytes()) {}
+
+    [[nodiscard]] bool at_end() const { return offset_ >= image_.records_end(); }
+    [[nodiscard]] action_record record() const
+    {
+        return {image_.data() + offset_, static_cast<uint32_t>(image_.records_end() - offset_)};
+    }
+
+    /** Go on to the next record; this one is whole. */
+    void advance() { offset_ += record().size(); }
+
+private:
+    const hpm1_image &image_;
+    uint64_t offset_;
+};
+
+/**
+ * Hand out the records of a context's image, each after its checks.
+ *
+ * @param act takes a record; anything but 0 ends the walk. A record of unknown type must.
+ * @return 0, what `act` ended with, or -1 after a line in the log for an image that breaks off and for a bad record.
+ */
+template <typename Act>
+int32_t for_each_record(const bdbus_upgrade_agent_context *context, Act act)
+{
+    const hpm1_image image(context);
+    if (!image.has_whole_header()) {
+        log_truncated();
+        return -1;
+    }
+    for (record_walk walk(image); !walk.at_end(); walk.advance()) {
+        const action_record record = walk.record();
+        if (record.has_fixed_part() && bdbus_upgrade_agent_check_action_record(record.start()) != 0) {
+            return -1;
+        }
+        if (!record.has_fixed_part() || !record.is_whole()) {
+            log_truncated();
+            return -1;
+        }
+        if (const int32_t result = act(record); result != 0) {
+            return result;
+        }
+    }
+    return 0;
+}
 
 } // namespace bdbus

@@ -208,18 +208,6 @@ int32_t carry_out(bdbus_upgrade_agent_context &context, const action_record &rec
     }
 }
 
-int32_t carry_out_all(bdbus_upgrade_agent_context *context)
-{
-    record_walk walk(context);
-    walk_step step = walk.next();
-    for (; step == walk_step::record; step = walk.next()) {
-        if (const int32_t result = carry_out(*context, walk.record()); result != 0) {
-            return result;
-        }
-    }
-    return bdbus_upgrade_agent_check_action_record(step);
-}
-
 } // namespace
 
 } // namespace bdbus
@@ -228,7 +216,8 @@ int32_t bdbus_upgrade_agent_upgrade_stage(bdbus_upgrade_agent_context *context)
 {
     const bdbus::calls_in_a_row stage;
     bdbus::current_status.stage.store(BDBUS_UPGRADE_AGENT_STAGE_RUNNING, std::memory_order_relaxed);
-    const int32_t result = bdbus::carry_out_all(context);
+    const int32_t result = bdbus::for_each_record(
+        context, [context](const bdbus::action_record &record) { return bdbus::carry_out(*context, record); });
     bdbus::current_status.stage.store(result == 0 ? BDBUS_UPGRADE_AGENT_STAGE_DONE : BDBUS_UPGRADE_AGENT_STAGE_FAILED,
                                       std::memory_order_relaxed);
     return result;
