@@ -20,7 +20,7 @@ public:
         const int length =
             snprintf(interface_, sizeof(interface_), "%s%s%.*s", base, dot == nullptr ? "" : ".", group, name);
         if (length < 0 || static_cast<std::size_t>(length) >= sizeof(interface_)) {
-            interface_[0] = '\0'; // no interface has such a name: sd-bus refuses it
+            memcpy(interface_, ".", 2); // too long for a name: sd-bus refuses it, like this one
         }
     }
 
