@@ -12,7 +12,7 @@ call_frame::~call_frame()
     sd_bus_message_unref(reply_);
 }
 
-void call_frame::settle(int result, const char *text)
+void call_frame::finish_step(int result, const char *text)
 {
     result_ = result;
     if (failed()) {
@@ -20,7 +20,7 @@ void call_frame::settle(int result, const char *text)
     }
 }
 
-void call_frame::issued(int result)
+void call_frame::finish_call(int result)
 {
     result_ = result;
     if (failed()) {
@@ -28,7 +28,7 @@ void call_frame::issued(int result)
     }
 }
 
-void call_frame::got_property(int result, const char *name)
+void call_frame::finish_property(int result, const char *name)
 {
     result_ = result;
     if (failed()) {
@@ -39,15 +39,15 @@ void call_frame::got_property(int result, const char *name)
 void call_frame::create(const char *member)
 {
     if (!failed()) {
-        settle(sd_bus_message_new_method_call(bus_, &request_, peer_.name, peer_.path, peer_.interface, member),
-               texts_.create);
+        finish_step(sd_bus_message_new_method_call(bus_, &request_, peer_.name, peer_.path, peer_.interface, member),
+                    texts_.create);
     }
 }
 
 void call_frame::append_raw(char code, const void *data, size_t bytes)
 {
     if (!failed()) {
-        settle(sd_bus_message_append_array(request_, code, data, bytes), texts_.append_array);
+        finish_step(sd_bus_message_append_array(request_, code, data, bytes), texts_.append_array);
     }
 }
 
@@ -58,9 +58,9 @@ void call_frame::send(uint64_t timeout_us)
     }
     const int sent = sd_bus_call(bus_, request_, timeout_us, report_.error(), &reply_);
     if (texts_.send != nullptr) {
-        settle(sent, texts_.send);
+        finish_step(sent, texts_.send);
     } else {
-        issued(sent);
+        finish_call(sent);
     }
 }
 
@@ -69,7 +69,7 @@ const void *call_frame::read_array(char code, size_t &bytes)
     const void *data = nullptr;
     bytes = 0;
     if (!failed()) {
-        settle(sd_bus_message_read_array(reply_, code, &data, &bytes), texts_.array);
+        finish_step(sd_bus_message_read_array(reply_, code, &data, &bytes), texts_.array);
     }
     return data;
 }
@@ -104,7 +104,7 @@ const uint8_t *call_frame::read_exactly(uint32_t length)
 void call_frame::get_property(const char *name, const char *type)
 {
     if (!failed()) {
-        got_property(
+        finish_property(
             sd_bus_get_property(bus_, peer_.name, peer_.path, peer_.interface, name, report_.error(), &reply_, type),
             name);
     }
@@ -113,8 +113,8 @@ void call_frame::get_property(const char *name, const char *type)
 int32_t call_frame::get_string_property(const char *name, char **text)
 {
     if (!failed()) {
-        got_property(sd_bus_get_property_string(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr, text),
-                     name);
+        finish_property(sd_bus_get_property_string(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr, text),
+                        name);
     }
     return result_;
 }

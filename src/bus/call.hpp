@@ -45,8 +45,8 @@ public:
     {
         static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
         if (!failed()) {
-            issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, report_.error(), &reply_,
-                                      sizeof(Sig.text) > 1 ? Sig.text : nullptr, values...));
+            finish_call(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, report_.error(),
+                                           &reply_, sizeof(Sig.text) > 1 ? Sig.text : nullptr, values...));
         }
     }
 
@@ -57,8 +57,8 @@ public:
         if (!failed()) {
             std::apply(
                 [&](auto... each) {
-                    issued(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member, report_.error(),
-                                              &reply_, "ay", uint32_t{Count}, each...));
+                    finish_call(sd_bus_call_method(bus_, peer_.name, peer_.path, peer_.interface, member,
+                                                   report_.error(), &reply_, "ay", uint32_t{Count}, each...));
                 },
                 bytes);
         }
@@ -77,7 +77,7 @@ public:
             std::size_t next = 0;
             static_cast<void>(
                 (((result = sd_bus_message_append_basic(request_, Sig.text[next++], place_of(values))) >= 0) && ...));
-            settle(result, texts_.append);
+            finish_step(result, texts_.append);
         }
     }
 
@@ -103,7 +103,7 @@ public:
             int result = 0;
             std::size_t next = 0;
             static_cast<void>((((result = sd_bus_message_read_basic(reply_, Sig.text[next++], values)) > 0) && ...));
-            settle(result, texts_.parse);
+            finish_step(result, texts_.parse);
         }
         return result_;
     }
@@ -136,9 +136,9 @@ public:
     {
         static_assert(fits<Type, Value>() && sizeof(Type.text) == 2, "the output does not match the property's type");
         if (!failed()) {
-            got_property(sd_bus_get_property_trivial(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr,
-                                                     Type.text[0], value),
-                         name);
+            finish_property(sd_bus_get_property_trivial(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr,
+                                                        Type.text[0], value),
+                            name);
         }
         return result_;
     }
@@ -152,7 +152,7 @@ public:
     {
         static_assert(fits<Type, Value>(), "the value does not match the property's type");
         if (!failed()) {
-            got_property(
+            finish_property(
                 sd_bus_set_property(bus_, peer_.name, peer_.path, peer_.interface, name, nullptr, Type.text, value),
                 name);
         }
@@ -179,9 +179,9 @@ private:
     /** Copy as much of an array as there is room for. @return its whole length in bytes. */
     size_t read_raw(char code, void *out, size_t room);
 
-    void settle(int result, const char *text);
-    void issued(int result);
-    void got_property(int result, const char *name);
+    void finish_step(int result, const char *text);
+    void finish_call(int result);
+    void finish_property(int result, const char *name);
 
     failure_report &report_;
     const service &peer_;

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The sensor data repository's calls: getters from the store, setters to the store and then to the service.
 #include "sdr/connection.hpp"
+#include "sdr/store.hpp"
 
 #include <cerrno>
 #include <iterator>
 
 namespace bdbus
 {
-
-constinit bus_module sdr_module;
-constinit std::atomic<sdr_store *> sdr_records{nullptr};
 
 namespace
 {
@@ -81,21 +79,21 @@ stored sdr_write(uint16_t id, const Part *value, Part bdbus_sdr_record::*part)
 }
 
 /** Send a request whose reply is not read. */
-int32_t sdr_tell(sdr_call &call)
+int32_t sdr_send(sdr_call &call)
 {
     call.send(call_frame::default_timeout);
     return call.failed() ? call.result() : 0;
 }
 
-int32_t sdr_tell_event(const char *member, uint16_t id, const bdbus_sdr_event &event)
+int32_t sdr_send_event(const char *member, uint16_t id, const bdbus_sdr_event &event)
 {
     sdr_call call(member);
     call.append<"qyqq">(id, event.flags, event.assertion_mask, event.deassertion_mask);
-    return sdr_tell(call);
+    return sdr_send(call);
 }
 
-/** The answer of a setter that told the service nothing. */
-int32_t sdr_untold(stored outcome)
+/** The result of a setter that sends nothing. */
+int32_t sdr_result_unsent(stored outcome)
 {
     switch (outcome) {
     case stored::unchanged:
@@ -260,44 +258,44 @@ int32_t bdbus_sdr_reading_set(uint16_t record_id, uint8_t reading)
     }
     bdbus::sdr_call call("SetReading");
     call.append<"qy">(record_id, reading);
-    return bdbus::sdr_tell(call);
+    return bdbus::sdr_send(call);
 }
 
 int32_t bdbus_sdr_event_set(uint16_t record_id, const bdbus_sdr_event *event)
 {
     const bdbus::stored outcome = bdbus::sdr_write(record_id, event, &bdbus_sdr_record::event_enable);
-    return outcome == bdbus::stored::changed ? bdbus::sdr_tell_event("SetEvent", record_id, *event)
-                                             : bdbus::sdr_untold(outcome);
+    return outcome == bdbus::stored::changed ? bdbus::sdr_send_event("SetEvent", record_id, *event)
+                                             : bdbus::sdr_result_unsent(outcome);
 }
 
 int32_t bdbus_sdr_event_status_set(uint16_t record_id, const bdbus_sdr_event *event)
 {
     const bdbus::stored outcome = bdbus::sdr_write(record_id, event, &bdbus_sdr_record::event_status);
-    return outcome == bdbus::stored::changed ? bdbus::sdr_tell_event("SetEventStatus", record_id, *event)
-                                             : bdbus::sdr_untold(outcome);
+    return outcome == bdbus::stored::changed ? bdbus::sdr_send_event("SetEventStatus", record_id, *event)
+                                             : bdbus::sdr_result_unsent(outcome);
 }
 
 int32_t bdbus_sdr_hysteresis_set(uint16_t record_id, const bdbus_sdr_hysteresis *hysteresis)
 {
     const bdbus::stored outcome = bdbus::sdr_write(record_id, hysteresis, &bdbus_sdr_record::hysteresis);
     if (outcome != bdbus::stored::changed) {
-        return bdbus::sdr_untold(outcome);
+        return bdbus::sdr_result_unsent(outcome);
     }
     bdbus::sdr_call call("SetHysteresis");
     call.append<"qyy">(record_id, hysteresis->positive, hysteresis->negative);
-    return bdbus::sdr_tell(call);
+    return bdbus::sdr_send(call);
 }
 
 int32_t bdbus_sdr_threshold_set(uint16_t record_id, const bdbus_sdr_thresholds *thresholds)
 {
     const bdbus::stored outcome = bdbus::sdr_write(record_id, thresholds, &bdbus_sdr_record::thresholds);
     if (outcome != bdbus::stored::changed) {
-        return bdbus::sdr_untold(outcome);
+        return bdbus::sdr_result_unsent(outcome);
     }
     bdbus::sdr_call call("SetThresholds");
     call.append<"q">(record_id);
     call.append_bytes(reinterpret_cast<const uint8_t *>(thresholds), sizeof(*thresholds));
-    return bdbus::sdr_tell(call);
+    return bdbus::sdr_send(call);
 }
 
 int32_t bdbus_sdr_add(const uint8_t *sdr, uint32_t count, uint16_t *record_id, uintptr_t context)
@@ -335,5 +333,5 @@ int32_t bdbus_sdr_delete(uint16_t record_id)
     }
     bdbus::sdr_call call("DeleteSdr");
     call.append<"q">(record_id);
-    return bdbus::sdr_tell(call);
+    return bdbus::sdr_send(call);
 }

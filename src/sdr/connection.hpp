@@ -6,8 +6,7 @@
 #pragma once
 
 #include "bus/call.hpp"
-#include "bus/connection.hpp"
-#include "sdr/store.hpp"
+#include "sdr/listener.hpp"
 
 #include <cerrno>
 
@@ -21,37 +20,6 @@ inline constexpr service sdr_service = {
 };
 
 extern bus_module sdr_module;
-
-/** The store, or null before a successful init. */
-extern std::atomic<sdr_store *> sdr_records;
-
-/** Wake the listener for messages that are queued on the connection. The module lock is held. */
-void sdr_wake_listener();
-
-/** Whether the listener waits for the module lock. */
-extern std::atomic<bool> sdr_listener_waits;
-
-/** Let it take its turn. The module lock is free. */
-void sdr_let_listener_in();
-
-/** Prepare a connection for the listener: its own name, the seven matches. @return 0, or a negative code. */
-int32_t sdr_subscribe(sd_bus *bus);
-
-/** Start the listener on the open connection. @return 0, or a negative error number. */
-int32_t sdr_listener_start();
-
-/**
- * Many calls in a row: the listener does not wake for each reply of a connection that its caller is reading anyway.
- * What the calls leave in the queue is dispatched as ever.
- */
-class listener_pause
-{
-public:
-    listener_pause();
-    ~listener_pause();
-    listener_pause(const listener_pause &) = delete;
-    listener_pause &operator=(const listener_pause &) = delete;
-};
 
 /** The connection, held for one call, its reply's handling included. Init has opened it. */
 class sdr_hold
@@ -84,7 +52,7 @@ private:
     bool inherited_;
 };
 
-/** Building a call is silent, and a failed call tells the D-Bus error's text. */
+/** Building a call is silent, and a failed call prints the D-Bus error's text. */
 inline constexpr call_texts sdr_texts = {.issue = plain_texts.issue, .parse = plain_texts.parse};
 
 /** The reading of a record is silent too. */

@@ -5,6 +5,7 @@
 // It dispatches under the module lock, one message a turn, until nothing is queued, and waits without the lock for the
 // connection's descriptor and for callers that left messages in the queue.
 #include "sdr/connection.hpp"
+#include "sdr/store.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -248,7 +249,7 @@ void wait(const wait_for &what)
 }
 
 /** Hand the reading of the message just dispatched to the caller. No lock is held. */
-void tell_reading()
+void report_reading()
 {
     bdbus_sdr_record *record = read_record;
     read_record = nullptr;
@@ -268,7 +269,7 @@ void *listen(void * /*argument*/)
             sdr_listener_waits.store(false, std::memory_order_relaxed);
             next = dispatch_one();
         }
-        tell_reading();
+        report_reading();
         if (next.until_us != 0) {
             wait(next);
         }

@@ -34,6 +34,7 @@ void sdr_cell::store(const bdbus_sdr_record &record)
 }
 
 constinit sdr_store *sdr_store::created_ = nullptr;
+constinit std::atomic<sdr_store *> sdr_records{nullptr};
 
 sdr_store *sdr_store::create()
 {

@@ -131,4 +131,7 @@ private:
     uint32_t unused_count_;
 };
 
+/** The store, or null before a successful init. */
+extern std::atomic<sdr_store *> sdr_records;
+
 } // namespace bdbus

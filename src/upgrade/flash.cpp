@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the upgrade service is told: which flash to select, versions, and factory mode. It answers each with a byte.
+// Settings of the upgrade service: the selected flash, versions, factory mode. It answers each with a byte.
 #include "upgrade/connection.hpp"
 
 #include <bdbus/upgrade.h>

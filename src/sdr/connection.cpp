@@ -1,0 +1,9 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "sdr/connection.hpp"
+
+namespace bdbus
+{
+
+constinit bus_module sdr_module;
+
+} // namespace bdbus

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The thread that dispatches the repository's signals, and what callers owe it.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace bdbus
+{
+
+/** Wake the listener for messages that are queued on the connection. The module lock is held. */
+void sdr_wake_listener();
+
+/** Whether the listener waits for the module lock. */
+extern std::atomic<bool> sdr_listener_waits;
+
+/** Let it take its turn. The module lock is free. */
+void sdr_let_listener_in();
+
+/** Prepare a connection for the listener: its own name, the seven matches. @return 0, or a negative code. */
+int32_t sdr_subscribe(sd_bus *bus);
+
+/** Start the listener on the open connection. @return 0, or a negative error number. */
+int32_t sdr_listener_start();
+
+/**
+ * Many calls in a row: the listener does not wake for each reply of a connection that its caller is reading anyway.
+ * What the calls leave in the queue is dispatched as ever.
+ */
+class listener_pause
+{
+public:
+    listener_pause();
+    ~listener_pause();
+    listener_pause(const listener_pause &) = delete;
+    listener_pause &operator=(const listener_pause &) = delete;
+};
+
+} // namespace bdbus
