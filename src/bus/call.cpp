@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The steps of a call that need no template.
 #include "bus/call.hpp"
 
 #include <cstring>

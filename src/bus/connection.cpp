@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// How connections begin, what forks do to them, and who holds them.
 #include "bus/connection.hpp"
 
 #include "bus/texts.hpp"

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Which signals are held back.
 #include "bus/guard.hpp"
 
 #include <cstring>

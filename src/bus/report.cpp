@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// How a line is put together and printed.
 #include "bus/report.hpp"
 
 #include <cstdio>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The family's module.
 #include "network/connection.hpp"
 
 namespace bdbus

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The writers' side of the record store, and the reader's last resort.
 #include "sdr/store.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The module of the upgrade family and of the HPM.1 commands.
 #include "upgrade/connection.hpp"
 
 #include "upgrade/events.hpp"

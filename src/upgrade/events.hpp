@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The subscription to the notices.
 #pragma once
 
 #include <systemd/sd-bus.h>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The commands as the agent needs them, and the wait for those that take long.
 #include "upgrade_agent/commands.hpp"
 
 #include "upgrade_agent/clock.hpp"

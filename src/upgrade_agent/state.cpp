@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The agent's state.
 #include "upgrade_agent/state.hpp"
 
 namespace bdbus
