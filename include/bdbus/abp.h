@@ -17,7 +17,7 @@
  * (EINTR). The service may have carried the request out or not.
  *
  * Threads: any thread may call. Calls of this family wait for one another, also while one waits for its answer. A
- * thread that is cancelled (pthread_cancel) inside a call ends only after it. A forked child may call too, unless
+ * thread that is canceled (pthread_cancel) inside a call ends only after it. A forked child may call too, unless
  * another thread was inside a call of this family at the fork.
  */
 #ifndef BDBUS_ABP_H
@@ -31,27 +31,42 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /**
- * Set the global reset.
+ * Set the global reset: method "SetGlobalReset" of service `com.brisemont.AdvancedBypass`.
  *
- * @param value its low 8 bits are sent; what they mean is the service's.
- * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
+ * Waits for other calls of this file, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. It may wait 90 s more for a bus that hangs. A handler of SIGALRM or SIGTERM, say, that runs in the calling
+ * thread ends the wait, and the call has failed. Any thread may call.
+ *
+ * @param value the setting. Its low 8 bits are sent, so 256 is sent as 0; what they mean is the service's.
+ * @return the service's answer as it stands. A call that failed returns 0 too, after one line on stderr that gives the
+ * reason; the service may have carried the request out all the same.
  */
 int32_t bdbus_abp_set_global_reset(int32_t value);
 
 /**
- * Set the permanent global reset.
+ * Set the permanent global reset: method "SetPermanentGlobalReset" of service `com.brisemont.AdvancedBypass`.
  *
- * @param value its low 8 bits are sent; what they mean is the service's.
- * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
+ * Waits for other calls of this file, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. It may wait 90 s more for a bus that hangs. A handler of SIGALRM or SIGTERM, say, that runs in the calling
+ * thread ends the wait, and the call has failed. Any thread may call.
+ *
+ * @param value the setting. Its low 8 bits are sent, so 256 is sent as 0; what they mean is the service's.
+ * @return the service's answer as it stands. A call that failed returns 0 too, after one line on stderr that gives the
+ * reason; the service may have carried the request out all the same.
  */
 int32_t bdbus_abp_set_permanent_global_reset(int32_t value);
 
 /**
- * Set the permanent bypass.
+ * Set the permanent bypass: method "SetPermanentBypass" of service `com.brisemont.AdvancedBypass`.
  *
- * @param first  sent first, its low 8 bits; what they mean is the service's.
- * @param second sent second, its low 8 bits.
- * @return the service's answer; 0 also after a line on stderr, when the call failed or a signal handler ended it.
+ * Waits for other calls of this file, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. It may wait 90 s more for a bus that hangs. A handler of SIGALRM or SIGTERM, say, that runs in the calling
+ * thread ends the wait, and the call has failed. Any thread may call.
+ *
+ * @param first  sent first. Its low 8 bits are sent, so 256 is sent as 0; what they mean is the service's.
+ * @param second sent second, its low 8 bits likewise.
+ * @return the service's answer as it stands. A call that failed returns 0 too, after one line on stderr that gives the
+ * reason; the service may have carried the request out all the same.
  */
 int32_t bdbus_abp_set_permanent_bypass(int32_t first, int32_t second);
 

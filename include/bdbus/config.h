@@ -42,9 +42,9 @@
  * service or not. While the connection is opened and subscribed, all signals are held back during each step but SIGINT,
  * SIGTERM, SIGQUIT, SIGHUP and faults.
  *
- * Threads: any thread may call; calls of this family wait for one another. A thread that is cancelled (pthread_cancel)
- * inside a call ends only after it. In a child that was forked while the connection was open or being opened, every get
- * and set of a key gives 0x1000 | ECHILD at once, also of a cached one.
+ * Threads: any thread may call; calls of this family wait for one another. A thread that is canceled (pthread_cancel)
+ * inside a call ends only after it. In a child that was forked while the connection was open, every get and set of a
+ * key gives 0x1000 | ECHILD at once, also a get whose value is cached.
  */
 #ifndef BDBUS_CONFIG_H
 #define BDBUS_CONFIG_H
@@ -57,84 +57,103 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 #define BDBUS_CONFIG_OK 0                /**< done */
-#define BDBUS_CONFIG_BAD_TYPE 200        /**< the key's type is not one that the operation handles */
-#define BDBUS_CONFIG_NO_KEY 201          /**< no such key */
+#define BDBUS_CONFIG_BAD_TYPE 200        /**< the operation does not handle the key's type; no key has such a type */
+#define BDBUS_CONFIG_NO_KEY 201          /**< no such key, or a null one */
 #define BDBUS_CONFIG_WRONG_SIGNATURE 202 /**< the signature is null or begins with another type than the key's */
 #define BDBUS_CONFIG_READ_ONLY 203       /**< the key cannot be set */
-#define BDBUS_CONFIG_NO_STRING_SET 204   /**< a text key cannot be set */
+#define BDBUS_CONFIG_NO_STRING_SET 204   /**< a text key cannot be set; today's one text key gives 203 first */
 #define BDBUS_CONFIG_NO_BUS 205          /**< no connection to the system bus; the next call tries again */
 #define BDBUS_CONFIG_ERRNO 0x1000        /**< bitwise-ORed with the errno of the step that failed, such as EINTR */
 
 /**
- * Read a key.
+ * Read a key of the configuration service, from the cache or, where nothing is cached, from the service (D-Bus property
+ * read). First handles one queued change notice.
  *
- * @param key       the key's name.
+ * Waits for other calls of this file, and for the service up to 25 s, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. The call that opens the connection may wait 90 s more for a bus that hangs. Any thread may call. Prints
+ * nothing.
+ *
+ * @param key       the key's name, such as "Firmware.Major"; the table at the top of this file has them all.
  * @param signature the type that the caller expects, "u", "b" or "s"; only its first character is compared with the
  * key's.
- * @param ...       for "u" and "b": `uint32_t *` (a "b" gives 0 or 1). For "s": `char *buf, uint32_t len`: the text,
- * cut at `len` bytes and then not terminated, padded with NULs up to `len` when it is shorter.
- * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE; BDBUS_CONFIG_NO_BUS, after a single attempt to open the
- * connection; 0x1000 | EINVAL for a null output, before anything is sent; 0x1000 | ENOMEM without memory for the cached
- * value; 0x1000 | EINTR when a signal handler ended the call; 0x1000 | errno as sd-bus gave it.
+ * @param ...       for "u" and "b" a `uint32_t *`, which receives the value, of a "b" 0 or 1. For "s" a `char *` and a
+ * `uint32_t`, the bytes of room: receives the text, padded with NULs, or cut and then not terminated. Not null.
+ * Untouched after a failure.
+ * @return BDBUS_CONFIG_OK (0); BDBUS_CONFIG_NO_KEY (201); BDBUS_CONFIG_WRONG_SIGNATURE (202); 0x1000 | EINVAL for a
+ * null output. These three failures send nothing. BDBUS_CONFIG_NO_BUS (205), after one attempt to connect; 0x1000 |
+ * errno when the service or the bus failed: ETIMEDOUT, EINTR when a signal handler ended the call, ENOMEM, ECONNRESET
+ * or ENOTCONN once the bus has gone away, ECHILD in a forked child.
  */
 int32_t bdbus_config_get(const char *key, const char *signature, ...);
 
 /**
- * Set a key. "Generic_Index" is the only one that can be set.
+ * Set a key of the configuration service (D-Bus property write). "Generic_Index" is the only one that can be set.
  *
- * Once the arguments are in order the cached value is dropped, whatever the outcome; the next get asks the service.
+ * Once the arguments are in order and there is a connection, the cached value is dropped, whatever the outcome; the
+ * next get asks the service. Waits as bdbus_config_get() does. Any thread may call. Prints nothing.
  *
  * @param key       the key's name.
  * @param signature the type of the value, "u" or "b"; only its first character is compared with the key's.
- * @param ...       `const uint32_t *`, the value.
- * @return 0; BDBUS_CONFIG_NO_KEY, BDBUS_CONFIG_WRONG_SIGNATURE, BDBUS_CONFIG_READ_ONLY, in this order and without bus
- * traffic; 0x1000 | EINVAL for a null value; BDBUS_CONFIG_NO_BUS, after a single attempt to open the connection;
- * 0x1000 | EINTR when a signal handler ended the call, with the value set or not; 0x1000 | errno as sd-bus gave it.
+ * @param ...       a `const uint32_t *`, the value to send. Not null.
+ * @return BDBUS_CONFIG_OK (0); BDBUS_CONFIG_NO_KEY (201), BDBUS_CONFIG_WRONG_SIGNATURE (202), BDBUS_CONFIG_READ_ONLY
+ * (203), 0x1000 | EINVAL for a null value, in this order and with nothing sent. BDBUS_CONFIG_NO_BUS (205), after one
+ * attempt to connect; 0x1000 | errno when the service or the bus failed: ETIMEDOUT or EINTR (a signal handler ended the
+ * call), both with the value set or not, ECONNRESET or ENOTCONN once the bus has gone away, ECHILD in a forked child.
  */
 int32_t bdbus_config_set(const char *key, const char *signature, ...);
 
 /**
- * Read a text key: bdbus_config_get() with "s".
+ * Read a text key, from the cache or from the service: bdbus_config_get() with "s".
  *
- * @param key the key's name.
- * @param buf receives at most `len` bytes; a text of `len` bytes or more fills it without a terminating NUL.
- * @param len the room in `buf`, in bytes.
- * @return as bdbus_config_get().
+ * @param key the key's name; "Generic.Device_Name" is the only text.
+ * @param buf receives the text, padded with NULs up to `len` bytes. A text of `len` bytes or more fills it without a
+ * terminating NUL. Not null. Untouched after a failure.
+ * @param len the room in `buf`, in bytes; with 0 nothing is written.
+ * @return BDBUS_CONFIG_OK (0); BDBUS_CONFIG_NO_KEY (201); BDBUS_CONFIG_WRONG_SIGNATURE (202) for a key that is no text;
+ * BDBUS_CONFIG_NO_BUS (205); 0x1000 | EINVAL for a null `buf`, else 0x1000 | errno when the service or the bus failed,
+ * such as ETIMEDOUT, EINTR, ENOTCONN or, in a forked child, ECHILD.
  */
 int32_t bdbus_config_get_string(const char *key, char *buf, uint32_t len);
 
 /**
- * Read a number: bdbus_config_get() with "u".
+ * Read a number, from the cache or from the service: bdbus_config_get() with "u".
  *
- * @param key the key's name.
- * @param out receives the value.
- * @return as bdbus_config_get().
+ * @param key the key's name, such as "Firmware.Major".
+ * @param out receives the value. Not null. Untouched after a failure.
+ * @return BDBUS_CONFIG_OK (0); BDBUS_CONFIG_NO_KEY (201); BDBUS_CONFIG_WRONG_SIGNATURE (202) for a key that is no
+ * number; BDBUS_CONFIG_NO_BUS (205); 0x1000 | EINVAL for a null `out`, else 0x1000 | errno when the service or the bus
+ * failed, such as ETIMEDOUT, EINTR, ENOTCONN or, in a forked child, ECHILD.
  */
 int32_t bdbus_config_get_unsigned(const char *key, uint32_t *out);
 
 /**
- * Read a switch: bdbus_config_get() with "b".
+ * Read a switch, from the cache or from the service: bdbus_config_get() with "b". It cannot report a failure: use
+ * bdbus_config_get() where that matters.
  *
- * @param key the key's name.
- * @return 0 or 1; 0 when the read failed. Use bdbus_config_get() where the difference matters.
+ * @param key the key's name, such as "Hpm2.Enabled".
+ * @return 1 on, 0 off; 0 also when the read failed, for whatever reason.
  */
 int32_t bdbus_config_get_bool(const char *key);
 
 /**
- * Set a number: bdbus_config_set() with "u".
+ * Set a number at the service: bdbus_config_set() with "u". The next get asks the service.
  *
- * @param key   the key's name.
+ * @param key   the key's name; "Generic_Index" is the only one that can be set.
  * @param value the value to send.
- * @return as bdbus_config_set().
+ * @return BDBUS_CONFIG_OK (0); BDBUS_CONFIG_NO_KEY (201); BDBUS_CONFIG_WRONG_SIGNATURE (202) for a key that is no
+ * number; BDBUS_CONFIG_READ_ONLY (203); BDBUS_CONFIG_NO_BUS (205); 0x1000 | errno when the service or the bus failed:
+ * after ETIMEDOUT and EINTR the value is set or not; ECONNRESET or ENOTCONN once the bus has gone away, ECHILD in a
+ * forked child.
  */
 int32_t bdbus_config_set_unsigned(const char *key, uint32_t value);
 
 /**
- * Set a switch: bdbus_config_set() with "b".
+ * Set a switch: bdbus_config_set() with "b". No switch can be set today, so nothing is sent and the result is never 0.
  *
  * @param key   the key's name.
- * @param value 0 or 1.
- * @return as bdbus_config_set(). No "b" key can be set today, so the result is never 0.
+ * @param value 1 on, 0 off.
+ * @return BDBUS_CONFIG_NO_KEY (201); BDBUS_CONFIG_WRONG_SIGNATURE (202) for a key that is no switch;
+ * BDBUS_CONFIG_READ_ONLY (203) for one that is.
  */
 int32_t bdbus_config_set_bool(const char *key, int32_t value);
 

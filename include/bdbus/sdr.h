@@ -7,7 +7,7 @@
  * bdbus_sdr_init() reads every record once and starts one thread, the listener, which applies the changes that are
  * announced on the bus. The getters answer from the copy, without bus traffic and without a lock, but for one that has
  * lost to writers of the same record 64 times over: it lets them finish. The setters write the copy first and then tell
- * the service; a call that fails leaves the copy as written.
+ * the service; a call that fails leaves the copy as written, but in a forked child, where they leave it alone.
  *
  * A record is an IPMI 2.0 sensor data record of 64 bytes, laid out as a full sensor record (type 01h), with the
  * sensor's state beside it. The service hands out records only, no state: until somebody announces a change of a
@@ -24,9 +24,10 @@
  *
  * Results: 0, or a negative errno-style code; no function changes its output on failure. A call that the service or the
  * bus failed prints one line on stderr. -EINVAL (-22) for an ID that is not stored, for a null pointer and before
- * bdbus_sdr_init() has succeeded, without a line and with nothing sent. The connection is never opened again: when the
- * bus has gone away, calls to the service fail with -ENOTCONN (the first perhaps with -ECONNRESET) until the process is
- * restarted; the getters go on answering, and nothing keeps the copy up to date.
+ * bdbus_sdr_init() has succeeded (bdbus_sdr_add() then gives -ENOTCONN), without a line and with nothing sent. The
+ * connection is never opened again: when the bus has gone away, calls to the service fail with -ENOTCONN (the first
+ * perhaps with -ECONNRESET) until the process is restarted; the getters go on answering, and nothing keeps the copy up
+ * to date.
  *
  * Signals: while a call waits for the service, SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF and SIGVTALRM are held back in
  * its thread, and their handlers run right after it. Any other signal whose handler runs in that thread (SIGALRM,
@@ -35,9 +36,9 @@
  * calls: during each of them all signals are held back but SIGINT, SIGTERM, SIGQUIT, SIGHUP and faults.
  *
  * Threads: any thread may call, once bdbus_sdr_init() has returned 0. Calls to the service wait for one another; the
- * getters wait for no call. A thread that is cancelled (pthread_cancel) inside a call ends only after it. In a forked
- * child there is no listener: calls to the service fail with -ECHILD at once, and the getters answer from the copy as
- * it was at the fork, which nothing keeps up to date.
+ * getters wait for no call. A thread that is canceled (pthread_cancel) inside a call ends only after it. In a forked
+ * child there is no listener: bdbus_sdr_init() and calls to the service fail with -ECHILD at once, and the getters
+ * answer from the copy as it was at the fork, which nothing keeps up to date.
  */
 #ifndef BDBUS_SDR_H
 #define BDBUS_SDR_H
@@ -49,32 +50,32 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/** The bytes of an SDR. */
+/** The bytes of an SDR, a full sensor record (IPMI 2.0, section 43.1). */
 #define BDBUS_SDR_BYTES 64
 
-/** Event enables or event status (IPMI 2.0, Get Sensor Event Enable and Get Sensor Event Status). */
+/** Event enables or event status (IPMI 2.0, sections 35.11 and 35.13, Get Sensor Event Enable and Status). */
 typedef struct bdbus_sdr_event {
     uint8_t flags;           /**< of the enables: bit 7 event messages, bit 6 scanning; of the status, the service's */
     uint16_t assertion_mask; /**< one bit for each assertion event */
     uint16_t deassertion_mask; /**< one bit for each deassertion event */
 } bdbus_sdr_event;
 
-/** Threshold hysteresis, raw. */
+/** Threshold hysteresis, raw (IPMI 2.0, section 35.7, Get Sensor Hysteresis). */
 typedef struct bdbus_sdr_hysteresis {
-    uint8_t positive; /**< positive-going */
-    uint8_t negative; /**< negative-going */
+    uint8_t positive; /**< positive-going, in raw counts */
+    uint8_t negative; /**< negative-going, in raw counts */
 } bdbus_sdr_hysteresis;
 
-/** Thresholds, raw (IPMI 2.0, Get Sensor Thresholds). */
+/** Thresholds, raw (IPMI 2.0, section 35.9, Get Sensor Thresholds). */
 typedef struct bdbus_sdr_thresholds {
     uint8_t readable_mask; /**< bit 0 lower non-critical, 1 lower critical, 2 lower non-recoverable, 3 to 5 the upper
                               ones */
-    uint8_t lower_noncritical;
-    uint8_t lower_critical;
-    uint8_t lower_nonrecoverable;
-    uint8_t upper_noncritical;
-    uint8_t upper_critical;
-    uint8_t upper_nonrecoverable;
+    uint8_t lower_noncritical;    /**< lower non-critical */
+    uint8_t lower_critical;       /**< lower critical */
+    uint8_t lower_nonrecoverable; /**< lower non-recoverable */
+    uint8_t upper_noncritical;    /**< upper non-critical */
+    uint8_t upper_critical;       /**< upper critical */
+    uint8_t upper_nonrecoverable; /**< upper non-recoverable */
 } bdbus_sdr_thresholds;
 
 /** A sensor: its SDR, and its state as far as it was announced or set. The SDR alone says nothing of the present. */
@@ -120,71 +121,196 @@ extern void (*bdbus_sdr_set_reading_and_event_status_callback)(bdbus_sdr_record 
  * answer, and that kind of announcement is then never received. One that was dropped or timed out before that is a bus
  * that cannot be reached; one that takes the connection and says nothing is waited for up to 90 s.
  *
- * @return 0; -ENOMEM; the negative code of a bus that cannot be reached, after the line "Failed to connect to system
- * bus: ..." on stderr; the negative error number when the thread cannot be created. After a failure it may be called
- * again.
+ * @return 0; -ENOMEM; the negative code of a bus that cannot be reached, and -ECHILD in a child of the process that
+ * called it, after the line "Failed to connect to system bus: ..." on stderr; the negative error number when the thread
+ * cannot be created. After a failure it may be called again.
  */
 int32_t bdbus_sdr_init(void);
 
 /**
- * Copy a whole record. Its state is what was last announced or set, and what the SDR names for power-up before that.
+ * Copy a whole record out of the library's copy. Its state is what was last announced or set; before that, what the
+ * SDR names for power-up.
  *
- * @return 0; -EINVAL when the ID is not stored, also for a null `out` and before bdbus_sdr_init().
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the record. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
  */
 int32_t bdbus_sdr_get(uint16_t record_id, bdbus_sdr_record *out);
 
-/** Copy the event enables last announced or set; before that, the record's for power-up. @return 0; -EINVAL. */
+/**
+ * Copy a sensor's event enables as last announced or set; before that, the record's for power-up (form: IPMI 2.0,
+ * section 35.11, Get Sensor Event Enable).
+ *
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the enables. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
+ */
 int32_t bdbus_sdr_event_get(uint16_t record_id, bdbus_sdr_event *out);
 
-/** Copy the event status last announced or set; zero before that. @return 0; -EINVAL. */
+/**
+ * Copy a sensor's event status as last announced or set; before that, all zero (form: IPMI 2.0, section 35.13, Get
+ * Sensor Event Status).
+ *
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the status. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
+ */
 int32_t bdbus_sdr_event_status_get(uint16_t record_id, bdbus_sdr_event *out);
 
-/** Copy the hysteresis last announced or set; before that, the record's. @return 0; -EINVAL. */
+/**
+ * Copy a sensor's hysteresis as last announced or set; before that, the record's (form: IPMI 2.0, section 35.7, Get
+ * Sensor Hysteresis).
+ *
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the hysteresis, raw. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
+ */
 int32_t bdbus_sdr_hysteresis_get(uint16_t record_id, bdbus_sdr_hysteresis *out);
 
-/** Copy the raw reading last announced or set; before that, the record's nominal reading, which is no measured one.
- * @return 0; -EINVAL. */
+/**
+ * Copy a sensor's raw reading as last announced or set; before that, the record's nominal reading, which nobody has
+ * measured (form: IPMI 2.0, section 35.14, Get Sensor Reading).
+ *
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the raw reading, 0 to 255. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
+ */
 int32_t bdbus_sdr_reading_get(uint16_t record_id, uint8_t *out);
 
-/** Copy the thresholds last announced or set; before that, the record's. @return 0; -EINVAL. */
+/**
+ * Copy a sensor's thresholds as last announced or set; before that, the record's (form: IPMI 2.0, section 35.9, Get
+ * Sensor Thresholds).
+ *
+ * Asks nothing of the service and waits for no call; any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param out       receives the thresholds, raw. Not null. Untouched after a failure.
+ * @return 0; -EINVAL when the ID is not stored, for a null `out`, and before bdbus_sdr_init() has succeeded.
+ */
 int32_t bdbus_sdr_threshold_get(uint16_t record_id, bdbus_sdr_thresholds *out);
 
 /**
- * Set the raw reading in the copy and tell the service, also when it is unchanged. An older announcement that is still
- * queued wins over the value in the copy.
+ * Set a sensor's raw reading in the copy and tell the service, also when it is unchanged. An older announcement that
+ * is still queued wins over the value in the copy.
  *
- * @return 0; -EINVAL; the call's negative code, with the copy as set: -EINTR when a signal handler ended it, -ECHILD in
- * a forked child, -ENOTCONN or -ECONNRESET without the bus, else what the service or sd-bus failed with.
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param reading   the raw reading, 0 to 255.
+ * @return 0; -EINVAL when the ID is not stored and before bdbus_sdr_init() has succeeded. Else a negative errno, after
+ * one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal handler, -ECONNRESET or -ENOTCONN
+ * once the bus has gone away, and others, all with the copy as set; -ECHILD in a forked child, with the copy as it
+ * was.
  */
 int32_t bdbus_sdr_reading_set(uint16_t record_id, uint8_t reading);
 
-/** Set the event enables and tell the service; nothing is sent when unchanged. @return as bdbus_sdr_reading_set(). */
+/**
+ * Set a sensor's event enables in the copy and tell the service; nothing is sent when unchanged (form: IPMI 2.0,
+ * section 35.10, Set Sensor Event Enable). An older announcement that is still queued wins over the value in the copy.
+ *
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param event     the event enables to set. Not null; not kept.
+ * @return 0; -EINVAL when the ID is not stored, for a null `event` and before bdbus_sdr_init() has succeeded. Else a
+ * negative errno, after one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal handler,
+ * -ECONNRESET or -ENOTCONN once the bus has gone away, and others, all with the copy as set; -ECHILD in a forked
+ * child, with the copy as it was.
+ */
 int32_t bdbus_sdr_event_set(uint16_t record_id, const bdbus_sdr_event *event);
 
-/** Set the event status and tell the service; nothing is sent when unchanged. @return as bdbus_sdr_reading_set(). */
+/**
+ * Set a sensor's event status in the copy and tell the service; nothing is sent when unchanged. An older announcement
+ * that is still queued wins over the value in the copy.
+ *
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @param event     the event status to set. Not null; not kept.
+ * @return 0; -EINVAL when the ID is not stored, for a null `event` and before bdbus_sdr_init() has succeeded. Else a
+ * negative errno, after one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal handler,
+ * -ECONNRESET or -ENOTCONN once the bus has gone away, and others, all with the copy as set; -ECHILD in a forked
+ * child, with the copy as it was.
+ */
 int32_t bdbus_sdr_event_status_set(uint16_t record_id, const bdbus_sdr_event *event);
 
-/** Set the hysteresis and tell the service; nothing is sent when unchanged. @return as bdbus_sdr_reading_set(). */
+/**
+ * Set a sensor's hysteresis in the copy and tell the service; nothing is sent when unchanged (form: IPMI 2.0, section
+ * 35.6, Set Sensor Hysteresis). An older announcement that is still queued wins over the value in the copy.
+ *
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id  the sensor's record ID, 0 to 65534.
+ * @param hysteresis the hysteresis to set. Not null; not kept.
+ * @return 0; -EINVAL when the ID is not stored, for a null `hysteresis` and before bdbus_sdr_init() has succeeded.
+ * Else a negative errno, after one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal
+ * handler, -ECONNRESET or -ENOTCONN once the bus has gone away, and others, all with the copy as set; -ECHILD in a
+ * forked child, with the copy as it was.
+ */
 int32_t bdbus_sdr_hysteresis_set(uint16_t record_id, const bdbus_sdr_hysteresis *hysteresis);
 
-/** Set the thresholds and tell the service; nothing is sent when unchanged. @return as bdbus_sdr_reading_set(). */
+/**
+ * Set a sensor's thresholds in the copy and tell the service; nothing is sent when unchanged (form: IPMI 2.0, section
+ * 35.8, Set Sensor Thresholds). An older announcement that is still queued wins over the value in the copy.
+ *
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id  the sensor's record ID, 0 to 65534.
+ * @param thresholds the thresholds to set. Not null; not kept.
+ * @return 0; -EINVAL when the ID is not stored, for a null `thresholds` and before bdbus_sdr_init() has succeeded.
+ * Else a negative errno, after one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal
+ * handler, -ECONNRESET or -ENOTCONN once the bus has gone away, and others, all with the copy as set; -ECHILD in a
+ * forked child, with the copy as it was.
+ */
 int32_t bdbus_sdr_threshold_set(uint16_t record_id, const bdbus_sdr_thresholds *thresholds);
 
 /**
- * Add a record to the repository. An ID that is stored already gets the new SDR and the state that it names, and keeps
- * its event status.
+ * Add a record to the service's repository and to the copy (IPMI 2.0, section 33.13, Add SDR). An ID that is stored
+ * already gets the new SDR and the state that it names, and keeps its event status.
  *
- * @param sdr       the SDR; what its bytes 0 and 1 hold does not matter. Not changed.
- * @param count     its bytes; must be BDBUS_SDR_BYTES.
- * @param record_id receives the ID that the service gave it.
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param sdr       the SDR, `count` bytes; what its bytes 0 and 1 hold does not matter. Not null, not changed and not
+ * kept.
+ * @param count     the bytes of `sdr`; must be BDBUS_SDR_BYTES.
+ * @param record_id receives the ID that the service gave it. Not null. Untouched after a failure.
  * @param context   a word of the caller's to keep with the record; 0 keeps the one that is there.
- * @return 0; -EINVAL; -ENOTCONN before bdbus_sdr_init(); -ENOMEM when the service took it and the copy could not; the
- * call's negative code as bdbus_sdr_reading_set(). After -EINTR the service may hold the record and the copy lacks it.
+ * @return 0; -EINVAL for a null pointer or another count, then -ENOTCONN before bdbus_sdr_init() has succeeded, with
+ * nothing sent; -ENOMEM when the service took the record and the copy could not. Else a negative errno, after one line
+ * on stderr, with nothing in the copy: -ETIMEDOUT without an answer in time and -EINTR ended by a signal handler, both
+ * with the record at the service or not; -ECONNRESET or -ENOTCONN once the bus has gone away, -ECHILD in a forked
+ * child, and others.
  */
 int32_t bdbus_sdr_add(const uint8_t *sdr, uint32_t count, uint16_t *record_id, uintptr_t context);
 
-/** Delete a record, here first and then at the service; a call that fails leaves it deleted here. @return as
- * bdbus_sdr_reading_set(). */
+/**
+ * Delete a record, from the copy first and then at the service (IPMI 2.0, section 33.15, Delete SDR).
+ *
+ * Waits for other calls to the service, then up to 25 s for the answer, or what the environment's SYSTEMD_BUS_TIMEOUT
+ * says. Any thread may call.
+ *
+ * @param record_id the sensor's record ID, 0 to 65534.
+ * @return 0; -EINVAL when the ID is not stored and before bdbus_sdr_init() has succeeded. Else a negative errno, after
+ * one line on stderr: -ETIMEDOUT without an answer in time, -EINTR ended by a signal handler, -ECONNRESET or -ENOTCONN
+ * once the bus has gone away, and others, all with the record gone from the copy; -ECHILD in a forked child, with the
+ * copy as it was.
+ */
 int32_t bdbus_sdr_delete(uint16_t record_id);
 
 #pragma GCC visibility pop
