@@ -173,7 +173,7 @@ TEST_F(network, leaves_the_field_of_a_failed_read_alone_and_reads_on)
     bnetwork_node node = untouched;
     EXPECT_EQ(bnetwork_node_get("eth9", &node), 0) << "no such node";
     EXPECT_EQ(memcmp(&node, &untouched, sizeof(node)), 0);
-    EXPECT_EQ(bnetwork_node_get("eth2", &node), 0) << "no neighbour";
+    EXPECT_EQ(bnetwork_node_get("eth2", &node), 0) << "no neighbor";
     EXPECT_EQ(node.link_status, 0U);
     EXPECT_EQ(memcmp(node.chassis_id, untouched.chassis_id,
                      offsetof(bnetwork_node, lldp_enabled) - offsetof(bnetwork_node, chassis_id)),

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The network: nodes as objects below one path, some with an LLDP neighbour, and the host name.
+// The network: nodes as objects below one path, some with an LLDP neighbor, and the host name.
 #include "simulator.hpp"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// network: the controller's network nodes, their LLDP neighbours and the host name.
+// network: the controller's network nodes, their LLDP neighbors and the host name.
 #include "frame/command.hpp"
 #include "frame/report.hpp"
 

@@ -276,7 +276,7 @@ void declare_oob_state(CLI::App &command, bdbus_storectrl_oob_init &given)
 
 void oob_state(const session &run, const bdbus_storectrl_oob_init &given)
 {
-    const auto found = ask(run, "ask for the out-of-band initialisation",
+    const auto found = ask(run, "ask for the out-of-band initialization",
                            [&] { return bdbus_storectrl_get_ctrl_oob_init_state(given); });
     record shown;
     shown.add("state", "State", found.state);
@@ -494,7 +494,7 @@ void add_raid(CLI::App &program, session &run)
     raid.verb("vd-info", "Show one virtual drive", declare_vd_info, vd_info);
     raid.verb("min-pd", "Show how many physical drives are needed", declare_min_pd, min_pd);
     raid.verb("max-size", "Show how large a new virtual drive can be", declare_max_size, max_size);
-    raid.verb("oob-state", "Show the state of the out-of-band initialisation", declare_oob_state, oob_state);
+    raid.verb("oob-state", "Show the state of the out-of-band initialization", declare_oob_state, oob_state);
     raid.verb("create", "Create a virtual drive", declare_create, create);
     raid.verb("delete", "Delete virtual drives", declare_delete, remove);
     raid.verb("clear", "Clear the controller's configuration", clear);
