@@ -2,3 +2,5 @@
 // What every test file needs and takes long to compile.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+extern template class nlohmann::basic_json<>; // compiled once, in json.cpp
