@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // bdbusctl: the controller's services at a shell.
+#include "common/descriptor.hpp"
 #include "frame/command.hpp"
 
 #include <fcntl.h>
@@ -71,11 +72,13 @@ void add_options(CLI::App &program, session &run)
 /** The library must not find its connection, nor we our captured lines, at a standard descriptor that was closed. */
 void open_standard_descriptors()
 {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    close(fd);
+    while (true) {
+        bdbus_tools::descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
+        if (null.get() < 0 || null.get() > STDERR_FILENO) {
+            return;
+        }
+        null.release();
+    }
 }
 
 std::string help_hint(const CLI::App &program)

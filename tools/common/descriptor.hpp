@@ -9,6 +9,9 @@
 #include <system_error>
 #include <utility>
 
+namespace bdbus_tools
+{
+
 class descriptor
 {
 public:
@@ -34,10 +37,18 @@ private:
     int fd_;
 };
 
-inline int check_errno(int result, const std::string &what)
+/** The result, unless it is negative: then the error number is thrown as std::system_error. */
+template <class number>
+number check_errno(number result, const std::string &what)
 {
     if (result < 0) {
         throw std::system_error(errno, std::generic_category(), what);
     }
     return result;
 }
+
+} // namespace bdbus_tools
+
+// The simulator names them so.
+using bdbus_tools::check_errno;
+using bdbus_tools::descriptor;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // image: making and reading HPM.1 image files.
+#include "common/files.hpp"
 #include "frame/command.hpp"
 #include "frame/report.hpp"
 #include "names/hpm1-image.hpp"
@@ -7,17 +8,11 @@
 
 #include <bdbus/upgrade_agent.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <memory>
 #include <optional>
+#include <system_error>
 
 namespace bdbusctl
 {
@@ -25,76 +20,39 @@ namespace bdbusctl
 namespace
 {
 
-using file_bytes = std::vector<uint8_t>;
-
-[[noreturn]] void fail_with_errno(const std::string &message)
+/** A pipe would keep the program waiting, and a device is not what is meant. */
+void need_regular(const std::string &intent, const std::string &path)
 {
-    throw failure(message + ": " + strerror(errno));
+    std::error_code absent;
+    const auto status = std::filesystem::status(path, absent);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        throw failure(intent + path + ": not a regular file");
+    }
 }
 
-struct descriptor {
-    explicit descriptor(int opened) : fd(opened) {}
-    ~descriptor() { close(fd); }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-
-    const int fd;
-};
-
-file_bytes read_file(const std::string &path, uint64_t largest)
+std::string read_regular(const std::string &path, uint64_t largest)
 {
-    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status = {};
-    if (file.fd < 0 || fstat(file.fd, &status) < 0) {
-        fail_with_errno("cannot read " + path);
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw failure("cannot read " + path + ": not a regular file");
-    }
-    if (static_cast<uint64_t>(status.st_size) > largest) {
-        throw failure("cannot read " + path + ": over " + size_text(largest));
-    }
-
-    file_bytes bytes(static_cast<size_t>(status.st_size));
-    size_t filled = 0;
-    for (ssize_t got = 1; filled < bytes.size() && got != 0; filled += static_cast<size_t>(got)) {
-        got = ::read(file.fd, bytes.data() + filled, bytes.size() - filled);
-        if (got < 0) {
-            fail_with_errno("cannot read " + path);
+    need_regular("cannot read ", path);
+    try {
+        const bool fits = std::filesystem::file_size(path) <= largest;
+        std::string content = fits ? bdbus_tools::read_file(path, static_cast<size_t>(largest)) : "";
+        if (fits && content.size() <= largest) {
+            return content;
         }
+    } catch (const std::system_error &error) {
+        throw failure("cannot read " + path + ": " + error.code().message());
     }
-    bytes.resize(filled);
-    return bytes;
+    throw failure("cannot read " + path + ": over " + size_text(largest));
 }
 
-/** Under another name first, so that whoever opens the file finds all of it or the one that was there before. */
-void write_file(const std::string &path, const file_bytes &bytes)
+void write_regular(const std::string &path, std::string_view content)
 {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw failure("cannot write " + path + ": not a regular file");
+    need_regular("cannot write ", path);
+    try {
+        bdbus_tools::write_file(path, content);
+    } catch (const std::system_error &error) {
+        throw failure("cannot write " + path + ": " + error.code().message());
     }
-    std::string temporary = path + ".XXXXXX";
-    const descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-    if (file.fd < 0) {
-        fail_with_errno("cannot write " + path);
-    }
-
-    const mode_t mask = umask(0);
-    umask(mask);
-    bool written = fchmod(file.fd, 0666 & ~mask) == 0;
-    for (size_t done = 0; written && done < bytes.size();) {
-        const ssize_t count = ::write(file.fd, bytes.data() + done, bytes.size() - done);
-        written = count >= 0;
-        done += written ? static_cast<size_t>(count) : 0;
-    }
-    if (written && fsync(file.fd) == 0 && rename(temporary.c_str(), path.c_str()) == 0) {
-        return;
-    }
-    const int reason = errno;
-    unlink(temporary.c_str());
-    errno = reason;
-    fail_with_errno("cannot write " + path);
 }
 
 std::array<uint8_t, 2> parse_short_version(const std::string &text)
@@ -258,7 +216,7 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
         mask = static_cast<uint8_t>(mask | 1U << source.id);
 
         hpm1_image::payload part{source.id, source.version.value_or(given.head.firmware), source.description,
-                                 read_file(source.file, room)};
+                                 read_regular(source.file, room)};
         if (given.prepend_version) {
             part.data.insert(part.data.begin(), part.firmware.begin(), part.firmware.end());
         }
@@ -301,7 +259,8 @@ report record_table(const hpm1_image::image &image)
     return table;
 }
 
-void show_image(const session &run, const std::string &path, const file_bytes &bytes, const hpm1_image::image &image)
+void show_image(const session &run, const std::string &path, std::span<const uint8_t> file,
+                const hpm1_image::image &image)
 {
     const hpm1_image::header &head = image.head;
     const auto timeout = [](uint8_t units) {
@@ -311,7 +270,7 @@ void show_image(const session &run, const std::string &path, const file_bytes &b
     const report records = record_table(image);
     record shown;
     shown.add("file", "File", path);
-    shown.add("size", "Size", bytes.size());
+    shown.add("size", "Size", file.size());
     shown.add("device_id", "Device ID", {format("%u (0x%02x)", head.device_id, head.device_id), head.device_id});
     shown.add("manufacturer_id", "Manufacturer ID",
               {format("%u (0x%06x)", head.manufacturer_id, head.manufacturer_id), head.manufacturer_id});
@@ -330,7 +289,7 @@ void show_image(const session &run, const std::string &path, const file_bytes &b
     shown.add("rollback_timeout_s", "Rollback timeout", timeout(head.rollback_timeout));
     shown.add("inaccessibility_timeout_s", "Inaccessible up to", timeout(head.inaccessibility_timeout));
     shown.add("oem_bytes", "OEM data", {format("%zu B", head.oem_data.size()), head.oem_data.size()});
-    const bool intact = image.faults.empty() && hpm1_image::digest_holds(bytes);
+    const bool intact = image.faults.empty() && hpm1_image::digest_holds(file);
     shown.add("intact", "Intact", {intact ? "yes" : "no (see bdbusctl image verify)", intact, intact ? "" : "red"});
     shown.hide("records", records.to_json());
     shown.show(run);
@@ -348,14 +307,15 @@ void create(const session &run, const create_arguments &given)
         head.capabilities = self_test_capability;
     }
     if (!given.oem_file.empty()) {
-        head.oem_data = read_file(given.oem_file, UINT16_MAX);
+        const std::string content = read_regular(given.oem_file, UINT16_MAX);
+        head.oem_data.assign(content.begin(), content.end());
     }
-    const file_bytes bytes = hpm1_image::build(head, given.backup, given.prepare, read_payloads(given));
-    write_file(given.output, bytes);
+    const std::string file = hpm1_image::build(head, given.backup, given.prepare, read_payloads(given));
+    write_regular(given.output, file);
     if (run.wants_json()) {
-        show_image(run, given.output, bytes, hpm1_image::read(bytes));
+        show_image(run, given.output, bytes_of(file), hpm1_image::read(bytes_of(file)));
     } else {
-        run.say(format("%s: %zu bytes", given.output.c_str(), bytes.size()));
+        run.say(format("%s: %zu bytes", given.output.c_str(), file.size()));
     }
 }
 
@@ -375,12 +335,12 @@ void declare_file(CLI::App &command, file_argument &given)
 
 void info(const session &run, const file_argument &given)
 {
-    const file_bytes bytes = read_file(given.path, UINT32_MAX);
-    const hpm1_image::image image = hpm1_image::read(bytes);
+    const std::string file = read_regular(given.path, UINT32_MAX);
+    const hpm1_image::image image = hpm1_image::read(bytes_of(file));
     if (!image.complete) {
         throw failure(given.path + ": " + fault_text(image.faults.back()));
     }
-    show_image(run, given.path, bytes, image);
+    show_image(run, given.path, bytes_of(file), image);
 }
 
 const char *integrity_name(int32_t result)
@@ -408,8 +368,8 @@ int32_t check_integrity(const session &run, const std::string &path)
 /** What the upgrade itself would refuse, and what our own walk finds in all records. */
 void verify(const session &run, const file_argument &given)
 {
-    const file_bytes bytes = read_file(given.path, UINT32_MAX);
-    const hpm1_image::image image = hpm1_image::read(bytes);
+    const std::string file = read_regular(given.path, UINT32_MAX);
+    const hpm1_image::image image = hpm1_image::read(bytes_of(file));
     const int32_t integrity = check_integrity(run, given.path);
     if (integrity != 0 || !image.faults.empty()) {
         std::vector<std::string> reasons;
@@ -430,12 +390,12 @@ void verify(const session &run, const file_argument &given)
     record shown;
     shown.add("file", "File", given.path);
     shown.add("intact", "Intact", true);
-    shown.add("size", "Size", bytes.size());
+    shown.add("size", "Size", file.size());
     shown.add("records", "Records", image.records.size());
     if (run.wants_json()) {
         shown.show(run);
     } else {
-        run.say(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), bytes.size(), image.records.size()));
+        run.say(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), file.size(), image.records.size()));
     }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // rstorage: the disks of remote storage. What their codes and integers mean is the service's.
 #include "frame/command.hpp"
+#include "frame/input.hpp"
 #include "frame/report.hpp"
 
 #include <bdbus/rstorage.h>
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -275,34 +275,16 @@ private:
     bool is_terminal_;
 };
 
-std::string first_line(FILE *file)
-{
-    std::string line;
-    for (int next; line.size() < text_bytes && (next = getc(file)) != EOF && next != '\n' && next != '\r';) {
-        line.push_back(static_cast<char>(next));
-    }
-    return line;
-}
-
 /** The first line, so that the file may end like any other. */
 std::string read_password(const std::string &path)
 {
-    std::string text;
-    bool readable = true;
+    std::optional<silent_terminal> silent;
     if (path == "-") {
-        const silent_terminal silent;
-        text = first_line(stdin);
-        readable = ferror(stdin) == 0;
-    } else {
-        const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "re"), fclose);
-        text = file ? first_line(file.get()) : "";
-        readable = file && ferror(file.get()) == 0;
+        silent.emplace();
     }
-    if (!readable) {
-        throw failure("cannot read " + one_line(path) + ": " + strerror(errno));
-    }
+    std::string text = read_first_line(path, text_bytes);
     if (text.empty() || text.size() == text_bytes || text.find('\0') != std::string::npos) {
-        throw failure((path == "-" ? "the standard input" : one_line(path)) + ": not a password");
+        throw failure(input_name(path) + ": not a password");
     }
     return text;
 }

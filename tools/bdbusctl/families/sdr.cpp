@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // sdr: the sensor repository.
+#include "frame/input.hpp"
 #include "frame/watch.hpp"
 #include "names/ipmi-names.hpp"
 #include "names/sensor.hpp"
@@ -7,11 +8,8 @@
 #include <algorithm>
 #include <bitset>
 #include <cctype>
-#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -433,21 +431,15 @@ void declare_add(CLI::App &command, add_arguments &given)
 
 void add(const session &run, const add_arguments &given)
 {
-    const bool is_stdin = given.file == "-";
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(is_stdin ? stdin : fopen(given.file.c_str(), "re"), fclose);
-    std::array<uint8_t, BDBUS_SDR_BYTES + 1> bytes{};
-    const size_t count = file ? fread(bytes.data(), 1, bytes.size(), file.get()) : 0;
-    const std::string name = is_stdin ? "the standard input" : one_line(given.file);
-    if (!file || ferror(file.get())) {
-        throw failure("cannot read " + name + ": " + strerror(errno));
-    }
-    if (count != BDBUS_SDR_BYTES) {
-        throw failure(format("%s: a record has %d bytes, not %s%zu", name.c_str(), BDBUS_SDR_BYTES,
-                             count > BDBUS_SDR_BYTES ? "over " : "", std::min<size_t>(count, BDBUS_SDR_BYTES)));
+    const std::string content = read_input(given.file, BDBUS_SDR_BYTES);
+    if (content.size() != BDBUS_SDR_BYTES) {
+        throw failure(format("%s: a record has %d bytes, not %s%zu", input_name(given.file).c_str(), BDBUS_SDR_BYTES,
+                             content.size() > BDBUS_SDR_BYTES ? "over " : "",
+                             std::min<size_t>(content.size(), BDBUS_SDR_BYTES)));
     }
     open_repository(run);
     uint16_t id = 0;
-    run.call("add the record", [&] { return bdbus_sdr_add(bytes.data(), BDBUS_SDR_BYTES, &id, 0); });
+    run.call("add the record", [&] { return bdbus_sdr_add(bytes_of(content).data(), BDBUS_SDR_BYTES, &id, 0); });
     identity(stored_sensor(id)).show(run);
 }
 

@@ -23,6 +23,11 @@ std::string escape_controls(std::string_view json_text);
 
 std::string join(const std::vector<std::string> &parts, std::string_view separator);
 
+inline std::span<const uint8_t> bytes_of(std::string_view text)
+{
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
 /** Two hex digits a byte, nothing between. */
 std::string hex_digits(std::span<const uint8_t> bytes);
 

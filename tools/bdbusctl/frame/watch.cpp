@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "frame/watch.hpp"
 
+#include "common/bus.hpp"
 #include "frame/held-signals.hpp"
-
-#include <systemd/sd-bus.h>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 
 namespace bdbusctl
 {
@@ -55,10 +53,6 @@ public:
     }
 
 private:
-    struct closing {
-        void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
-    };
-
     static void need(int result)
     {
         if (result < 0) {
@@ -76,7 +70,7 @@ private:
     }
 
     const char *service_;
-    std::unique_ptr<sd_bus, closing> bus_;
+    bdbus_tools::bus_pointer bus_;
     bool gone_ = false;
 };
 

@@ -211,8 +211,8 @@ size_t reader::read_record(size_t offset)
 class writer
 {
 public:
-    void byte(uint8_t value) { file_.push_back(value); }
-    void put(bytes block) { file_.insert(file_.end(), block.begin(), block.end()); }
+    void byte(uint8_t value) { file_.push_back(static_cast<char>(value)); }
+    void put(bytes block) { file_.append(block.begin(), block.end()); }
     void text(std::string_view text, size_t room)
     {
         for (size_t index = 0; index < room; index++) {
@@ -226,7 +226,7 @@ public:
         }
     }
     // Makes the bytes from `start` on sum to 0.
-    void checksum(size_t start) { byte(static_cast<uint8_t>(-sum_of(bytes(file_).subspan(start)))); }
+    void checksum(size_t start) { byte(static_cast<uint8_t>(-sum_of(bytes_of(file_).subspan(start)))); }
 
     void action(uint8_t type, uint8_t components)
     {
@@ -236,14 +236,14 @@ public:
         checksum(start);
     }
 
-    std::vector<uint8_t> finish()
+    std::string finish()
     {
-        put(md5(file_));
+        put(md5(bytes_of(file_)));
         return std::move(file_);
     }
 
 private:
-    std::vector<uint8_t> file_;
+    std::string file_;
 };
 
 } // namespace
@@ -263,7 +263,7 @@ image read(std::span<const uint8_t> file)
     return reader(file).run();
 }
 
-std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads)
+std::string build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads)
 {
     head.components = 0;
     for (const auto &part : payloads) {
@@ -300,7 +300,7 @@ std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const s
         out.put(part.firmware);
         out.text(part.description, description_bytes);
         out.little_endian(static_cast<uint32_t>(part.data.size()), 4);
-        out.put(part.data);
+        out.put(bytes_of(part.data));
     }
     return out.finish();
 }

@@ -77,13 +77,13 @@ struct payload {
     uint8_t component = 0;
     version firmware{};
     std::string description;
-    std::vector<uint8_t> data;
+    std::string data;
 };
 
 /**
  * An image with the header as given (but for the components, which the payloads tell), a backup and a preparation where
  * their masks are not 0, then an upload for each payload.
  */
-std::vector<uint8_t> build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads);
+std::string build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads);
 
 } // namespace bdbusctl::hpm1_image

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// An owner for a connection to the bus.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <memory>
+
+namespace bdbus_tools
+{
+
+/** Does not wait for what is still to be sent: the bus may hang. */
+struct bus_close {
+    void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
+};
+
+using bus_pointer = std::unique_ptr<sd_bus, bus_close>;
+
+} // namespace bdbus_tools
