@@ -143,7 +143,7 @@ int main(int argc, char **argv)
 {
     open_standard_descriptors();
     setlocale(LC_CTYPE, "");
-    openlog(program_name, LOG_PERROR, LOG_USER);
+    openlog(program_name, 0, LOG_USER);
     try {
         return static_cast<int>(run_program(argc, argv));
     } catch (...) {

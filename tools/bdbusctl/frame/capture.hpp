@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the library says. It names its reasons on stderr, and the upgrade agent in the system log; while a capture
-// lives, both end up in it instead of on the terminal (the log through LOG_PERROR, which main sets).
+// What the library reports during a call: lines on stderr, each of which is a fault, and the upgrade agent's lines for
+// the system log, whose priorities tell faults from progress. While a capture lives, both end up in it.
 #pragma once
+
+#include "common/descriptor.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -13,6 +15,11 @@ namespace bdbusctl
 
 inline constexpr const char *program_name = "bdbusctl";
 
+struct reported_line {
+    std::string text;
+    bool fault = true;
+};
+
 class capture
 {
 public:
@@ -21,27 +28,28 @@ public:
     capture(const capture &) = delete;
     capture &operator=(const capture &) = delete;
 
-    /** The standard error that was there before, for who must write to it meanwhile. */
-    int original_stderr() const { return original_; }
+    /** The standard error that was there before, for those who write to it meanwhile. */
+    int original_stderr() const { return original_.get(); }
 
-    /** Puts the standard error back and gives the lines that were caught. */
-    std::vector<std::string> end();
+    /** Puts the standard error back. @return the lines that were caught, without empty ones. */
+    std::vector<reported_line> end();
 
 private:
-    int original_;
-    int memory_;
+    bdbus_tools::descriptor original_;
+    bdbus_tools::descriptor memory_;
 };
 
 struct outcome {
     int32_t result;
-    std::vector<std::string> lines;
+    std::vector<reported_line> lines;
 
-    /** The lines that name a fault, without those by which the agent tells how it gets on. */
+    /** The texts of the faults; one that comes several times in a row is there once. */
     std::vector<std::string> faults() const;
 
     bool bus_unreachable() const;
 };
 
+/** Calls the library and captures what it reports. */
 outcome observe(const std::function<int32_t()> &call);
 
 } // namespace bdbusctl

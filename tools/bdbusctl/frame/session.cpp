@@ -5,7 +5,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -87,8 +86,7 @@ int32_t session::call(const std::string &intent, const std::function<int32_t()> 
 int32_t session::answer(const std::string &intent, const std::function<int32_t()> &call) const
 {
     const outcome seen = watch(call);
-    if (std::any_of(seen.lines.begin(), seen.lines.end(),
-                    [](const std::string &line) { return line.starts_with("Failed to "); })) {
+    if (!seen.faults().empty()) {
         throw failed_call("cannot " + intent, seen);
     }
     return seen.result;
@@ -100,7 +98,7 @@ void session::show_details(const outcome &seen) const
         return;
     }
     for (const auto &line : seen.lines) {
-        fprintf(stderr, "%s\n", line.c_str());
+        fprintf(stderr, "%s\n", line.text.c_str());
     }
 }
 

@@ -3,9 +3,10 @@
 
 #include <array>
 #include <charconv>
-#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <new>
 #include <stdexcept>
 
 namespace bdbusctl
@@ -15,9 +16,15 @@ std::string format(const char *pattern, ...)
 {
     va_list arguments;
     va_start(arguments, pattern);
+    std::string text = format_list(pattern, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string format_list(const char *pattern, va_list arguments)
+{
     char *text = nullptr;
     const int length = vasprintf(&text, pattern, arguments);
-    va_end(arguments);
     if (length < 0) {
         throw std::bad_alloc();
     }

@@ -2,6 +2,7 @@
 // Small pieces of text: what the standard library of C++20 has no words for here.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -11,7 +12,8 @@
 namespace bdbusctl
 {
 
-std::string format(const char *pattern, ...) __attribute__((format(printf, 1, 2)));
+[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...);
+[[gnu::format(printf, 1, 0)]] std::string format_list(const char *pattern, va_list arguments);
 
 /**
  * The text with every control character blanked, so that what a service or a file says cannot break out of its line.
