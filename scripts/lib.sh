@@ -10,7 +10,7 @@ build=$root/build
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
 test_packages=(libgtest-dev dwarves)
-check_packages=(libbenchmark-dev clang libclang-rt-dev clang-format clang-tidy shellcheck doxygen)
+check_packages=(libbenchmark-dev clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
 
 # need_packages PACKAGE...: installs those that are missing; without the right to do so, says what to run and gives up.

@@ -6,8 +6,8 @@ symbols       the headers, the version script and the built library name the sam
 symbols-self  the symbol check notices a name that only some of the three have
 headers       every public header compiles alone, as C99 and as C++20
 runtime       what the library needs to be loaded, and that nothing runs when it is
-abi           signatures, constants and layouts are those of the dump in the tree for this processor; where there is none,
-              or no pahole, the check is skipped
+abi           signatures, constants and layouts are those of the dump in the tree for this processor; where there is
+              none, or no pahole, the check is skipped
 abi-dump      makes the dumps of all processors anew, with Debian's compilers for each
 
 A check that this machine cannot make exits with 77.
@@ -38,7 +38,6 @@ def run(*command, stdin=None):
 
 class Headers:
     """The public headers, as the compiler reads them."""
-
     def __init__(self, directory, compiler):
         self.flags = ['-std=c99', '-I', directory]
         self.compiler = compiler
@@ -62,7 +61,7 @@ class Headers:
         for declaration in re.findall(r'\bextern\b([^;{]*);', self.text):
             pointer_to_function = re.search(rf'\(\s*\*\s*({OURS})\s*\)', declaration)
             plain = re.search(rf'\b({OURS})\s*(?:\[[^]]*\]\s*)*$', declaration)
-            names.update(match[1] for match in (pointer_to_function or plain,) if match)
+            names.update(match[1] for match in (pointer_to_function or plain, ) if match)
         return names
 
     def constants(self):
@@ -98,22 +97,24 @@ def differences(headers, version_script, library, readelf):
     declared = headers.functions() | headers.variables()
     built = library_symbols(library, readelf)
     mapped_names = {symbol.split('@')[0] for symbol in mapped}
-    sides = (('declared in the headers, not in the version script', declared - mapped_names),
-             ('in the version script, not declared in the headers', mapped_names - declared),
-             ('in the version script, not in the library', mapped - built),
-             ('in the library, not in the version script', built - mapped))
+    sides = (('declared in the headers, not in the version script',
+              declared - mapped_names), ('in the version script, not declared in the headers', mapped_names - declared),
+             ('in the version script, not in the library',
+              mapped - built), ('in the library, not in the version script', built - mapped))
     found = [f'{name}: {what}' for what, names in sides for name in sorted(names)]
     return found if declared else ['the headers declare nothing']
 
 
 def link_all(headers, version_script, library):
     """A C program that takes the address of everything there is must compile and link."""
-    names = sorted({symbol.split('@')[0] for symbol in mapped_symbols(version_script)}
+    names = sorted({symbol.split('@')[0]
+                    for symbol in mapped_symbols(version_script)}
                    | headers.functions() | headers.variables())
     addresses = ''.join(f'    (const void *)&{name},\n' for name in names)
     with tempfile.TemporaryDirectory() as scratch:
-        run(*headers.compiler, *headers.flags, '-Wall', '-Werror', '-x', 'c', '-', '-x', 'none', library,
-            '-o', f'{scratch}/all', stdin=f'{headers.includes}const void *const all[] = {{\n{addresses}}};\n'
+        run(
+            *headers.compiler, *headers.flags, '-Wall', '-Werror', '-x', 'c', '-', '-x', 'none', library, '-o',
+            f'{scratch}/all', stdin=f'{headers.includes}const void *const all[] = {{\n{addresses}}};\n'
             'int main(void)\n{\n    return all[0] == 0;\n}\n')
 
 
@@ -133,14 +134,14 @@ def check_symbols_self(args):
     with_extra = original.replace('global:', 'global: bdbus_extra;', 1)
     extra_header = '#ifndef EXTRA_H\n#define EXTRA_H\nvoid bdbus_extra(void);\n#endif\n'
     extra_variable = extra_header.replace('void bdbus_extra(void)', 'extern int (*bdbus_extra)(int)')
-    cases = (('nothing changed', original, original, '', None),
-             ('missing in the version script', without_first, original, '', first),
-             ('extra in the version script', with_extra, original, '', 'bdbus_extra'),
-             ('missing in the library', original, without_first, '', first),
-             ('extra in the library', original, with_extra, '', 'bdbus_extra'),
-             ('extra function in the headers', original, original, extra_header, 'bdbus_extra'),
-             ('extra variable in the headers', original, original, extra_variable, 'bdbus_extra'),
-             ('other version node', original, original.replace('BDBUS_1', 'BDBUS_0'), '', first))
+    cases = (('nothing changed', original, original, '',
+              None), ('missing in the version script', without_first, original, '',
+                      first), ('extra in the version script', with_extra, original, '',
+                               'bdbus_extra'), ('missing in the library', original, without_first, '', first),
+             ('extra in the library', original, with_extra, '',
+              'bdbus_extra'), ('extra function in the headers', original, original, extra_header, 'bdbus_extra'),
+             ('extra variable in the headers', original, original, extra_variable,
+              'bdbus_extra'), ('other version node', original, original.replace('BDBUS_1', 'BDBUS_0'), '', first))
     found = []
     for title, version_script, exported, header, culprit in cases:
         with tempfile.TemporaryDirectory() as scratch:
@@ -160,15 +161,15 @@ def altered_copies(scratch, args, version_script, exported, header):
     (scratch / 'mapped').write_text(version_script)
     (scratch / 'exported').write_text(exported)
     names = {symbol.split('@')[0] for symbol in mapped_symbols(scratch / 'exported')}
-    run(*args.compiler, '-shared', '-nostdlib', '-fPIC', f'-Wl,--version-script={scratch}/exported',
-        '-o', scratch / 'library.so', '-x', 'c', '-', stdin=''.join(f'int {name};\n' for name in sorted(names)))
+    run(*args.compiler, '-shared', '-nostdlib', '-fPIC', f'-Wl,--version-script={scratch}/exported', '-o',
+        scratch / 'library.so', '-x', 'c', '-', stdin=''.join(f'int {name};\n' for name in sorted(names)))
     return Headers(scratch / 'include', args.compiler), scratch / 'mapped', scratch / 'library.so'
 
 
 def check_headers(args):
     headers = Headers(args.include, args.compiler)
-    ways = ((args.compiler, ['-std=c99', '-pedantic', '-Wall', '-Wextra', '-Wstrict-prototypes', '-x', 'c']),
-            (args.cpp_compiler, ['-std=c++20', '-pedantic', '-Wall', '-Wextra', '-x', 'c++']))
+    ways = ((args.compiler, ['-std=c99', '-pedantic', '-Wall', '-Wextra', '-Wstrict-prototypes', '-x',
+                             'c']), (args.cpp_compiler, ['-std=c++20', '-pedantic', '-Wall', '-Wextra', '-x', 'c++']))
     found = []
     for header in headers.files:
         for compiler, flags in ways:
@@ -203,8 +204,8 @@ def check_runtime(args):
 
 def abi_dump(headers):
     with tempfile.TemporaryDirectory() as scratch:
-        run(*headers.compiler, *headers.flags, '-g', '-c', '-fno-eliminate-unused-debug-types', '-x', 'c', '-',
-            '-o', f'{scratch}/all.o', stdin=headers.includes)
+        run(*headers.compiler, *headers.flags, '-g', '-c', '-fno-eliminate-unused-debug-types', '-x', 'c', '-', '-o',
+            f'{scratch}/all.o', stdin=headers.includes)
         layouts = run('pahole', '--sort', '-C', ','.join(headers.types()), f'{scratch}/all.o')
     layouts = re.sub(r'cachelines: \d+, |\n\s*/\* (--- |last |XXX ).*|, bit_padding.*', '', layouts)
     layouts = re.sub(r'\n{2,}', '\n', layouts).replace('\t', '    ')
@@ -219,7 +220,9 @@ def check_abi(args):
     if shutil.which('pahole') is None:
         skip('There is no pahole (Debian: dwarves).')
     dump = abi_dump(Headers(args.include, args.compiler))
-    found = list(difflib.unified_diff(committed.read_text().splitlines(), dump.splitlines(), str(committed), 'as built', lineterm=''))
+    found = list(
+        difflib.unified_diff(committed.read_text().splitlines(), dump.splitlines(), str(committed), 'as built',
+                             lineterm=''))
     return found + ['When the change is meant: ninja -C BUILD abi-dump'] if found else []
 
 
@@ -243,8 +246,10 @@ def skip(reason):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    checks = {'symbols': check_symbols, 'symbols-self': check_symbols_self, 'headers': check_headers,
-              'runtime': check_runtime, 'abi': check_abi, 'abi-dump': write_dumps}
+    checks = {
+        'symbols': check_symbols, 'symbols-self': check_symbols_self, 'headers': check_headers, 'runtime':
+        check_runtime, 'abi': check_abi, 'abi-dump': write_dumps
+    }
     parser.add_argument('check', choices=checks)
     parser.add_argument('--include', type=pathlib.Path, help='the directory that holds bdbus/')
     parser.add_argument('--map', type=pathlib.Path, help='the version script')
