@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// authlog and user: the authentication log, and what its service is told of user accounts. What the bytes mean is the
+// authlog and user: the authentication log, and changes of user accounts for its service. What the bytes mean is the
 // service's.
 #include "frame/command.hpp"
 #include "frame/report.hpp"
@@ -16,7 +16,7 @@ namespace
 {
 
 /** The bytes go to the start of `target`. */
-void take_bytes(const std::vector<std::string> &words, size_t least, std::span<uint8_t> target)
+void copy_bytes(const std::vector<std::string> &words, size_t least, std::span<uint8_t> target)
 {
     const auto bytes = read_bytes(words, least, target.size());
     std::copy(bytes.begin(), bytes.end(), target.begin());
@@ -26,7 +26,7 @@ template <class exchange>
 void send(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange &values)
 {
     run.call(intent, [&] { return call(&values); });
-    if (values.completion_code != 0) {
+    if (values.completion_code != completion_success) {
         failure refused =
             completion_failure("cannot " + intent, values.completion_code, completion_name(values.completion_code));
         refused.error["value"] = values.value;
@@ -65,14 +65,14 @@ void declare_clear(CLI::App &command, log_arguments &given)
 void add(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{};
-    take_bytes(given.bytes, 1, request.data);
+    copy_bytes(given.bytes, 1, request.data);
     send(run, "add the entry", bdbus_user_authlog_add_entry, request);
 }
 
 void remove(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{};
-    take_bytes(given.bytes, 2, std::span(request.data).first(2));
+    copy_bytes(given.bytes, 2, std::span(request.data).first(2));
     const std::string entry = "entry " + hex_digits(std::span(request.data).first(2));
     run.confirm("This deletes " + entry + " of the authentication log.");
     send(run, "delete " + entry, bdbus_user_authlog_del_entry, request);
@@ -82,7 +82,7 @@ void clear(const session &run, const log_arguments &given)
 {
     bdbus_authlog_request request{{0, 0, 'C', 'L', 'R', 0xAA}, 0, 0};
     if (!given.bytes.empty()) {
-        take_bytes(given.bytes, 4, std::span(request.data).subspan(2, 4));
+        copy_bytes(given.bytes, 4, std::span(request.data).subspan(2, 4));
     }
     run.confirm("This erases all entries of the authentication log.");
     send(run, "clear the log", bdbus_user_authlog_clear, request);
@@ -103,7 +103,7 @@ void declare_update(CLI::App &command, update_arguments &given)
 void update(const session &run, const update_arguments &given)
 {
     bdbus_user_update request{given.first, given.second, {}, 0, 0};
-    take_bytes(given.bytes, 0, request.data);
+    copy_bytes(given.bytes, 0, request.data);
     send(run, "tell of the user's update", bdbus_user_update_send_event, request);
 }
 

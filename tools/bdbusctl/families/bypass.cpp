@@ -31,7 +31,7 @@ void change(const session &run, const std::string &what, const std::function<int
 {
     run.confirm("This sets the " + what + ".");
     record answer;
-    answer.add("answer", "Answer", run.answer("set the " + what, call));
+    answer.add("answer", "Answer", run.call_for_value("set the " + what, call));
     answer.show(run);
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The status of a configuration call, as a text and as a failure.
 #pragma once
 
 #include "frame/session.hpp"

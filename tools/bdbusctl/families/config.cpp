@@ -62,12 +62,12 @@ cell read_value(const session &run, const config_key &key)
         const auto read = [&] {
             return bdbus_config_get_string(key.name, text.data(), uint32_t{text.size()});
         };
-        check_config_status(intent, run.watch(read).result);
+        check_config_status(intent, run.observe(read).result);
         return std::string(text.begin(), std::find(text.begin(), text.end(), '\0'));
     }
     const char signature[] = {key.type, '\0'};
     uint32_t value = 0;
-    check_config_status(intent, run.watch([&] { return bdbus_config_get(key.name, signature, &value); }).result);
+    check_config_status(intent, run.observe([&] { return bdbus_config_get(key.name, signature, &value); }).result);
     return key.type == 'b' ? cell(value != 0) : cell(value);
 }
 
@@ -150,7 +150,7 @@ void set(const session &run, const set_arguments &given)
     const config_key &key = find_key(given.key);
     const char signature[] = {key.type, '\0'};
     const uint32_t value = key.type == 's' ? 0 : parse_value(key, given.value);
-    const outcome seen = run.watch([&] { return bdbus_config_set(key.name, signature, &value); });
+    const outcome seen = run.observe([&] { return bdbus_config_set(key.name, signature, &value); });
     check_config_status(std::string("set ") + key.name, seen.result);
     if (run.wants_json() || !run.quiet) {
         show(run, key);

@@ -4,6 +4,8 @@
 #include "frame/command.hpp"
 #include "names/hpm1-names.hpp"
 
+#include <bdbus/upgrade_agent.h>
+
 #include <array>
 #include <optional>
 
@@ -13,18 +15,9 @@ namespace bdbusctl
 namespace
 {
 
-constexpr uint8_t supports_rollback = 0x02;
-constexpr uint8_t supports_deferral = 0x10;
-
-cell timeout_cell(uint8_t units)
-{
-    const unsigned seconds = units * 5U;
-    return {format("%u s", seconds), seconds};
-}
-
 void capabilities(const session &run)
 {
-    const bdbus_hpm1_target_caps_rec target = ask_capabilities(run);
+    const bdbus_hpm1_target_caps_rec target = read_capabilities(run);
     record shown;
     shown.add("hpm_version", "HPM.1 version", target.hpm_version);
     shown.add("capabilities", "Capabilities", list_cell(global_capability_names(target.global_capabilities)));
@@ -34,8 +27,7 @@ void capabilities(const session &run)
     shown.add("self_test_timeout_s", "Self-test timeout", timeout_cell(target.self_test_timeout));
     shown.add("rollback_timeout_s", "Rollback timeout", timeout_cell(target.rollback_timeout));
     shown.add("inaccessibility_timeout_s", "Inaccessible up to", timeout_cell(target.inaccessibility_timeout));
-    shown.add("components", "Components",
-              {join(component_numbers(target.components_present), ", "), component_array(target.components_present)});
+    shown.add("components", "Components", components_cell(target.components_present));
     shown.add("components_raw", "Component mask", {hex_text(target.components_present), target.components_present});
     shown.show(run);
 }
@@ -66,9 +58,8 @@ struct property_arguments {
 void declare_properties(CLI::App &command, property_arguments &given)
 {
     add_number(command, "ID", given.component, "Component number")->required();
-    add_parsed(
-        command, "SELECTOR", given.selector, parse_selector,
-        "general, current-version, description, rollback-version, deferred-version or a number; all if not given");
+    add_parsed(command, "SELECTOR", given.selector, parse_selector,
+               join({selectors.begin(), selectors.end()}, ", ") + " or a number; all if not given");
 }
 
 cell decode(uint8_t selector, const component_property &property)
@@ -106,15 +97,29 @@ void properties(const session &run, const property_arguments &given)
                    completion_name(command, property.completion_code)});
     };
     if (given.selector) {
-        add(*given.selector, need_property(run, given.component, *given.selector));
+        add(*given.selector, require_property(run, given.component, *given.selector));
     } else {
-        // The general properties tell whether there is such a component; the others may be missing.
-        add(BDBUS_HPM1_PROPERTY_GENERAL, need_property(run, given.component, BDBUS_HPM1_PROPERTY_GENERAL));
+        // Without general properties there is no such component; the others may be missing.
+        add(BDBUS_HPM1_PROPERTY_GENERAL, require_property(run, given.component, BDBUS_HPM1_PROPERTY_GENERAL));
         for (uint8_t selector = BDBUS_HPM1_PROPERTY_CURRENT_VERSION; selector < selector_count; selector++) {
-            add(selector, ask_property(run, given.component, selector));
+            add(selector, read_property(run, given.component, selector));
         }
     }
     table.show(run);
+}
+
+/** The version of a copy that only some components have; empty where there is none. */
+std::vector<uint8_t> read_copy_version(const session &run, uint8_t component, int supported, uint8_t selector)
+{
+    if (supported == 0) {
+        return {};
+    }
+    const component_property copy = read_property(run, component, selector);
+    if (!copy.available()) {
+        return {};
+    }
+    const hpm1_version version = copy.version();
+    return {version.begin(), version.end()};
 }
 
 void components(const session &run)
@@ -129,27 +134,18 @@ void components(const session &run)
                   {"deferred_version_hex"},
                   {"capabilities", "CAPABILITIES"},
                   {"capabilities_raw"}});
-    const uint8_t present = ask_capabilities(run).components_present;
-    for (uint8_t id = 0; id < target_components; id++) {
+    const uint8_t present = read_capabilities(run).components_present;
+    for (uint8_t id = 0; id < BDBUS_UPGRADE_AGENT_COMPONENTS; id++) {
         if (!(present >> id & 1)) {
             continue;
         }
-        const uint8_t general = need_property(run, id, BDBUS_HPM1_PROPERTY_GENERAL).data[0];
-        const std::string description = need_property(run, id, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
-        const version_bytes current = need_property(run, id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
-        const auto version_of_copy = [&](uint8_t supported, uint8_t selector) -> std::vector<uint8_t> {
-            if (!(general & supported)) {
-                return {};
-            }
-            const component_property copy = ask_property(run, id, selector);
-            if (!copy.available()) {
-                return {};
-            }
-            const version_bytes version = copy.version();
-            return {version.begin(), version.end()};
-        };
-        const auto rollback = version_of_copy(supports_rollback, BDBUS_HPM1_PROPERTY_ROLLBACK_VERSION);
-        const auto deferred = version_of_copy(supports_deferral, BDBUS_HPM1_PROPERTY_DEFERRED_VERSION);
+        const uint8_t general = require_property(run, id, BDBUS_HPM1_PROPERTY_GENERAL).data[0];
+        const std::string description = require_property(run, id, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
+        const hpm1_version current = require_property(run, id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
+        const auto rollback =
+            read_copy_version(run, id, general & component_has_rollback, BDBUS_HPM1_PROPERTY_ROLLBACK_VERSION);
+        const auto deferred =
+            read_copy_version(run, id, general & component_has_deferral, BDBUS_HPM1_PROPERTY_DEFERRED_VERSION);
         table.add({id, description, version_cell(current), version_hex_cell(current), version_cell(rollback),
                    version_hex_cell(rollback), version_cell(deferred), version_hex_cell(deferred),
                    list_cell(component_capability_names(general)), general});
@@ -161,7 +157,7 @@ void status(const session &run)
 {
     bdbus_hpm1_upgrade_status_rec answer{};
     run.call("read the upgrade status", [&] { return bdbus_hpm1_get_upgrade_status(&answer); });
-    need_success("read the upgrade status", hpm1_command::upgrade_status, answer.completion_code);
+    require_success("read the upgrade status", hpm1_command::upgrade_status, answer.completion_code);
 
     const auto command = static_cast<hpm1_command>(answer.command_in_progress);
     const std::string name(command_name(answer.command_in_progress));
@@ -178,7 +174,7 @@ void self_test(const session &run)
 {
     bdbus_hpm1_self_test_rec answer{};
     run.call("read the self-test results", [&] { return bdbus_hpm1_query_self_test_results(&answer); });
-    need_success("read the self-test results", hpm1_command::self_test, answer.completion_code);
+    require_success("read the self-test results", hpm1_command::self_test, answer.completion_code);
 
     const std::string name = self_test_name(answer.result1, answer.result2);
     record shown;
@@ -200,48 +196,47 @@ void rollback_status(const session &run)
         throw error;
     }
     record shown;
-    shown.add("rollback", "Rollback happened", answer.rollback_status != 0);
+    shown.add("rollback", "Rollback received_notices", answer.rollback_status != 0);
     shown.add("components", "Components",
-              {answer.rollback_status ? join(component_numbers(answer.rollback_status), ", ") : "-",
-               component_array(answer.rollback_status)});
+              answer.rollback_status != 0 ? components_cell(answer.rollback_status) : cell("-", json::array()));
     shown.hide("components_raw", answer.rollback_status);
     shown.show(run);
 }
 
-void conclude(const session &run, const std::string &intent, hpm1_command command, uint8_t completion_code)
+void show_completion(const session &run, const std::string &intent, hpm1_command command, uint8_t completion_code)
 {
     if (completion_code == BDBUS_HPM1_CC_IN_PROGRESS) {
         throw completion_failure("the target goes on with it, see bdbusctl hpm1 status", command, completion_code);
     }
-    need_success(intent, command, completion_code);
+    require_success(intent, command, completion_code);
     record shown;
     shown.add("completion_code", "Completion code", completion_cell(command, completion_code));
     shown.hide("completion_name", completion_name(command, completion_code));
     shown.show(run);
 }
 
-void give_order(const session &run, const std::string &intent, hpm1_command command,
-                int32_t (*order)(bdbus_hpm1_basic_rec *))
+void send_command(const session &run, const std::string &intent, hpm1_command command,
+                  int32_t (*send)(bdbus_hpm1_basic_rec *))
 {
     run.confirm("This tells the target to " + intent + ".");
     bdbus_hpm1_basic_rec exchange{};
-    run.call(intent, [&] { return order(&exchange); });
-    conclude(run, intent, command, exchange.completion_code);
+    run.call(intent, [&] { return send(&exchange); });
+    show_completion(run, intent, command, exchange.completion_code);
 }
 
 void activate(const session &run)
 {
-    give_order(run, "activate the uploaded firmware", hpm1_command::activate, bdbus_hpm1_activate_fw);
+    send_command(run, "activate the uploaded firmware", hpm1_command::activate, bdbus_hpm1_activate_fw);
 }
 
 void rollback(const session &run)
 {
-    give_order(run, "go back to the backup copies", hpm1_command::manual_rollback, bdbus_hpm1_init_manual_rollback);
+    send_command(run, "go back to the backup copies", hpm1_command::manual_rollback, bdbus_hpm1_init_manual_rollback);
 }
 
 void abort_upgrade(const session &run)
 {
-    give_order(run, "abort the upgrade", hpm1_command::abort, bdbus_hpm1_abort_fw_upgrade);
+    send_command(run, "abort the upgrade", hpm1_command::abort, bdbus_hpm1_abort_fw_upgrade);
 }
 
 struct action_arguments {
@@ -274,7 +269,7 @@ void action(const session &run, const action_arguments &given)
     exchange.components = given.mask;
     exchange.action = given.action;
     run.call(intent, [&] { return bdbus_hpm1_init_upgrade_action(&exchange); });
-    conclude(run, intent, hpm1_command::action, exchange.completion_code);
+    show_completion(run, intent, hpm1_command::action, exchange.completion_code);
 }
 
 } // namespace
@@ -287,7 +282,7 @@ void add_hpm1(CLI::App &program, session &run)
     hpm1.verb("components", "Show all components with versions and capabilities", components);
     hpm1.verb("status", "Show how the last long command stands", status);
     hpm1.verb("self-test", "Show the self-test results", self_test);
-    hpm1.verb("rollback-status", "Show whether a rollback happened", rollback_status);
+    hpm1.verb("rollback-status", "Show whether a rollback received_notices", rollback_status);
     hpm1.verb("activate", "Activate what was uploaded", activate);
     hpm1.verb("rollback", "Go back to the backup copies", rollback);
     hpm1.verb("abort", "Abort the upgrade that the target is in", abort_upgrade);

@@ -21,7 +21,7 @@ namespace
 {
 
 /** A pipe would keep the program waiting, and a device is not what is meant. */
-void need_regular(const std::string &intent, const std::string &path)
+void require_regular(const std::string &intent, const std::string &path)
 {
     std::error_code absent;
     const auto status = std::filesystem::status(path, absent);
@@ -32,7 +32,7 @@ void need_regular(const std::string &intent, const std::string &path)
 
 std::string read_regular(const std::string &path, uint64_t largest)
 {
-    need_regular("cannot read ", path);
+    require_regular("cannot read ", path);
     try {
         const bool fits = std::filesystem::file_size(path) <= largest;
         std::string content = fits ? bdbus_tools::read_file(path, static_cast<size_t>(largest)) : "";
@@ -47,7 +47,7 @@ std::string read_regular(const std::string &path, uint64_t largest)
 
 void write_regular(const std::string &path, std::string_view content)
 {
-    need_regular("cannot write ", path);
+    require_regular("cannot write ", path);
     try {
         bdbus_tools::write_file(path, content);
     } catch (const std::system_error &error) {
@@ -63,14 +63,14 @@ std::array<uint8_t, 2> parse_short_version(const std::string &text)
 
 uint8_t parse_timeout(const std::string &text)
 {
-    const uint64_t seconds = parse_number(text, 0, UINT8_MAX * hpm1_image::timeout_unit_s);
-    return static_cast<uint8_t>((seconds + hpm1_image::timeout_unit_s - 1) / hpm1_image::timeout_unit_s);
+    const uint64_t seconds = parse_number(text, 0, UINT8_MAX * hpm1_timeout_unit_s);
+    return static_cast<uint8_t>((seconds + hpm1_timeout_unit_s - 1) / hpm1_timeout_unit_s);
 }
 
 uint32_t parse_time(const std::string &text)
 {
     tm date{};
-    if (const char *end = strptime(text.c_str(), date_format, &date); end && !*end) {
+    if (const char *end = strptime(text.c_str(), date_format, &date); end != nullptr && *end == '\0') {
         return static_cast<uint32_t>(timegm(&date));
     }
     return static_cast<uint32_t>(parse_number(text, 0, UINT32_MAX));
@@ -79,7 +79,12 @@ uint32_t parse_time(const std::string &text)
 uint32_t default_time()
 {
     const char *reproducible = getenv("SOURCE_DATE_EPOCH");
-    return reproducible ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
+    return reproducible != nullptr ? parse_time(reproducible) : static_cast<uint32_t>(time(nullptr));
+}
+
+uint8_t parse_component_number(const std::string &text)
+{
+    return static_cast<uint8_t>(parse_number(text, 0, BDBUS_UPGRADE_AGENT_COMPONENTS - 1));
 }
 
 /** Hex is a mask, decimal a list of component numbers. */
@@ -90,7 +95,7 @@ uint8_t parse_components(const std::string &text)
     }
     uint8_t mask = 0;
     for (const auto &number : CLI::detail::split(text, ',')) {
-        mask = static_cast<uint8_t>(mask | 1U << parse_number(number, 0, 7));
+        mask = static_cast<uint8_t>(mask | 1U << parse_component_number(number));
     }
     return mask;
 }
@@ -98,7 +103,7 @@ uint8_t parse_components(const std::string &text)
 struct component_source {
     uint8_t id = 0;
     std::string file;
-    std::optional<hpm1_image::version> version;
+    std::optional<hpm1_version> version;
     std::string description;
 };
 
@@ -112,7 +117,7 @@ component_source parse_component(std::string text)
     if (id_end == std::string::npos) {
         throw std::invalid_argument("'" + one_line(text) + "' is not ID=FILE[,version=V][,description=TEXT]");
     }
-    source.id = static_cast<uint8_t>(parse_number(text.substr(0, id_end), 0, 7));
+    source.id = parse_component_number(text.substr(0, id_end));
     const auto cut = [&text](const std::string &key) {
         const size_t start = text.rfind("," + key + "=");
         if (start == std::string::npos) {
@@ -139,8 +144,6 @@ component_source parse_component(std::string text)
     }
     return source;
 }
-
-constexpr uint8_t self_test_capability = 0x01;
 
 /** The identity is that of the simulated controller unless given. */
 struct create_arguments {
@@ -197,6 +200,15 @@ void declare_create(CLI::App &command, create_arguments &given)
     command.add_flag("--prepend-version", given.prepend_version, "Put the six version bytes before each firmware");
 }
 
+component_source require_component(const std::string &text)
+{
+    try {
+        return parse_component(text);
+    } catch (const std::invalid_argument &reason) {
+        throw failure(std::string("--component: ") + reason.what(), exit_status::usage);
+    }
+}
+
 std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
 {
     std::vector<hpm1_image::payload> payloads;
@@ -204,13 +216,8 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
     constexpr uint64_t around_payloads = uint64_t{128} * 1024; // header, OEM data and records, generously
     uint64_t room = UINT32_MAX - around_payloads;
     for (const auto &text : given.components) {
-        component_source source;
-        try {
-            source = parse_component(text);
-        } catch (const std::invalid_argument &reason) {
-            throw failure(std::string("--component: ") + reason.what(), exit_status::usage);
-        }
-        if (mask >> source.id & 1) {
+        const component_source source = require_component(text);
+        if ((mask >> source.id & 1) != 0) {
             throw failure(format("--component: %u is given twice", source.id), exit_status::usage);
         }
         mask = static_cast<uint8_t>(mask | 1U << source.id);
@@ -223,7 +230,7 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
         room -= std::min<uint64_t>(room, part.data.size());
         payloads.push_back(std::move(part));
     }
-    if ((given.backup | given.prepare) & ~mask) {
+    if (((given.backup | given.prepare) & ~mask) != 0) {
         throw failure("--backup, --prepare: a component that the image does not hold", exit_status::usage);
     }
     return payloads;
@@ -247,7 +254,7 @@ report record_table(const hpm1_image::image &image)
     report table = new_record_table();
     for (const auto &record : image.records) {
         const std::string action(action_name(record.action));
-        const cell components{join(component_numbers(record.components), ", "), component_array(record.components)};
+        const cell components = components_cell(record.components);
         if (record.is_upload()) {
             table.add({record.offset, action, components, record.components, version_text(record.firmware),
                        hex_digits(record.firmware), record.description, record.data_offset, record.length});
@@ -263,10 +270,6 @@ void show_image(const session &run, const std::string &path, std::span<const uin
                 const hpm1_image::image &image)
 {
     const hpm1_image::header &head = image.head;
-    const auto timeout = [](uint8_t units) {
-        const unsigned seconds = units * hpm1_image::timeout_unit_s;
-        return cell(format("%u s", seconds), seconds);
-    };
     const report records = record_table(image);
     record shown;
     shown.add("file", "File", path);
@@ -280,14 +283,13 @@ void show_image(const session &run, const std::string &path, std::span<const uin
     shown.add("earliest", "Earliest compatible", version_text(head.earliest));
     shown.add("time", "Time stamp", {time_text(head.time), head.time});
     shown.hide("time_text", time_text(head.time));
-    shown.add("self_test", "Self test follows", (head.capabilities & self_test_capability) != 0);
+    shown.add("self_test", "Self test follows", (head.capabilities & hpm1_image::self_test_follows) != 0);
     shown.add("capabilities_raw", "Capability byte", {hex_text(head.capabilities), head.capabilities});
-    shown.add("components", "Components",
-              {join(component_numbers(head.components), ", "), component_array(head.components)});
+    shown.add("components", "Components", components_cell(head.components));
     shown.hide("components_raw", head.components);
-    shown.add("self_test_timeout_s", "Self-test timeout", timeout(head.self_test_timeout));
-    shown.add("rollback_timeout_s", "Rollback timeout", timeout(head.rollback_timeout));
-    shown.add("inaccessibility_timeout_s", "Inaccessible up to", timeout(head.inaccessibility_timeout));
+    shown.add("self_test_timeout_s", "Self-test timeout", timeout_cell(head.self_test_timeout));
+    shown.add("rollback_timeout_s", "Rollback timeout", timeout_cell(head.rollback_timeout));
+    shown.add("inaccessibility_timeout_s", "Inaccessible up to", timeout_cell(head.inaccessibility_timeout));
     shown.add("oem_bytes", "OEM data", {format("%zu B", head.oem_data.size()), head.oem_data.size()});
     const bool intact = image.faults.empty() && hpm1_image::digest_holds(file);
     shown.add("intact", "Intact", {intact ? "yes" : "no (see bdbusctl image verify)", intact, intact ? "" : "red"});
@@ -304,7 +306,7 @@ void create(const session &run, const create_arguments &given)
     hpm1_image::header head = given.head;
     head.time = given.time ? *given.time : default_time();
     if (given.self_test) {
-        head.capabilities = self_test_capability;
+        head.capabilities = hpm1_image::self_test_follows;
     }
     if (!given.oem_file.empty()) {
         const std::string content = read_regular(given.oem_file, UINT16_MAX);
@@ -315,7 +317,7 @@ void create(const session &run, const create_arguments &given)
     if (run.wants_json()) {
         show_image(run, given.output, bytes_of(file), hpm1_image::read(bytes_of(file)));
     } else {
-        run.say(format("%s: %zu bytes", given.output.c_str(), file.size()));
+        run.remark(format("%s: %zu bytes", given.output.c_str(), file.size()));
     }
 }
 
@@ -356,13 +358,31 @@ const char *integrity_name(int32_t result)
 int32_t check_integrity(const session &run, const std::string &path)
 {
     return run
-        .watch([&] {
+        .observe([&] {
             auto *context = bdbus_upgrade_agent_initialization(path.c_str());
             const int32_t result = bdbus_upgrade_agent_validate_image_integrity(context);
             bdbus_upgrade_agent_end(context);
             return result;
         })
         .result;
+}
+
+failure image_failure(const std::string &path, int32_t integrity, const std::vector<hpm1_image::fault> &found)
+{
+    std::vector<std::string> reasons;
+    if (integrity != 0) {
+        reasons.push_back(format("%s (%d)", integrity_name(integrity), integrity));
+    }
+    json faults = json::array();
+    for (const auto &fault : found) {
+        reasons.push_back(fault_text(fault));
+        faults.push_back({{"offset", fault.offset}, {"message", fault.text}});
+    }
+    failure error(path + ": " + join(reasons, "; "));
+    error.error["integrity"] = integrity;
+    error.error["integrity_name"] = integrity_name(integrity);
+    error.error["faults"] = std::move(faults);
+    return error;
 }
 
 /** What the upgrade itself would refuse, and what our own walk finds in all records. */
@@ -372,20 +392,7 @@ void verify(const session &run, const file_argument &given)
     const hpm1_image::image image = hpm1_image::read(bytes_of(file));
     const int32_t integrity = check_integrity(run, given.path);
     if (integrity != 0 || !image.faults.empty()) {
-        std::vector<std::string> reasons;
-        if (integrity != 0) {
-            reasons.push_back(format("%s (%d)", integrity_name(integrity), integrity));
-        }
-        json faults = json::array();
-        for (const auto &fault : image.faults) {
-            reasons.push_back(fault_text(fault));
-            faults.push_back({{"offset", fault.offset}, {"message", fault.text}});
-        }
-        failure error(given.path + ": " + join(reasons, "; "));
-        error.error["integrity"] = integrity;
-        error.error["integrity_name"] = integrity_name(integrity);
-        error.error["faults"] = std::move(faults);
-        throw error;
+        throw image_failure(given.path, integrity, image.faults);
     }
     record shown;
     shown.add("file", "File", given.path);
@@ -395,7 +402,7 @@ void verify(const session &run, const file_argument &given)
     if (run.wants_json()) {
         shown.show(run);
     } else {
-        run.say(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), file.size(), image.records.size()));
+        run.remark(format("%s: intact, %zu bytes, %zu records", given.path.c_str(), file.size(), image.records.size()));
     }
 }
 

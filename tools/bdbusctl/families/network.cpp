@@ -148,14 +148,14 @@ void check_status(const std::string &intent, int32_t status, const std::string &
 
 void call(const session &run, const std::string &intent, const std::function<int32_t()> &function)
 {
-    const int32_t status = run.watch(function).result;
+    const int32_t status = run.observe(function).result;
     check_status(intent, status, status_text(status));
 }
 
 std::vector<std::string> node_names(const session &run)
 {
     bnetwork_node_list list = {};
-    const int32_t status = run.watch([&] { return bnetwork_nodes_list_get(&list); }).result;
+    const int32_t status = run.observe([&] { return bnetwork_nodes_list_get(&list); }).result;
     const bool unreadable = status == BDBUS_NETWORK_NO_LIST;
     check_status("list the nodes", status, unreadable ? "what the service says is no list" : status_text(status));
     std::vector<std::string> names(list.names, list.names + list.count);
@@ -176,7 +176,7 @@ int32_t read_text(const char *node, const char *key, json &value)
 {
     char *text = nullptr;
     const int32_t status = bnetwork_property_get(node, key, "s", &text);
-    value = text ? text : "";
+    value = text != nullptr ? text : "";
     free(text);
     return status;
 }

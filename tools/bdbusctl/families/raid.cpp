@@ -16,11 +16,11 @@ namespace
 
 // ---- queries
 
-template <class query>
-auto ask(const session &run, const std::string &intent, query call)
+template <class function>
+auto query(const session &run, const std::string &intent, function call)
 {
     decltype(call()) found{};
-    run.answer(intent, [&] {
+    run.call_for_value(intent, [&] {
         found = call();
         return 0;
     });
@@ -119,23 +119,23 @@ void declare_vd(CLI::App &command, vd_arguments &given)
 void virtual_drives(const session &run, const vd_arguments &given)
 {
     if (given.brief) {
-        const auto found = ask(run, "list the virtual drives", bdbus_storectrl_get_virtual_drive_list);
+        const auto found = query(run, "list the virtual drives", bdbus_storectrl_get_virtual_drive_list);
         show_drives(run, found, found.vd_ids);
     } else {
-        const auto found = ask(run, "list the virtual drives", bdbus_storectrl_get_vd_list_w_progress_status);
+        const auto found = query(run, "list the virtual drives", bdbus_storectrl_get_vd_list_w_progress_status);
         show_progress(run, found, found.vd_ids);
     }
 }
 
 void physical_drives(const session &run)
 {
-    const auto found = ask(run, "list the physical drives", bdbus_storectrl_get_pd_list_w_progress_status);
+    const auto found = query(run, "list the physical drives", bdbus_storectrl_get_pd_list_w_progress_status);
     show_progress(run, found, found.pd_ids);
 }
 
 void unconfigured(const session &run)
 {
-    const auto found = ask(run, "list the unconfigured drives", bdbus_storectrl_get_unconfig_drive_list);
+    const auto found = query(run, "list the unconfigured drives", bdbus_storectrl_get_unconfig_drive_list);
     show_drives(run, found, found.pd_ids);
 }
 
@@ -146,7 +146,7 @@ const column column4{"column4", "COLUMN 4", true};
 
 void groups(const session &run)
 {
-    const auto found = ask(run, "list the drive groups", bdbus_storectrl_get_drive_group_list);
+    const auto found = query(run, "list the drive groups", bdbus_storectrl_get_drive_group_list);
     const std::vector heads{found.head1, found.head2, found.head3};
     show(run, numbered_heads(heads, found.status), "groups",
          table_of(*std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4}, found.column1,
@@ -155,7 +155,7 @@ void groups(const session &run)
 
 void spares(const session &run)
 {
-    const auto found = ask(run, "list the hot spares", bdbus_storectrl_get_hot_spare_drive_list);
+    const auto found = query(run, "list the hot spares", bdbus_storectrl_get_hot_spare_drive_list);
     const std::vector heads{found.head1, found.head2, found.head3};
     show(run, numbered_heads(heads, found.status), "drives",
          table_of(*std::max_element(heads.begin(), heads.end()), {{"id", "ID", true}, column1, column2}, found.pd_ids,
@@ -164,7 +164,7 @@ void spares(const session &run)
 
 void levels(const session &run)
 {
-    const auto found = ask(run, "list the RAID levels", bdbus_storectrl_get_available_raid_level);
+    const auto found = query(run, "list the RAID levels", bdbus_storectrl_get_available_raid_level);
     const std::vector heads{found.head1, found.head2};
     show(run, numbered_heads(heads, found.status), "levels",
          table_of(*std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4}, found.column1,
@@ -183,14 +183,15 @@ void add_field(CLI::App &command, const std::string &name, number &field)
 template <size_t room>
 void add_text(CLI::App &command, char (&field)[room])
 {
-    const auto take = [&field](const std::string &text) {
+    const auto store = [&field](const std::string &text) {
         if (text.size() > room) {
             throw failure(format("--text: longer than %zu bytes", room), exit_status::usage);
         }
         std::fill(std::begin(field), std::end(field), '\0');
         std::copy(text.begin(), text.end(), std::begin(field));
     };
-    command.add_option_function<std::string>("--text", take, format("Text of at most %zu bytes (default empty)", room))
+    command
+        .add_option_function<std::string>("--text", store, format("Text of at most %zu bytes (default empty)", room))
         ->type_name("TEXT");
 }
 
@@ -215,7 +216,7 @@ template <class number, size_t capacity>
 CLI::Option *add_ids(CLI::App &command, const std::string &name, uint8_t &count, number (&ids)[capacity],
                      const std::string &description)
 {
-    const auto take = [&count, &ids, name](const std::vector<std::string> &texts) {
+    const auto store = [&count, &ids, name](const std::vector<std::string> &texts) {
         if (texts.size() > capacity) {
             throw failure(format("%s: more than %zu", name.c_str(), capacity), exit_status::usage);
         }
@@ -227,7 +228,7 @@ CLI::Option *add_ids(CLI::App &command, const std::string &name, uint8_t &count,
             throw failure(name + ": " + reason.what(), exit_status::usage);
         }
     };
-    return command.add_option_function<std::vector<std::string>>(name, take, description)->type_name("");
+    return command.add_option_function<std::vector<std::string>>(name, store, description)->type_name("");
 }
 
 void declare_min_pd(CLI::App &command, bdbus_storectrl_min_pd &given)
@@ -238,7 +239,8 @@ void declare_min_pd(CLI::App &command, bdbus_storectrl_min_pd &given)
 
 void min_pd(const session &run, const bdbus_storectrl_min_pd &given)
 {
-    const auto found = ask(run, "ask for the drives needed", [&] { return bdbus_storectrl_get_min_pd_needed(given); });
+    const auto found =
+        query(run, "ask for the drives needed", [&] { return bdbus_storectrl_get_min_pd_needed(given); });
     record shown;
     shown.add("min_pd", "Drives needed", found.min_pd);
     shown.add("status", "Status", found.status);
@@ -256,7 +258,7 @@ void declare_max_size(CLI::App &command, bdbus_storectrl_max_size &given)
 void max_size(const session &run, const bdbus_storectrl_max_size &given)
 {
     const auto found =
-        ask(run, "ask for the largest size", [&] { return bdbus_storectrl_get_max_available_size(given); });
+        query(run, "ask for the largest size", [&] { return bdbus_storectrl_get_max_available_size(given); });
     record shown;
     shown.add("max_size", "Largest size", found.max_size);
     shown.add("status", "Status", found.status);
@@ -266,9 +268,9 @@ void max_size(const session &run, const bdbus_storectrl_max_size &given)
 void declare_oob_state(CLI::App &command, bdbus_storectrl_oob_init &given)
 {
     const auto parse = [](const std::string &text) {
-        const bool negative = text.starts_with("-");
-        const auto size = static_cast<int64_t>(parse_number(text.substr(negative), 0, uint64_t{INT32_MAX} + negative));
-        return negative ? -size : size;
+        const size_t sign = text.starts_with("-") ? 1 : 0;
+        const auto size = static_cast<int64_t>(parse_number(text.substr(sign), 0, INT32_MAX + uint64_t{sign}));
+        return sign != 0 ? -size : size;
     };
     add_parsed(command, "--param", given.param, parse, "Its meaning is the service's (default 0)")->type_name("N");
     add_text(command, given.text);
@@ -276,8 +278,8 @@ void declare_oob_state(CLI::App &command, bdbus_storectrl_oob_init &given)
 
 void oob_state(const session &run, const bdbus_storectrl_oob_init &given)
 {
-    const auto found = ask(run, "ask for the out-of-band initialization",
-                           [&] { return bdbus_storectrl_get_ctrl_oob_init_state(given); });
+    const auto found = query(run, "ask for the out-of-band initialization",
+                             [&] { return bdbus_storectrl_get_ctrl_oob_init_state(given); });
     record shown;
     shown.add("state", "State", found.state);
     shown.add("status", "Status", found.status);
@@ -288,7 +290,7 @@ struct vd_field {
     const char *key;
     const char *label;
     uint8_t bdbus_storectrl_vd::*place;
-    bool told = true; // of an existing drive
+    bool reported = true; // of an existing drive
 };
 
 constexpr vd_field vd_fields[] = {
@@ -316,11 +318,11 @@ void declare_vd_info(CLI::App &command, bdbus_storectrl_vd_query &given)
 void vd_info(const session &run, const bdbus_storectrl_vd_query &given)
 {
     const auto found =
-        ask(run, "ask for the virtual drive", [&] { return bdbus_storectrl_get_virtual_drive_info(given); });
+        query(run, "ask for the virtual drive", [&] { return bdbus_storectrl_get_virtual_drive_info(given); });
     record shown;
     shown.add("size", "Size", found.size);
     for (const vd_field &field : vd_fields) {
-        if (field.told) {
+        if (field.reported) {
             shown.add(field.key, field.label, found.*field.place);
         }
     }
@@ -341,7 +343,7 @@ void vd_info(const session &run, const bdbus_storectrl_vd_query &given)
 void operate(const session &run, const std::string &intent, const std::function<int32_t()> &call)
 {
     record shown;
-    shown.add("answer", "Answer", run.answer(intent, call));
+    shown.add("answer", "Answer", run.call_for_value(intent, call));
     shown.show(run);
 }
 
@@ -394,7 +396,7 @@ void declare_locate(CLI::App &command, locate_arguments &given)
         ->type_name("")
         ->check(CLI::IsMember({"start", "stop"}))
         ->required();
-    const auto take = [&given](const std::vector<std::string> &texts) {
+    const auto store = [&given](const std::vector<std::string> &texts) {
         try {
             std::transform(texts.begin(), texts.end(), std::back_inserter(given.entries), parse_entry);
         } catch (const std::invalid_argument &reason) {
@@ -402,7 +404,7 @@ void declare_locate(CLI::App &command, locate_arguments &given)
         }
     };
     command
-        .add_option_function<std::vector<std::string>>("DRIVE", take,
+        .add_option_function<std::vector<std::string>>("DRIVE", store,
                                                        "ID or ID=VALUE; the meaning of VALUE is the service's")
         ->type_name("")
         ->required();

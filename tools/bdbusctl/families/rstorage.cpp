@@ -94,32 +94,32 @@ cell read_value(const session &run, int32_t disk, const disk_value<text_getter> 
     return {text[0] == '\0' ? "-" : text.get(), text.get()};
 }
 
-/** Gives each value to `take`, with what is known of it. */
-template <class taker>
-void read_disk(const session &run, int32_t disk, const taker &take)
+/** Calls `visit` with each value and its description. */
+template <class visitor>
+void read_disk(const session &run, int32_t disk, const visitor &visit)
 {
     for (const auto &flag : flags) {
-        take(flag, read_value(run, disk, flag) != 0);
+        visit(flag, read_value(run, disk, flag) != 0);
     }
     for (const auto &code : codes) {
-        take(code, read_value(run, disk, code));
+        visit(code, read_value(run, disk, code));
     }
     for (const auto &text : texts) {
-        take(text, read_value(run, disk, text));
+        visit(text, read_value(run, disk, text));
     }
 }
 
 bool has_disk(const session &run, int32_t disk)
 {
     uint8_t active = 0;
-    const outcome seen = run.watch([&] { return bdbus_rstorage_disk_get_active_st(disk, &active); });
+    const outcome seen = run.observe([&] { return bdbus_rstorage_disk_get_active_st(disk, &active); });
     if (seen.result < 0 && seen.result != -EBADR) {
         throw failed_call(format("cannot read disk %d", disk), seen);
     }
     return seen.result == 0;
 }
 
-void need_disk(const session &run, int32_t disk)
+void require_disk(const session &run, int32_t disk)
 {
     if (!has_disk(run, disk)) {
         throw failure(format("no such disk: %d", disk));
@@ -183,7 +183,7 @@ void declare_show(CLI::App &command, show_arguments &given)
 void show(const session &run, const show_arguments &given)
 {
     const int32_t disk = number_of(given);
-    need_disk(run, disk);
+    require_disk(run, disk);
     record shown;
     const auto add = [&shown](const auto &which, const cell &value) {
         shown.add(which.key, which.label, value);
@@ -210,7 +210,7 @@ void status(const session &run, const status_arguments &given)
 {
     const int32_t disk = number_of(given);
     int32_t answer = 0;
-    need_disk(run, disk);
+    require_disk(run, disk);
     run.call(format("ask for the status of disk %d", disk),
              [&] { return bdbus_rstorage_disk_get_status(disk, given.question, &answer); });
     record shown;
@@ -225,7 +225,7 @@ template <class action>
 record act(const session &run, const disk_argument &given, const std::string &intent, const action &call)
 {
     int32_t result = 0;
-    need_disk(run, number_of(given));
+    require_disk(run, number_of(given));
     run.call(intent, [&] { return call(number_of(given), &result); });
     record shown;
     shown.add("result", "Result", result);
@@ -338,7 +338,7 @@ void gadget(const session &run, const gadget_arguments &given)
     }
     const std::string intent = format("%s the gadget of disk %u", given.action.c_str(), given.disk);
     act(run, given, intent, [&](int32_t disk, int32_t *result) {
-        return starts ? bdbus_rstorage_disk_gadget_start(disk, given.byte.value_or(0), given.flag, result)
+        return starts ? bdbus_rstorage_disk_gadget_start(disk, given.byte.value_or(0), given.flag ? 1 : 0, result)
                       : bdbus_rstorage_disk_gadget_stop(disk, result);
     }).show(run);
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace bdbusctl
 {
@@ -26,12 +27,12 @@ namespace
 struct announcements {
     std::mutex lock;
     std::bitset<UINT16_MAX + 1> ids;       // of the sensors whose reading is known
-    std::vector<bdbus_sdr_record> records; // for whoever takes them
-    bool kept = false;                     // whether somebody does
+    std::vector<bdbus_sdr_record> records; // for a watch
+    bool kept = false;                     // whether there is one
 
     void add(const bdbus_sdr_record &record)
     {
-        constexpr size_t most = 100'000; // while nobody takes the output
+        constexpr size_t most = 100'000; // while nobody reads the output
         const std::scoped_lock held(lock);
         ids.set(record.record_id);
         if (kept && records.size() < most) {
@@ -42,6 +43,11 @@ struct announcements {
     {
         const std::scoped_lock held(lock);
         ids.set(id);
+    }
+    std::vector<bdbus_sdr_record> collect()
+    {
+        const std::scoped_lock held(lock);
+        return std::exchange(records, {});
     }
     bool has(uint16_t id)
     {
@@ -56,13 +62,13 @@ announcements &announced()
     return *readings;
 }
 
-/** The service gives the records; readings and what else was set since are heard of only as they are announced. */
+/** The service hands out records; readings, and what else was set since, become known only by announcements. */
 outcome open_repository(const session &run, std::chrono::seconds listening = {})
 {
     bdbus_sdr_set_reading_and_event_status_callback = [](bdbus_sdr_record *record) {
         announced().add(*record);
     };
-    outcome seen = run.watch(bdbus_sdr_init);
+    outcome seen = run.observe(bdbus_sdr_init);
     if (seen.result < 0) {
         throw failed_call("cannot open the sensor repository", seen);
     }
@@ -140,7 +146,7 @@ void add_row(report &table, const sensor &shown)
 
 void explain_nominal(const session &run)
 {
-    run.say(
+    run.remark(
         "Readings without a state are the records' nominal ones until the service announces others; bdbusctl sdr watch "
         "follows them.");
 }
@@ -217,17 +223,16 @@ void add_hysteresis(record &fields, const sensor &shown)
 
 void add_events(record &fields, const sensor &shown)
 {
+    const auto add_mask = [&](const std::string &key, const std::string &label, uint16_t mask) {
+        const auto names = shown.event_names(mask);
+        const std::string raw = format("0x%04x", mask);
+        fields.add(key.c_str(), label.c_str(), {names.empty() ? raw : raw + " (" + join(names, ", ") + ")", mask});
+        fields.hide((key + "_names").c_str(), names);
+    };
     const auto add = [&](const std::string &key, const std::string &label, const bdbus_sdr_event &event) {
-        const auto add_mask = [&](const char *which, const char *title, uint16_t mask) {
-            const auto names = shown.event_names(mask);
-            const std::string raw = format("0x%04x", mask);
-            fields.add((key + which).c_str(), (label + title).c_str(),
-                       {names.empty() ? raw : raw + " (" + join(names, ", ") + ")", mask});
-            fields.hide((key + which + "_names").c_str(), names);
-        };
         fields.add((key + "_flags").c_str(), (label + " flags").c_str(), {hex_text(event.flags), event.flags});
-        add_mask("_assertions", " assertions", event.assertion_mask);
-        add_mask("_deassertions", " deassertions", event.deassertion_mask);
+        add_mask(key + "_assertions", label + " assertions", event.assertion_mask);
+        add_mask(key + "_deassertions", label + " deassertions", event.deassertion_mask);
     };
     add("enable", "Enable", shown.live().event_enable);
     add("status", "Status", shown.live().event_status);
@@ -460,6 +465,15 @@ void remove(const session &run, const delete_arguments &given)
     identity(target).show(run);
 }
 
+event announcement(const sensor &changed)
+{
+    report row = new_report();
+    add_row(row, changed);
+    return {format("%5u %-16s %s (%s)", changed.id(), changed.name().c_str(), changed.reading().text.c_str(),
+                   changed.state().text.c_str()),
+            row.to_json().front()};
+}
+
 void watch(const session &run, const watch_arguments &given)
 {
     announced().kept = true;
@@ -468,21 +482,11 @@ void watch(const session &run, const watch_arguments &given)
         throw unreadable(opened);
     }
     follow(run, given, "com.brisemont.SensorDataRepository1", [] {
-        std::vector<bdbus_sdr_record> records;
-        {
-            const std::scoped_lock held(announced().lock);
-            records.swap(announced().records);
+        std::vector<event> events;
+        for (const auto &record : announced().collect()) {
+            events.push_back(announcement(sensor(record, true)));
         }
-        std::vector<happening> lines;
-        for (const auto &record : records) {
-            const sensor changed(record, true);
-            report row = new_report();
-            add_row(row, changed);
-            lines.push_back({format("%5u %-16s %s (%s)", changed.id(), changed.name().c_str(),
-                                    changed.reading().text.c_str(), changed.state().text.c_str()),
-                             row.to_json().front()});
-        }
-        return lines;
+        return events;
     });
 }
 

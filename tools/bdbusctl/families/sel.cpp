@@ -11,6 +11,7 @@
 #include <bitset>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace bdbusctl
 {
@@ -33,13 +34,13 @@ constexpr std::array sel_completions{
 
 /** The reply of a call that succeeded and whose completion code says so. */
 template <class exchange>
-exchange ask(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange values = {})
+exchange call(const session &run, const std::string &intent, int32_t (*function)(exchange *), exchange values = {})
 {
-    if (run.call(intent, [&] { return call(&values); }) == 0) {
+    if (run.call(intent, [&] { return function(&values); }) == 0) {
         throw failure("cannot " + intent + ": the reply is empty");
     }
     const uint8_t code = values.completion_code;
-    if (code != 0) {
+    if (code != completion_success) {
         throw completion_failure("cannot " + intent, code,
                                  std::string(find_name(sel_completions, code, completion_name(code))));
     }
@@ -119,16 +120,15 @@ void add_row(report &table, const entry_bytes &entry)
 /** Adds the log's entries to the table, as far as they can be read; what stopped it is the result. */
 std::optional<failure> read_log(const session &run, report &table)
 {
-    constexpr uint8_t not_present = 0xCB;
     std::bitset<last_entry + 1> seen;
     for (uint16_t id = first_entry; id != last_entry;) {
         bdbus_sel_entry entry{};
         entry.record_id = id;
         entry.bytes_to_read = 0xFF;
         try {
-            entry = ask(run, format("read entry %u", id), bdbus_sel_get_entry, entry);
+            entry = call(run, format("read entry %u", id), bdbus_sel_get_entry, entry);
         } catch (const failure &error) {
-            const bool empty = id == first_entry && error.error.value("completion_code", 0) == not_present;
+            const bool empty = id == first_entry && error.error.value("completion_code", 0) == completion_not_present;
             return empty ? std::nullopt : std::optional(error);
         }
         const entry_bytes bytes = std::to_array(entry.data);
@@ -158,7 +158,7 @@ void info(const session &run)
 {
     constexpr std::array<std::string_view, 8> operations{"allocation-info", "reserve",    "partial-add", "delete",
                                                          "reserved-4",      "reserved-5", "reserved-6",  "overflow"};
-    const auto log = ask(run, "read the log's information", bdbus_sel_get_info);
+    const auto log = call(run, "read the log's information", bdbus_sel_get_info);
     record shown;
     shown.add("version", "Version", format("%u.%u", log.version & 0x0F, log.version >> 4));
     shown.hide("version_raw", log.version);
@@ -175,7 +175,7 @@ void info(const session &run)
 
 void alloc(const session &run)
 {
-    const auto units = ask(run, "read the allocation information", bdbus_sel_get_alloc_info);
+    const auto units = call(run, "read the allocation information", bdbus_sel_get_alloc_info);
     record shown;
     shown.add("possible_units", "Units", units.possible_units);
     shown.add("unit_bytes", "Bytes of a unit", units.unit_size);
@@ -261,7 +261,7 @@ void add(const session &run, const add_arguments &given)
     bdbus_sel_new_entry request{};
     std::copy(entry.begin(), entry.end(), request.data);
     record shown;
-    shown.add("id", "ID", ask(run, "add the entry", bdbus_sel_add_entry, request).record_id);
+    shown.add("id", "ID", call(run, "add the entry", bdbus_sel_add_entry, request).record_id);
     shown.show(run);
 }
 
@@ -274,11 +274,11 @@ void clear(const session &run)
     run.confirm("This erases all entries of the event log.");
     // A question may take long, and the reservation is lost with the next entry.
     bdbus_sel_clear_request request{};
-    request.reservation_id = ask(run, "reserve the log", bdbus_sel_reserve).reservation_id;
+    request.reservation_id = call(run, "reserve the log", bdbus_sel_reserve).reservation_id;
     std::copy_n("CLR", sizeof request.confirm, request.confirm);
     request.action = start;
     const auto give_up = std::chrono::steady_clock::now() + patience;
-    while ((ask(run, "clear the log", bdbus_sel_clear, request).erase_progress & 0x0F) != completed) {
+    while ((call(run, "clear the log", bdbus_sel_clear, request).erase_progress & 0x0F) != completed) {
         if (std::chrono::steady_clock::now() > give_up) {
             throw failure("the log is still being erased");
         }
@@ -296,39 +296,41 @@ struct notice {
 };
 
 /** The handlers get nothing of the caller's. */
-std::vector<notice> notices;
+std::vector<notice> received_notices;
 
 template <const notice &seen>
-int take(sd_bus_message * /*message*/, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_notice(sd_bus_message * /*message*/, void * /*userdata*/, sd_bus_error * /*error*/)
 {
-    notices.push_back(seen);
+    received_notices.push_back(seen);
     return 0;
 }
 
 constexpr notice almost_full{"almost-full", "the log is almost full"};
 constexpr notice cleared{"cleared", "the log was cleared"};
 constexpr notice full{"full", "the log is full"};
-constexpr bdbus_sel_callback_table handlers{take<almost_full>, take<cleared>, take<full>};
+constexpr bdbus_sel_callback_table handlers{on_notice<almost_full>, on_notice<cleared>, on_notice<full>};
+
+/** A call handles one message, of which some are not notices. */
+int32_t process_notices()
+{
+    constexpr int messages = 20;
+    int32_t result = 0;
+    for (int count = 0; count < messages && result == 0; count++) {
+        result = bdbus_sel_event_process();
+    }
+    return result;
+}
 
 void watch(const session &run, const watch_arguments &given)
 {
     bdbus_sel_event_callbacks(&handlers);
     follow(run, given, "com.brisemont.SystemEventLog1", [&run] {
-        // A call takes one message, of which some are not notices.
-        constexpr int messages = 20;
-        run.call("follow the log's notices", [] {
-            int32_t result = 0;
-            for (int count = 0; count < messages && result == 0; count++) {
-                result = bdbus_sel_event_process();
-            }
-            return result;
-        });
-        std::vector<happening> lines;
-        for (const auto &[name, text] : notices) {
-            lines.push_back({text, {{"notice", name}}});
+        run.call("follow the log's notices", process_notices);
+        std::vector<event> events;
+        for (const auto &[name, text] : std::exchange(received_notices, {})) {
+            events.push_back({text, {{"notice", name}}});
         }
-        notices.clear();
-        return lines;
+        return events;
     });
 }
 

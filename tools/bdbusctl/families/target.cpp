@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Properties and capabilities of the target, whose completion codes become failures.
 #include "families/target.hpp"
 
 #include "frame/text.hpp"
@@ -9,9 +10,9 @@
 namespace bdbusctl
 {
 
-version_bytes component_property::version() const
+hpm1_version component_property::version() const
 {
-    version_bytes version;
+    hpm1_version version;
     std::copy_n(data.begin(), version.size(), version.begin());
     return version;
 }
@@ -21,7 +22,7 @@ std::string component_property::text() const
     return one_line(std::string(data.begin(), std::find(data.begin(), data.end(), 0)));
 }
 
-component_property ask_property(const session &run, uint8_t component, uint8_t selector)
+component_property read_property(const session &run, uint8_t component, uint8_t selector)
 {
     bdbus_hpm1_component_props_rec request{};
     request.component_id = component;
@@ -33,19 +34,19 @@ component_property ask_property(const session &run, uint8_t component, uint8_t s
     return property;
 }
 
-component_property need_property(const session &run, uint8_t component, uint8_t selector)
+component_property require_property(const session &run, uint8_t component, uint8_t selector)
 {
-    const component_property property = ask_property(run, component, selector);
-    need_success(format("read property %u of component %u", selector, component), hpm1_command::component_properties,
-                 property.completion_code);
+    const component_property property = read_property(run, component, selector);
+    require_success(format("read property %u of component %u", selector, component), hpm1_command::component_properties,
+                    property.completion_code);
     return property;
 }
 
-bdbus_hpm1_target_caps_rec ask_capabilities(const session &run)
+bdbus_hpm1_target_caps_rec read_capabilities(const session &run)
 {
     bdbus_hpm1_target_caps_rec capabilities{};
     run.call("read the target's capabilities", [&] { return bdbus_hpm1_target_upgrade_caps(&capabilities); });
-    need_success("read the target's capabilities", hpm1_command::target_capabilities, capabilities.completion_code);
+    require_success("read the target's capabilities", hpm1_command::target_capabilities, capabilities.completion_code);
     return capabilities;
 }
 
@@ -54,7 +55,7 @@ failure completion_failure(const std::string &message, hpm1_command command, uin
     return completion_failure(message, code, completion_name(command, code));
 }
 
-void need_success(const std::string &intent, hpm1_command command, uint8_t code)
+void require_success(const std::string &intent, hpm1_command command, uint8_t code)
 {
     if (code != BDBUS_HPM1_CC_SUCCESS) {
         throw completion_failure("cannot " + intent, command, code);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Whole upgrades: the stages of the upgrade agent one after the other, the upload on a thread of its own.
 #include "families/upgrade-run.hpp"
 
 #include "families/config-status.hpp"
@@ -74,7 +75,7 @@ public:
         offsets_.push_back(image_.size() - hpm1_image::digest_bytes);
     }
 
-    // The result of the first stage that failed, or 0. The image's header is back in its place then.
+    /** The result of the first stage that failed, or 0. The image's header is back in its place then. */
     int32_t carry_out()
     {
         int32_t result = 0;
@@ -91,10 +92,10 @@ public:
         return result;
     }
 
-    // No further record is begun. Any thread may call it.
+    /** No further record is begun. Any thread may call it. */
     void cancel() { cancelled_ = true; }
 
-    // The component that is being uploaded, or was last. Any thread may ask.
+    /** The component that is being uploaded, or was last. Any thread may ask. */
     uint8_t component() const { return __atomic_load_n(&part_.component_id, __ATOMIC_RELAXED); }
 
 private:
@@ -108,8 +109,8 @@ private:
 };
 
 /**
- * Stops the upgrade on the target. A command that was just being sent may get there after it, so the target is told
- * again until the upload has ended.
+ * Stops the upgrade on the target. A command that was just being sent may get there after it, so the abort is
+ * repeated until the upload has ended.
  */
 class target_abort
 {
@@ -150,10 +151,10 @@ struct planned_component {
     uint8_t id = 0;
     bool upgrade = false;
     std::string description;
-    version_bytes from{};
-    version_bytes to{};
+    hpm1_version from{};
+    hpm1_version to{};
     uint32_t bytes = 0;
-    std::optional<version_bytes> now;
+    std::optional<hpm1_version> now;
 
     std::string name() const { return format("%u %s", id, description.c_str()); }
 };
@@ -169,15 +170,17 @@ private:
     void check();
     void plan();
     void upload();
+    std::vector<component_upload> planned_uploads() const;
+    static void check_abort(const target_abort &abort, const outcome &seen);
     void activate();
     void read_new_versions();
-    void conclude();
+    void show_result();
 
-    void enter(const char *name) { stage_ = name; }
+    void enter_stage(const char *name) { stage_ = name; }
     void stage(const char *name, const std::function<int32_t()> &work);
-    void judge(const outcome &seen);
+    void check_result(const outcome &seen);
     failure stage_failure(const outcome &seen) const;
-    failure give_up();
+    failure abandon();
     bool anything_to_upgrade() const { return context_->upgrade_mask != 0; }
     report component_report() const;
     json document(const char *result) const;
@@ -201,18 +204,18 @@ void upgrade::perform()
         check();
         plan();
         if (!anything_to_upgrade()) {
-            run_.say("Nothing to upgrade: the controller holds these versions already.");
+            run_.remark("Nothing to upgrade: the controller holds these versions already.");
             if (run_.wants_json()) {
                 run_.print(document("nothing-to-upgrade"));
             }
             return;
         }
-        enter("confirmation");
+        enter_stage("confirmation");
         run_.confirm("This writes new firmware to the controller.");
         upload();
         activate();
         read_new_versions();
-        conclude();
+        show_result();
     } catch (failure &error) {
         error.error["stage"] = stage_;
         error.document = document("failed");
@@ -224,14 +227,14 @@ void upgrade::check()
 {
     stage("initialization", [this] {
         context_.reset(bdbus_upgrade_agent_initialization(request_.image.c_str()));
-        return context_ ? 0 : -1;
+        return context_ != nullptr ? 0 : -1;
     });
     context_->options = static_cast<uint8_t>((run_.verbose ? BDBUS_UPGRADE_AGENT_VERBOSE : 0) |
                                              (request_.force ? BDBUS_UPGRADE_AGENT_FORCE : 0) |
                                              (request_.skip_identity ? BDBUS_UPGRADE_AGENT_SKIP_IDENTITY : 0));
     stage("integrity check", [this] { return bdbus_upgrade_agent_validate_image_integrity(context_.get()); });
-    // With the verbose option it tells about the image.
-    run_.watch([this] { return bdbus_upgrade_agent_get_hpm1_header(context_.get()) ? 0 : -1; });
+    // With the verbose option it logs what the image is.
+    run_.observe([this] { return bdbus_upgrade_agent_get_hpm1_header(context_.get()) != nullptr ? 0 : -1; });
     stage("target check", bdbus_upgrade_agent_target_check);
     stage("preparation", [this] { return bdbus_upgrade_agent_preparation_stage(context_.get()); });
     stage("pre-upgrade check", [this] { return bdbus_upgrade_agent_pre_upgrade_check(context_.get()); });
@@ -239,7 +242,7 @@ void upgrade::check()
 
 void upgrade::plan()
 {
-    enter("plan");
+    enter_stage("plan");
     records_ = hpm1_image::read({context_->image_data, context_->image_size}).records;
     for (const auto &record : records_) {
         if (!record.is_upload()) {
@@ -247,9 +250,9 @@ void upgrade::plan()
         }
         planned_component component;
         component.id = record.component();
-        component.upgrade = context_->upgrade_mask >> component.id & 1;
-        component.description = need_property(run_, component.id, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
-        component.from = need_property(run_, component.id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
+        component.upgrade = (context_->upgrade_mask >> component.id & 1) != 0;
+        component.description = require_property(run_, component.id, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
+        component.from = require_property(run_, component.id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
         component.to = record.firmware;
         component.bytes = record.length;
         components_.push_back(std::move(component));
@@ -261,17 +264,10 @@ void upgrade::plan()
 
 void upgrade::upload()
 {
-    enter("upload");
-    std::vector<component_upload> uploads;
-    for (const auto &component : components_) {
-        if (component.upgrade) {
-            uploads.push_back({component.id, component.name(), component.bytes});
-        }
-    }
-
+    enter_stage("upload");
     const held_signals signals;
     capture caught;
-    progress shown(run_, caught.original_stderr(), std::move(uploads));
+    progress shown(run_, caught.original_stderr(), planned_uploads());
     target_abort abort;
     const auto uploaded = std::make_shared<cancellable_upload>(*context_, records_);
     const background_call job([uploaded] { return uploaded->carry_out(); });
@@ -292,19 +288,36 @@ void upgrade::upload()
     const outcome seen{job.finished() ? job.result() : 0, caught.end()};
     run_.show_details(seen);
     if (!job.finished() || abort.running()) {
-        throw give_up();
+        throw abandon();
     }
-    if (abort.requested()) {
-        throw failure(abort.succeeded()
-                          ? "interrupted; the upgrade was aborted on the target"
-                          : "interrupted; aborting the upgrade on the target failed: " + join(seen.faults(), "; "));
-    }
-    judge(seen);
+    check_abort(abort, seen);
+    check_result(seen);
     context_->component_id = uploaded->component(); // the activation stage asks for it
 }
 
+std::vector<component_upload> upgrade::planned_uploads() const
+{
+    std::vector<component_upload> uploads;
+    for (const auto &component : components_) {
+        if (component.upgrade) {
+            uploads.push_back({component.id, component.name(), component.bytes});
+        }
+    }
+    return uploads;
+}
+
+void upgrade::check_abort(const target_abort &abort, const outcome &seen)
+{
+    if (abort.succeeded()) {
+        throw failure("interrupted; the upgrade was aborted on the target");
+    }
+    if (abort.requested()) {
+        throw failure("interrupted; aborting the upgrade on the target failed: " + join(seen.faults(), "; "));
+    }
+}
+
 /** The threads still use the context, so it stays. */
-failure upgrade::give_up()
+failure upgrade::abandon()
 {
     static_cast<void>(context_.release());
     return failure("interrupted, but the target does not answer: its upgrade was not aborted");
@@ -312,29 +325,29 @@ failure upgrade::give_up()
 
 void upgrade::activate()
 {
-    enter("activation");
-    run_.say("Activating...");
-    const outcome seen = run_.watch([this] { return bdbus_upgrade_agent_activation_stage(context_.get()); });
+    enter_stage("activation");
+    run_.remark("Activating...");
+    const outcome seen = run_.observe([this] { return bdbus_upgrade_agent_activation_stage(context_.get()); });
     // A rollback is no failure of the stage, but the new firmware does not run.
     if (seen.result == 0 && !seen.faults().empty()) {
         throw failed_with("activation did not succeed", join(seen.faults(), "; "));
     }
-    judge(seen);
+    check_result(seen);
 }
 
 void upgrade::read_new_versions()
 {
-    enter("new versions");
+    enter_stage("new versions");
     for (auto &component : components_) {
         try {
-            component.now = need_property(run_, component.id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
+            component.now = require_property(run_, component.id, BDBUS_HPM1_PROPERTY_CURRENT_VERSION).version();
         } catch (const failure &error) {
             run_.warn(error.what());
         }
     }
 }
 
-void upgrade::conclude()
+void upgrade::show_result()
 {
     if (run_.wants_json()) {
         run_.print(document("upgraded"));
@@ -343,16 +356,16 @@ void upgrade::conclude()
     if (!run_.quiet) {
         component_report().show_table(run_);
     }
-    run_.say("Done.");
+    run_.remark("Done.");
 }
 
 void upgrade::stage(const char *name, const std::function<int32_t()> &work)
 {
-    enter(name);
-    judge(run_.watch(work));
+    enter_stage(name);
+    check_result(run_.observe(work));
 }
 
-void upgrade::judge(const outcome &seen)
+void upgrade::check_result(const outcome &seen)
 {
     stages_.push_back({{"stage", stage_}, {"result", seen.result}});
     if (seen.result != 0) {

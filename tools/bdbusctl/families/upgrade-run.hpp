@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// One command that drives a whole upgrade.
 #pragma once
 
 #include "frame/session.hpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// upgrade: versions and state of the upgrade service, its notices, what it can be told, and whole upgrades.
+// upgrade: versions and state of the upgrade service, its notices, its settings, and whole upgrades.
 #include "families/target.hpp"
 #include "families/upgrade-run.hpp"
 #include "frame/command.hpp"
@@ -80,7 +80,7 @@ void versions(const session &run)
 cell describe(const session &run, uint8_t component)
 {
     try {
-        return need_property(run, component, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
+        return require_property(run, component, BDBUS_HPM1_PROPERTY_DESCRIPTION).text();
     } catch (const failure &) {
         return cell::none();
     }
@@ -136,7 +136,7 @@ CLI::Option *add_choice(CLI::App &command, const char *name, const thing *&targe
 
 /** The service answers with a byte of its own. */
 template <class exchange>
-void tell(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange request)
+void send_setting(const session &run, const std::string &intent, int32_t (*call)(exchange *), exchange request)
 {
     run.confirm("This tells the service to " + intent + ".");
     run.call(intent, [&] { return call(&request); });
@@ -180,7 +180,8 @@ void declare_set_flash(CLI::App &command, flash_arguments &given)
 
 void set_flash(const session &run, const flash_arguments &given)
 {
-    tell(run, format("select flash %u for the %s", given.number, given.part->name), given.part->set, {given.number, 0});
+    send_setting(run, format("select flash %u for the %s", given.number, given.part->name), given.part->set,
+                 {given.number, 0});
 }
 
 struct settable_version {
@@ -195,7 +196,7 @@ constexpr std::array settable_versions{
 
 struct version_arguments {
     const settable_version *part = nullptr;
-    version_bytes version{};
+    hpm1_version version{};
 };
 
 void declare_set_version(CLI::App &command, version_arguments &given)
@@ -208,8 +209,8 @@ void set_version(const session &run, const version_arguments &given)
 {
     bdbus_upgrade_version_update request{};
     std::copy(given.version.begin(), given.version.end(), request.version);
-    tell(run, format("set the version of the %s to %s", given.part->name, version_text(given.version).c_str()),
-         given.part->set, request);
+    send_setting(run, format("set the version of the %s to %s", given.part->name, version_text(given.version).c_str()),
+                 given.part->set, request);
 }
 
 void declare_factory_mode(CLI::App &command, uint8_t &mode)
@@ -219,7 +220,7 @@ void declare_factory_mode(CLI::App &command, uint8_t &mode)
 
 void factory_mode(const session &run, const uint8_t &mode)
 {
-    tell(run, format("take factory mode %u", mode), bdbus_upgrade_factory_mode_setting, {mode, 0});
+    send_setting(run, format("take factory mode %u", mode), bdbus_upgrade_factory_mode_setting, {mode, 0});
 }
 
 // ---- notices
@@ -248,14 +249,14 @@ void notify(const session &run, const outgoing_notice *const &given)
     run.call(intent, given->send);
     // Whatever the answer is, the bus has passed the notice on before it.
     int32_t count = 0;
-    run.watch([&count] { return bdbus_upgrade_component_count(&count); });
+    run.observe([&count] { return bdbus_upgrade_component_count(&count); });
     run.print("The notice is sent.", json{{"sent", given->name}});
 }
 
 /** The handlers get nothing of the caller's. */
-std::vector<happening> happened;
+std::vector<event> received_notices;
 
-int take_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*error*/)
+int on_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const std::string name = sd_bus_message_get_member(message);
     const void *bytes = nullptr;
@@ -265,10 +266,10 @@ int take_notice(sd_bus_message *message, void * /*userdata*/, sd_bus_error * /*e
     }
     const std::span version(static_cast<const uint8_t *>(bytes), count);
     const bool has_version = !version.empty();
-    happened.push_back({has_version ? name + " " + version_text(version) : name,
-                        {{"notice", name},
-                         {"version", has_version ? json(version_text(version)) : json(nullptr)},
-                         {"version_hex", has_version ? json(hex_digits(version)) : json(nullptr)}}});
+    received_notices.push_back({has_version ? name + " " + version_text(version) : name,
+                                {{"notice", name},
+                                 {"version", has_version ? json(version_text(version)) : json(nullptr)},
+                                 {"version_hex", has_version ? json(hex_digits(version)) : json(nullptr)}}});
     return 0;
 }
 
@@ -277,22 +278,22 @@ const bdbus_upgrade_callback_table &notice_handlers()
 {
     static const auto table = [] {
         std::array<sd_bus_message_handler_t, BDBUS_UPGRADE_SIGNALS> handlers;
-        handlers.fill(take_notice);
+        handlers.fill(on_notice);
         return std::bit_cast<bdbus_upgrade_callback_table>(handlers);
     }();
     return table;
 }
 
-/** A call takes one message, of which some are not notices: after several without one, nothing is left. */
-int32_t take_what_came()
+/** A call handles one message, of which some are not notices: after several without one, nothing is left. */
+int32_t process_notices()
 {
     constexpr int several = 20;
-    constexpr size_t many = 1000; // are shown before more are taken
+    constexpr size_t many = 1000; // are shown before more are handled
     int32_t result = 0;
-    for (int idle = 0; idle < several && happened.size() < many && result == 0; idle++) {
-        const size_t before = happened.size();
+    for (int idle = 0; idle < several && received_notices.size() < many && result == 0; idle++) {
+        const size_t before = received_notices.size();
         result = bdbus_upgrade_signal_process();
-        if (happened.size() > before) {
+        if (received_notices.size() > before) {
             idle = 0;
         }
     }
@@ -303,8 +304,8 @@ void watch(const session &run, const watch_arguments &given)
 {
     bdbus_upgrade_callbacks(&notice_handlers());
     follow(run, given, "com.brisemont.Upgrade1", [&run] {
-        run.call("follow the upgrade's notices", take_what_came);
-        return std::exchange(happened, {});
+        run.call("follow the upgrade's notices", process_notices);
+        return std::exchange(received_notices, {});
     });
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Signals that would end the program, held back until it is ready to end.
 #pragma once
 
 #include <unistd.h>

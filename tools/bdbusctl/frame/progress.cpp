@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The bar, or the lines in its place.
 #include "frame/progress.hpp"
 
 #include "frame/text.hpp"
@@ -25,7 +26,7 @@ constexpr size_t room_for_interrupt = 3;
 int find_terminal(const session &run, int original_stderr)
 {
     const char *kind = getenv("TERM");
-    if (run.quiet || run.wants_json() || !kind || std::string_view(kind) == "dumb") {
+    if (run.quiet || run.wants_json() || kind == nullptr || std::string_view(kind) == "dumb") {
         return no_terminal;
     }
     if (isatty(STDOUT_FILENO)) {
@@ -101,10 +102,10 @@ void progress::start(size_t upload)
     current_ = upload;
     fresh_ = false;
     percent_ = 0;
-    told_tenths_ = 0;
+    shown_tenths_ = 0;
     since_ = clock::now();
     if (terminal_ == no_terminal) {
-        run_.say(uploads_[upload].name + ": uploading " + size_text(uploads_[upload].bytes));
+        run_.remark(uploads_[upload].name + ": uploading " + size_text(uploads_[upload].bytes));
     }
 }
 
@@ -114,7 +115,7 @@ void progress::finish()
     const std::string line =
         format("%s: uploaded %s in %.1f s", upload.name.c_str(), size_text(upload.bytes).c_str(), elapsed_s());
     if (terminal_ == no_terminal) {
-        run_.say(line);
+        run_.remark(line);
     } else {
         dprintf(terminal_, "\r%s\033[K\n", line.c_str());
     }
@@ -125,9 +126,9 @@ void progress::draw()
     if (terminal_ != no_terminal) {
         dprintf(terminal_, "\r%s\033[K",
                 bar_line(std::max<size_t>(terminal_width(terminal_), 20) - room_for_interrupt).c_str());
-    } else if (const unsigned tenths = percent_ / 10; tenths > told_tenths_ && tenths < 10) {
-        told_tenths_ = tenths;
-        run_.say(format("%s: %u %%", uploads_[current_].name.c_str(), tenths * 10));
+    } else if (const unsigned tenths = percent_ / 10; tenths > shown_tenths_ && tenths < 10) {
+        shown_tenths_ = tenths;
+        run_.remark(format("%s: %u %%", uploads_[current_].name.c_str(), tenths * 10));
     }
 }
 

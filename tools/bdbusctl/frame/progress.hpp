@@ -50,7 +50,7 @@ private:
     bool started_ = false;
     bool fresh_ = false;
     unsigned percent_ = 0;
-    unsigned told_tenths_ = 0;
+    unsigned shown_tenths_ = 0;
     clock::time_point since_;
 };
 

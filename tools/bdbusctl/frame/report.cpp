@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Tables by libsmartcols, and the same rows as JSON.
 #include "frame/report.hpp"
 
 #include "frame/text.hpp"
@@ -21,12 +22,12 @@ struct table_unref {
 using table_pointer = std::unique_ptr<libscols_table, table_unref>;
 
 template <class pointer>
-pointer made(pointer thing)
+pointer not_null(pointer allocated)
 {
-    if (!thing) {
+    if (allocated == nullptr) {
         throw std::bad_alloc();
     }
-    return thing;
+    return allocated;
 }
 
 } // namespace
@@ -64,7 +65,7 @@ void report::show_so_far(const session &run, failure error, const char *key, jso
 
 void report::show_table(const session &run) const
 {
-    const table_pointer table(made(scols_new_table()));
+    const table_pointer table(not_null(scols_new_table()));
     const bool colored = run.wants_color();
     scols_table_enable_noheadings(table.get(), run.no_legend);
     scols_table_enable_colors(table.get(), colored);
@@ -72,17 +73,17 @@ void report::show_table(const session &run) const
     std::vector<size_t> shown;
     for (size_t index = 0; index < columns_.size(); index++) {
         const auto &[key, title, right] = columns_[index];
-        if (!title) {
+        if (title == nullptr) {
             continue;
         }
         shown.push_back(index);
-        libscols_column *made_column = made(scols_table_new_column(table.get(), title, 0, right ? SCOLS_FL_RIGHT : 0));
+        libscols_column *heading = not_null(scols_table_new_column(table.get(), title, 0, right ? SCOLS_FL_RIGHT : 0));
         if (colored) {
-            scols_cell_set_color(scols_column_get_header(made_column), "bold");
+            scols_cell_set_color(scols_column_get_header(heading), "bold");
         }
     }
     for (const auto &row : rows_) {
-        libscols_line *line = made(scols_table_new_line(table.get(), nullptr));
+        libscols_line *line = not_null(scols_table_new_line(table.get(), nullptr));
         for (size_t index = 0; index < shown.size(); index++) {
             const cell &value = row[shown[index]];
             if (scols_line_set_data(line, index, value.text.c_str()) != 0) {

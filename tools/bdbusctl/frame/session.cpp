@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// What a run prints, asks and reports.
 #include "frame/session.hpp"
 
 #include "frame/text.hpp"
@@ -16,7 +17,8 @@ bool session::wants_color() const
 {
     const char *no_color = getenv("NO_COLOR");
     const char *terminal = getenv("TERM");
-    return isatty(STDOUT_FILENO) && (!no_color || !*no_color) && terminal && strcmp(terminal, "dumb") != 0;
+    const bool allowed = no_color == nullptr || *no_color == '\0';
+    return allowed && isatty(STDOUT_FILENO) != 0 && terminal != nullptr && strcmp(terminal, "dumb") != 0;
 }
 
 void session::print(const std::string &line, const json &document) const
@@ -34,7 +36,7 @@ void session::print(const json &document) const
     puts(escape_controls(document.dump(indent, ' ', false, json::error_handler_t::replace)).c_str());
 }
 
-void session::say(const std::string &line) const
+void session::remark(const std::string &line) const
 {
     if (quiet || wants_json()) {
         return;
@@ -67,25 +69,25 @@ void session::confirm(const std::string &question) const
     }
 }
 
-outcome session::watch(const std::function<int32_t()> &call) const
+outcome session::observe(const std::function<int32_t()> &call) const
 {
-    outcome seen = observe(call);
+    outcome seen = bdbusctl::observe(call);
     show_details(seen);
     return seen;
 }
 
 int32_t session::call(const std::string &intent, const std::function<int32_t()> &call) const
 {
-    const outcome seen = watch(call);
+    const outcome seen = observe(call);
     if (seen.result < 0) {
         throw failed_call("cannot " + intent, seen);
     }
     return seen.result;
 }
 
-int32_t session::answer(const std::string &intent, const std::function<int32_t()> &call) const
+int32_t session::call_for_value(const std::string &intent, const std::function<int32_t()> &call) const
 {
-    const outcome seen = watch(call);
+    const outcome seen = observe(call);
     if (!seen.faults().empty()) {
         throw failed_call("cannot " + intent, seen);
     }

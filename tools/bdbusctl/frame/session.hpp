@@ -49,22 +49,20 @@ struct session {
     void print(const json &document) const;
 
     /** A remark for people: not with --quiet, not in JSON. */
-    void say(const std::string &line) const;
-    /** The same on stderr, also in JSON. */
+    void remark(const std::string &line) const;
+    /** A line on stderr, whatever the output is. */
     void warn(const std::string &line) const;
 
     /** Asks whether to go on; returns only with a yes. */
     void confirm(const std::string &question) const;
 
-    /** Calls the library and shows with --verbose what it said. */
-    outcome watch(const std::function<int32_t()> &call) const;
+    /** Calls the library, and shows with --verbose what it reports. */
+    outcome observe(const std::function<int32_t()> &call) const;
     /** The same for a call whose negative result is a failure: "cannot <intent>: <reason>". */
     int32_t call(const std::string &intent, const std::function<int32_t()> &call) const;
-    /**
-     * The same for a call that hands on the service's own number, and answers 0 when it fails: only the line that it
-     * prints tells that.
+    /** The same for a call whose result is the service's own number: when it fails, that is 0 and a fault is reported.
      */
-    int32_t answer(const std::string &intent, const std::function<int32_t()> &call) const;
+    int32_t call_for_value(const std::string &intent, const std::function<int32_t()> &call) const;
     void show_details(const outcome &seen) const;
 
     void report(const failure &error) const;

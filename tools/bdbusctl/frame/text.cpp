@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Text put together, made harmless and parsed.
 #include "frame/text.hpp"
 
 #include <array>
@@ -33,12 +34,17 @@ std::string format_list(const char *pattern, va_list arguments)
     return result;
 }
 
+namespace
+{
+
 /** U+0080 to U+009F, control characters of two bytes. */
-static bool is_long_control(std::string_view text)
+bool is_long_control(std::string_view text)
 {
     const auto second = static_cast<unsigned char>(text.size() < 2 ? 0 : text[1]);
     return text.starts_with('\xC2') && second >= 0x80 && second < 0xA0;
 }
+
+} // namespace
 
 std::string one_line(std::string_view text)
 {

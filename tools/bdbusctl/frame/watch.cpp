@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Events are asked for ten times a second; between that, signals and the end of the bus are looked for.
 #include "frame/watch.hpp"
 
 #include "common/bus.hpp"
@@ -15,7 +16,7 @@ namespace
 {
 
 /**
- * Whether the bus and a service are still there. The library's calls do not tell, so this is a connection beside it.
+ * Whether the bus and a service are still there. The library does not report that, so this has a connection of its own.
  */
 class presence
 {
@@ -27,16 +28,16 @@ public:
         bus_.reset(bus);
         const std::string rule =
             format("type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='%s'", service);
-        need(opened < 0 ? opened : sd_bus_add_match(bus, nullptr, rule.c_str(), on_owner_changed, this));
+        require(opened < 0 ? opened : sd_bus_add_match(bus, nullptr, rule.c_str(), on_owner_changed, this));
         // Whether it was there when the match was made.
         const int found = sd_bus_get_name_creds(bus, service, 0, nullptr);
         gone_ = found == -ENXIO;
         if (!gone_) {
-            need(found);
+            require(found);
         }
     }
 
-    // Why there will be no more notices, if so.
+    /** Why there will be no more notices, if so. */
     std::optional<failure> lost()
     {
         int result = 0;
@@ -53,7 +54,7 @@ public:
     }
 
 private:
-    static void need(int result)
+    static void require(int result)
     {
         if (result < 0) {
             throw failed_with("cannot reach the bus", strerror(-result), exit_status::no_bus);
@@ -63,7 +64,7 @@ private:
     static int on_owner_changed(sd_bus_message *message, void *userdata, sd_bus_error * /*error*/)
     {
         const char *owner = nullptr;
-        if (sd_bus_message_read(message, "sss", nullptr, nullptr, &owner) >= 0 && !*owner) {
+        if (sd_bus_message_read(message, "sss", nullptr, nullptr, &owner) >= 0 && *owner == '\0') {
             static_cast<presence *>(userdata)->gone_ = true;
         }
         return 0;
@@ -74,6 +75,50 @@ private:
     bool gone_ = false;
 };
 
+/** Prints events, each with the time, until there were enough. */
+class event_printer
+{
+public:
+    event_printer(const session &run, uint64_t limit, const held_signals &signals)
+        : run_(run), limit_(limit), signals_(signals)
+    {
+        if (run.wants_json()) {
+            run_.style = json_style::compact;
+        }
+    }
+
+    /** @return whether there were enough. */
+    bool print(const std::vector<event> &events)
+    {
+        for (const event &each : events) {
+            print(each);
+            if (++printed_ == limit_) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    void print(const event &printed) const
+    {
+        const std::string now = time_text(static_cast<uint32_t>(time(nullptr)));
+        json object{{"time", now}};
+        object.update(printed.document);
+        signals_.end_during([&] {
+            run_.print(now + " " + printed.line, object);
+            if (fflush(stdout) != 0) {
+                throw failure("cannot write the output");
+            }
+        });
+    }
+
+    session run_;
+    uint64_t limit_;
+    const held_signals &signals_;
+    uint64_t printed_ = 0;
+};
+
 } // namespace
 
 void declare_watch(CLI::App &command, watch_arguments &given)
@@ -82,37 +127,22 @@ void declare_watch(CLI::App &command, watch_arguments &given)
 }
 
 void follow(const session &run, const watch_arguments &given, const char *service,
-            const std::function<std::vector<happening>()> &take)
+            const std::function<std::vector<event>()> &collect)
 {
     constexpr std::chrono::milliseconds interval{100};
-    session lines = run;
-    if (run.wants_json()) {
-        lines.style = json_style::compact;
-    }
     const held_signals signals;
+    event_printer printer(run, given.count, signals);
     std::optional<presence> watched;
     signals.end_during([&] { watched.emplace(service); });
-    uint64_t shown = 0;
     std::optional<failure> lost;
     do {
-        std::vector<happening> happenings;
-        signals.end_during([&] { happenings = take(); });
-        for (const auto &[line, document] : happenings) {
-            const std::string now = time_text(static_cast<uint32_t>(time(nullptr)));
-            json object{{"time", now}};
-            object.update(document);
-            signals.end_during([&, &text = line] {
-                lines.print(now + " " + text, object);
-                if (fflush(stdout) != 0) {
-                    throw failure("cannot write the output");
-                }
-            });
-            if (++shown == given.count) {
-                return;
-            }
+        std::vector<event> events;
+        signals.end_during([&] { events = collect(); });
+        if (printer.print(events)) {
+            return;
         }
         // What came before the end is shown before it.
-        if (lost && happenings.empty()) {
+        if (lost && events.empty()) {
             throw failure(*lost);
         }
         lost = watched->lost();

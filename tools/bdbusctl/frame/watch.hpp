@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Verbs that follow what happens: a line, or a JSON object on a line, for each thing, until there are enough of them, a
+// Verbs that follow events: a line, or a JSON object on a line, for each, until there are enough of them, a
 // signal ends the program, or the service or the bus goes.
 #pragma once
 
@@ -18,13 +18,13 @@ struct watch_arguments {
 
 void declare_watch(CLI::App &command, watch_arguments &given);
 
-struct happening {
+struct event {
     std::string line;
     json document; // an object
 };
 
-/** Asks `take` ten times a second for what has happened since; fails when the service is not on the bus. */
+/** Asks `take` ten times a second for what has received_notices since; fails when the service is not on the bus. */
 void follow(const session &run, const watch_arguments &given, const char *service,
-            const std::function<std::vector<happening>()> &take);
+            const std::function<std::vector<event>()> &collect);
 
 } // namespace bdbusctl

@@ -4,6 +4,8 @@
 //   header (34 bytes, OEM data, checksum) | action records | MD5 of all before
 #pragma once
 
+#include "names/hpm1-names.hpp"
+
 #include <array>
 #include <cstdint>
 #include <span>
@@ -15,9 +17,8 @@ namespace bdbusctl::hpm1_image
 
 inline constexpr size_t digest_bytes = 16;
 inline constexpr size_t description_bytes = 21;
-inline constexpr unsigned timeout_unit_s = 5;
-
-using version = std::array<uint8_t, 6>;
+/** A bit of the header's capabilities. */
+inline constexpr uint8_t self_test_follows = 0x01;
 
 /** In the order of the file; the header checksum follows the OEM data. */
 struct header {
@@ -28,11 +29,11 @@ struct header {
     uint32_t time = 0; // seconds since 1970
     uint8_t capabilities = 0;
     uint8_t components = 0;
-    uint8_t self_test_timeout = 0; // timeouts in units of timeout_unit_s
+    uint8_t self_test_timeout = 0; // timeouts in units of hpm1_timeout_unit_s
     uint8_t rollback_timeout = 0;
     uint8_t inaccessibility_timeout = 0;
     std::array<uint8_t, 2> earliest{};
-    version firmware{};
+    hpm1_version firmware{};
     std::vector<uint8_t> oem_data;
 };
 
@@ -41,7 +42,7 @@ struct record {
     uint8_t action = 0;
     uint8_t components = 0;
     /** Of an upload record only. */
-    version firmware{};
+    hpm1_version firmware{};
     std::string description;
     size_t data_offset = 0;
     uint32_t length = 0;
@@ -75,14 +76,14 @@ bool digest_holds(std::span<const uint8_t> file);
 
 struct payload {
     uint8_t component = 0;
-    version firmware{};
+    hpm1_version firmware{};
     std::string description;
     std::string data;
 };
 
 /**
- * An image with the header as given (but for the components, which the payloads tell), a backup and a preparation where
- * their masks are not 0, then an upload for each payload.
+ * An image with the header as given (but for the components, which are those of the payloads), a backup and a
+ * preparation where their masks are not 0, then an upload for each payload.
  */
 std::string build(header head, uint8_t backup, uint8_t prepare, const std::vector<payload> &payloads);
 

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The tables behind the names, and versions as texts.
 #include "names/hpm1-names.hpp"
 
 #include "frame/text.hpp"
 #include "names/ipmi-names.hpp"
 
-#include <bdbus/hpm1.h>
+#include <bdbus/upgrade_agent.h>
 
 #include <CLI/CLI.hpp>
 
@@ -29,26 +30,32 @@ constexpr std::array command_completions{
     command_completion{hpm1_command::component_properties, 0x83, "invalid property selector"},
     command_completion{hpm1_command::abort, 0x80, "upgrade cannot be aborted now"},
     command_completion{hpm1_command::action, 0x81, "invalid component"},
-    command_completion{hpm1_command::upload_block, 0x82, "block not taken, send it again"},
-    command_completion{hpm1_command::upload_block, 0x83, "block not taken, send it again"},
+    command_completion{hpm1_command::upload_block, BDBUS_HPM1_CC_RESEND, "block not taken, send it again"},
+    command_completion{hpm1_command::upload_block, BDBUS_HPM1_CC_RESEND_NUMBER, "block not taken, send it again"},
     command_completion{hpm1_command::finish_upload, 0x81, "number of bytes differs from the image length"},
     command_completion{hpm1_command::finish_upload, 0x82, "checksum error in the component's data"},
-    command_completion{hpm1_command::finish_upload, 0x83, "active copy does not match the upgrade image"},
-    command_completion{hpm1_command::rollback_status, 0x81, "rollback failed"},
+    command_completion{hpm1_command::finish_upload, BDBUS_HPM1_CC_COPY_DIFFERS,
+                       "active copy does not match the upgrade image"},
+    command_completion{hpm1_command::rollback_status, BDBUS_HPM1_CC_ROLLBACK_FAILED, "rollback failed"},
 };
 
+constexpr code_name named(hpm1_command command, std::string_view name)
+{
+    return {static_cast<uint8_t>(command), name};
+}
+
 constexpr std::array commands{
-    code_name{0x2E, "get target upgrade capabilities"},
-    code_name{0x2F, "get component properties"},
-    code_name{0x30, "abort firmware upgrade"},
-    code_name{0x31, "initiate upgrade action"},
-    code_name{0x32, "upload firmware block"},
-    code_name{0x33, "finish firmware upload"},
-    code_name{0x34, "get upgrade status"},
-    code_name{0x35, "activate firmware"},
-    code_name{0x36, "query self-test results"},
-    code_name{0x37, "query rollback status"},
-    code_name{0x38, "initiate manual rollback"},
+    named(hpm1_command::target_capabilities, "get target upgrade capabilities"),
+    named(hpm1_command::component_properties, "get component properties"),
+    named(hpm1_command::abort, "abort firmware upgrade"),
+    named(hpm1_command::action, "initiate upgrade action"),
+    named(hpm1_command::upload_block, "upload firmware block"),
+    named(hpm1_command::finish_upload, "finish firmware upload"),
+    named(hpm1_command::upgrade_status, "get upgrade status"),
+    named(hpm1_command::activate, "activate firmware"),
+    named(hpm1_command::self_test, "query self-test results"),
+    named(hpm1_command::rollback_status, "query rollback status"),
+    named(hpm1_command::manual_rollback, "initiate manual rollback"),
 };
 
 constexpr std::array actions{
@@ -57,14 +64,16 @@ constexpr std::array actions{
     code_name{BDBUS_HPM1_ACTION_UPLOAD, "upload"},
 };
 
+constexpr uint8_t self_test_inaccessible = 0x57;
+
 constexpr std::array self_test_results{
-    code_name{0x55, "passed"},
+    code_name{BDBUS_HPM1_SELF_TEST_PASSED, "passed"},
     code_name{0x56, "no self test on this controller"},
-    code_name{0x57, "corrupted or inaccessible data or devices"},
+    code_name{self_test_inaccessible, "corrupted or inaccessible data or devices"},
     code_name{0x58, "fatal hardware error"},
 };
 
-/** Second byte of a self test that ended with 0x57. */
+/** Second byte of a self test with that result. */
 constexpr std::array<std::string_view, 8> inaccessible_parts{
     "operational firmware corrupted", "boot block firmware corrupted", "internal use area of the FRU corrupted",
     "SDR repository empty",           "IPMB lines do not respond",     "FRU device inaccessible",
@@ -119,7 +128,7 @@ cell completion_cell(hpm1_command command, uint8_t code)
 std::string self_test_name(uint8_t result1, uint8_t result2)
 {
     std::string name(find_name(self_test_results, result1, "failed, device-specific"));
-    if (result1 == 0x57 && result2 != 0) {
+    if (result1 == self_test_inaccessible && result2 != 0) {
         name += ": " + join(bit_names(inaccessible_parts, result2), ", ");
     }
     return name;
@@ -135,31 +144,28 @@ std::vector<std::string> component_capability_names(uint8_t bits)
     return bit_names(component_capabilities, bits);
 }
 
-std::vector<std::string> component_numbers(uint8_t mask)
+cell components_cell(uint8_t mask)
 {
-    std::vector<std::string> numbers;
-    for (unsigned component = 0; component < 8; component++) {
-        if (mask >> component & 1) {
-            numbers.push_back(std::to_string(component));
-        }
-    }
-    return numbers;
-}
-
-json component_array(uint8_t mask)
-{
+    std::vector<std::string> texts;
     json numbers = json::array();
-    for (unsigned component = 0; component < 8; component++) {
-        if (mask >> component & 1) {
+    for (unsigned component = 0; component < BDBUS_UPGRADE_AGENT_COMPONENTS; component++) {
+        if ((mask >> component & 1) != 0) {
+            texts.push_back(std::to_string(component));
             numbers.push_back(component);
         }
     }
-    return numbers;
+    return {join(texts, ", "), numbers};
+}
+
+cell timeout_cell(uint8_t units)
+{
+    const unsigned seconds = units * hpm1_timeout_unit_s;
+    return {format("%u s", seconds), seconds};
 }
 
 std::string version_text(std::span<const uint8_t> version)
 {
-    constexpr size_t longest = 6;
+    constexpr size_t longest = std::tuple_size_v<hpm1_version>;
     if (version.size() < 2) {
         return hex_digits(version);
     }
@@ -171,12 +177,12 @@ std::string version_text(std::span<const uint8_t> version)
     return version.size() > longest ? text + "..." : text;
 }
 
-std::array<uint8_t, 6> parse_version(const std::string &text)
+hpm1_version parse_version(const std::string &text)
 {
     const std::vector<std::string> parts = CLI::detail::split(text, '.');
     const std::string minor = parts.size() > 1 ? parts[1] : "";
     const std::string auxiliary = parts.size() > 2 ? parts[2] : "";
-    std::array<uint8_t, 6> version{};
+    hpm1_version version{};
     const size_t auxiliary_room = 2 * (version.size() - 2);
     if (parts.size() > 3 || minor.empty() || minor.size() > 2 || auxiliary.size() % 2 != 0 ||
         auxiliary.size() > auxiliary_room ||

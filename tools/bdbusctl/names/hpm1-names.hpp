@@ -14,6 +14,16 @@
 namespace bdbusctl
 {
 
+/** Major, minor, four auxiliary bytes. */
+using hpm1_version = std::array<uint8_t, 6>;
+
+/** Timeouts are in units of so many seconds. */
+inline constexpr unsigned hpm1_timeout_unit_s = 5;
+
+/** Bits of a component's general properties. */
+inline constexpr uint8_t component_has_rollback = 0x02;
+inline constexpr uint8_t component_has_deferral = 0x10;
+
 /** The HPM.1 commands by their codes, as the upgrade status reports them. */
 enum class hpm1_command : uint8_t {
     target_capabilities = 0x2E,
@@ -42,9 +52,10 @@ std::string self_test_name(uint8_t result1, uint8_t result2);
 std::vector<std::string> global_capability_names(uint8_t bits);
 std::vector<std::string> component_capability_names(uint8_t bits);
 
-/** The numbers of the components in a mask. */
-std::vector<std::string> component_numbers(uint8_t mask);
-json component_array(uint8_t mask);
+/** The numbers of the components in a mask, in a table or an array. */
+cell components_cell(uint8_t mask);
+
+cell timeout_cell(uint8_t units);
 
 /**
  * A version as HPM.1 writes it: the minor byte holds two decimal digits; auxiliary bytes are left out when all are
@@ -58,6 +69,6 @@ cell version_cell(std::span<const uint8_t> version);
 cell version_hex_cell(std::span<const uint8_t> version);
 
 /** MAJOR.MINOR[.AUXILIARY], as version_text() writes it; std::invalid_argument says that it is not. */
-std::array<uint8_t, 6> parse_version(const std::string &text);
+hpm1_version parse_version(const std::string &text);
 
 } // namespace bdbusctl

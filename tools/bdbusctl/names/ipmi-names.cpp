@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The tables behind the names, and looking things up in them.
 #include "names/ipmi-names.hpp"
 
 #include "frame/text.hpp"
@@ -12,7 +13,7 @@ namespace
 {
 
 constexpr std::array generic_completions{
-    code_name{0x00, "success"},
+    code_name{completion_success, "success"},
     code_name{0xC0, "node busy"},
     code_name{0xC1, "invalid command"},
     code_name{0xC2, "command invalid for the logical unit"},
@@ -24,7 +25,7 @@ constexpr std::array generic_completions{
     code_name{0xC8, "request data field length limit exceeded"},
     code_name{0xC9, "parameter out of range"},
     code_name{0xCA, "cannot return the requested number of bytes"},
-    code_name{0xCB, "requested sensor, data or record not present"},
+    code_name{completion_not_present, "requested sensor, data or record not present"},
     code_name{0xCC, "invalid data field in request"},
     code_name{0xCD, "command illegal for the sensor or record type"},
     code_name{0xCE, "response could not be provided"},

@@ -25,6 +25,10 @@ std::string_view find_name(std::span<const code_name> names, uint8_t code, std::
 /** The names of the bits that are set, from bit 0 up. */
 std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits);
 
+/** Completion codes that decide what is done. */
+constexpr uint8_t completion_success = 0x00;
+constexpr uint8_t completion_not_present = 0xCB;
+
 std::string completion_name(uint8_t code);
 /** A completion code other than success, as a failure with the code and its name. */
 failure completion_failure(const std::string &message, uint8_t code, const std::string &name);

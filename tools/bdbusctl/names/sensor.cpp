@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Readings in engineering units, names in their four encodings, states by thresholds, and all fields of a record.
 #include "names/sensor.hpp"
 
 #include "frame/text.hpp"
@@ -13,6 +14,9 @@ namespace bdbusctl
 
 namespace
 {
+
+/** Of a name. */
+enum name_encoding : uint8_t { unicode, bcd_plus, packed_ascii, latin1 };
 
 constexpr uint8_t scanning_enabled = 0x40;  // of the event enables
 constexpr uint8_t state_unavailable = 0x20; // of the event status
@@ -107,6 +111,11 @@ std::string utf8_of_latin1(uint8_t character)
     return {static_cast<char>(0xC0 | character >> 6), static_cast<char>(0x80 | (character & 0x3F))};
 }
 
+void add_byte(record &shown, const char *key, const char *label, uint8_t value)
+{
+    shown.add(key, label, {hex_text(value), value});
+}
+
 } // namespace
 
 sensor::sensor(const bdbus_sdr_record &record, bool announced)
@@ -127,10 +136,26 @@ int sensor::number(size_t offset) const
     return sign_extended(byte(offset) | unsigned{bits(offset + 1, 6, 2)} << 8, 10);
 }
 
+/** The one that begins at a bit of the record; none at the end of the text. */
+std::string sensor::name_character(unsigned encoding, size_t bit) const
+{
+    const size_t place = bit / 8;
+    const unsigned above = place + 1 < BDBUS_SDR_BYTES ? byte(place + 1) : 0;
+    switch (encoding) {
+    case bcd_plus:
+        return {"0123456789 -.:,_"[bits(place, bit % 8 == 0 ? 4 : 0, 4)]};
+    case packed_ascii:
+        return {static_cast<char>(0x20 + ((byte(place) | above << 8) >> bit % 8 & 0x3F))};
+    case latin1:
+        return byte(place) == 0 ? "" : utf8_of_latin1(byte(place));
+    default:
+        return format("%02x", byte(place));
+    }
+}
+
 /** The text has a byte for type and length in characters before it. What it claims beyond the record is left out. */
 std::string sensor::name() const
 {
-    enum encoding : uint8_t { unicode, bcd_plus, packed_ascii, latin1 };
     const size_t at = byte(3) == full ? 47 : byte(3) == compact ? 31 : byte(3) == event_only ? 16 : BDBUS_SDR_BYTES - 1;
     const unsigned encoding = bits(at, 6, 2);
     const unsigned width = encoding == bcd_plus ? 4 : encoding == packed_ascii ? 6 : 8;
@@ -138,26 +163,11 @@ std::string sensor::name() const
     const size_t characters = std::min<size_t>(bits(at, 0, 5), (BDBUS_SDR_BYTES - first) * 8 / width);
     std::string text;
     for (size_t index = 0; index < characters; index++) {
-        const size_t bit = index * width;
-        const size_t place = first + bit / 8;
-        switch (encoding) {
-        case bcd_plus:
-            text += "0123456789 -.:,_"[bits(place, bit % 8 == 0 ? 4 : 0, 4)];
-            break;
-        case packed_ascii: {
-            const unsigned above = place + 1 < BDBUS_SDR_BYTES ? byte(place + 1) : 0;
-            text += static_cast<char>(0x20 + ((byte(place) | above << 8) >> bit % 8 & 0x3F));
+        const std::string character = name_character(encoding, first * 8 + index * width);
+        if (character.empty()) {
             break;
         }
-        case latin1:
-            if (byte(place) == 0) {
-                return text;
-            }
-            text += utf8_of_latin1(byte(place));
-            break;
-        default:
-            text += format("%02x", byte(place));
-        }
+        text += character;
     }
     return text;
 }
@@ -184,12 +194,13 @@ bool sensor::has_type() const
 
 bool sensor::has_threshold(size_t index) const
 {
-    return byte(3) == full && event_type() == threshold_events && record_.thresholds.readable_mask >> index & 1;
+    return byte(3) == full && event_type() == threshold_events && (record_.thresholds.readable_mask >> index & 1) != 0;
 }
 
 bool sensor::is_available() const
 {
-    return record_.event_enable.flags & scanning_enabled && !(record_.event_status.flags & state_unavailable);
+    return (record_.event_enable.flags & scanning_enabled) != 0 &&
+           (record_.event_status.flags & state_unavailable) == 0;
 }
 
 // ---- values: L((M x + B 10^Bexp) 10^Rexp)
@@ -320,54 +331,59 @@ cell sensor::state() const
 
 void sensor::describe(record &shown) const
 {
-    const auto add_byte = [&](const char *key, const char *label, size_t offset) {
-        shown.add(key, label, {hex_text(byte(offset)), byte(offset)});
-    };
-    const auto add_choice = [&](const char *key, const char *label, const auto &names, unsigned choice) {
-        shown.add(key, label, names.at(choice));
-    };
     shown.add("sdr_version", "SDR version", format("%u.%u", bits(2, 0, 4), bits(2, 4, 4)));
-    add_byte("record_type", "Record type", 3);
+    add_byte(shown, "record_type", "Record type", byte(3));
     shown.add("record_length", "Bytes after header", byte(4));
     if (byte(3) == full) {
-        add_byte("owner", "Owner", 5);
-        add_byte("owner_lun", "Channel and LUN", 6);
-        add_byte("sensor_number", "Sensor number", 7);
-        add_byte("entity_id", "Entity", 8);
-        add_byte("entity_instance", "Entity instance", 9);
-        shown.add("initialization", "Initialization", list_cell(bit_names(initialization_bits, byte(10))));
-        shown.add("ignored_without_entity", "Ignored w/o entity", bits(11, 7, 1) != 0);
-        shown.add("auto_rearm", "Re-arms itself", bits(11, 6, 1) != 0);
-        add_choice("hysteresis_access", "Hysteresis access", hysteresis_access, bits(11, 4, 2));
-        add_choice("threshold_access", "Threshold access", hysteresis_access, bits(11, 2, 2));
-        add_choice("event_control", "Event control", event_control, bits(11, 0, 2));
-        add_byte("settable_mask", "Settable mask", 19);
-        shown.add("unit", "Unit", unit().empty() ? cell::none() : cell(unit()));
-        add_choice("data_format", "Data format", data_formats, format_);
-        shown.add("linearization", "Linearization", linearization_name(linearization_));
-        shown.add("m", "M", m_);
-        shown.add("b", "B", b_);
-        shown.add("b_exponent", "B exponent", b_exponent_);
-        shown.add("r_exponent", "R exponent", r_exponent_);
-        shown.add("tolerance", "Tolerance", {format("%g counts", bits(25, 0, 6) / 2.0), bits(25, 0, 6) / 2.0});
-        const unsigned accuracy = bits(27, 0, 6) | unsigned{bits(28, 4, 4)} << 6;
-        const std::string percent = format("%g", accuracy * std::pow(10, bits(28, 2, 2)) / 100);
-        shown.add("accuracy_percent", "Accuracy", {percent + " %", strtod(percent.c_str(), nullptr)});
-        add_choice("direction", "Direction", directions, bits(28, 0, 2));
-        constexpr std::array given{
-            std::pair{"nominal", "Nominal"},
-            std::pair{"normal_maximum", "Normal maximum"},
-            std::pair{"normal_minimum", "Normal minimum"},
-        };
-        for (unsigned index = 0; index < given.size(); index++) {
-            shown.add(given.at(index).first, given.at(index).second,
-                      bits(30, index, 1) ? value(byte(31 + index), true) : cell::none());
-        }
-        shown.add("sensor_maximum", "Sensor maximum", value(byte(34), true));
-        shown.add("sensor_minimum", "Sensor minimum", value(byte(35), true));
-        add_byte("oem", "OEM byte", 46);
+        describe_full(shown);
     }
     shown.add("sdr_hex", "SDR", hex_digits(record_.sdr));
+}
+
+void sensor::describe_full(record &shown) const
+{
+    add_byte(shown, "owner", "Owner", byte(5));
+    add_byte(shown, "owner_lun", "Channel and LUN", byte(6));
+    add_byte(shown, "sensor_number", "Sensor number", byte(7));
+    add_byte(shown, "entity_id", "Entity", byte(8));
+    add_byte(shown, "entity_instance", "Entity instance", byte(9));
+    shown.add("initialization", "Initialization", list_cell(bit_names(initialization_bits, byte(10))));
+    shown.add("ignored_without_entity", "Ignored w/o entity", bits(11, 7, 1) != 0);
+    shown.add("auto_rearm", "Re-arms itself", bits(11, 6, 1) != 0);
+    shown.add("hysteresis_access", "Hysteresis access", hysteresis_access.at(bits(11, 4, 2)));
+    shown.add("threshold_access", "Threshold access", hysteresis_access.at(bits(11, 2, 2)));
+    shown.add("event_control", "Event control", event_control.at(bits(11, 0, 2)));
+    add_byte(shown, "settable_mask", "Settable mask", byte(19));
+    describe_conversion(shown);
+    shown.add("direction", "Direction", directions.at(bits(28, 0, 2)));
+    constexpr std::array nominal{
+        std::pair{"nominal", "Nominal"},
+        std::pair{"normal_maximum", "Normal maximum"},
+        std::pair{"normal_minimum", "Normal minimum"},
+    };
+    for (unsigned index = 0; index < nominal.size(); index++) {
+        const bool present = bits(30, index, 1) != 0;
+        shown.add(nominal.at(index).first, nominal.at(index).second,
+                  present ? value(byte(31 + index), true) : cell::none());
+    }
+    shown.add("sensor_maximum", "Sensor maximum", value(byte(34), true));
+    shown.add("sensor_minimum", "Sensor minimum", value(byte(35), true));
+    add_byte(shown, "oem", "OEM byte", byte(46));
+}
+
+void sensor::describe_conversion(record &shown) const
+{
+    shown.add("unit", "Unit", unit().empty() ? cell::none() : cell(unit()));
+    shown.add("data_format", "Data format", data_formats.at(format_));
+    shown.add("linearization", "Linearization", linearization_name(linearization_));
+    shown.add("m", "M", m_);
+    shown.add("b", "B", b_);
+    shown.add("b_exponent", "B exponent", b_exponent_);
+    shown.add("r_exponent", "R exponent", r_exponent_);
+    shown.add("tolerance", "Tolerance", {format("%g counts", bits(25, 0, 6) / 2.0), bits(25, 0, 6) / 2.0});
+    const unsigned accuracy = bits(27, 0, 6) | unsigned{bits(28, 4, 4)} << 6;
+    const std::string percent = format("%g", accuracy * std::pow(10, bits(28, 2, 2)) / 100);
+    shown.add("accuracy_percent", "Accuracy", {percent + " %", strtod(percent.c_str(), nullptr)});
 }
 
 } // namespace bdbusctl

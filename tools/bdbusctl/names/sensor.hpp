@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A sensor of the repository: its record decoded as IPMI 2.0 has it (full sensor record, type 01h), and its live state.
-// Any 64 bytes can be looked at; what they do not tell stays raw.
+// Any 64 bytes can be looked at; what they leave open stays raw.
 #pragma once
 
 #include "frame/report.hpp"
@@ -71,6 +71,9 @@ private:
     enum data_format : uint8_t { is_unsigned, ones_complement, twos_complement, no_reading };
 
     uint8_t byte(size_t offset) const { return record_.sdr[offset]; }
+    void describe_full(record &shown) const;
+    void describe_conversion(record &shown) const;
+    std::string name_character(unsigned encoding, size_t bit) const;
     uint8_t bits(size_t offset, unsigned lowest, unsigned count) const;
     int number(size_t offset) const;
     int linear_decimals() const;
