@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """bdbusctl and bdbus-sim as a person or a script meets them: real programs, private buses, exit statuses and output.
 
-Usage: run.py BDBUS_SIM BDBUSCTL [test_FAMILY...] [unittest options]
+Usage: run.py BDBUS_SIM BDBUSCTL [test_SUBJECT...] [unittest options]
 """
 import os
 import sys

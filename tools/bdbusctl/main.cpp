@@ -69,7 +69,7 @@ void add_options(CLI::App &program, session &run)
     program.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 no connection to the bus.");
 }
 
-/** The library must not find its connection, nor we our captured lines, at a standard descriptor that was closed. */
+/** A standard descriptor that was closed must not become the library's connection or our captured lines. */
 void open_standard_descriptors()
 {
     while (true) {
@@ -147,6 +147,6 @@ int main(int argc, char **argv)
     try {
         return static_cast<int>(run_program(argc, argv));
     } catch (...) {
-        return static_cast<int>(exit_status::failed); // not even the failure could be told
+        return static_cast<int>(exit_status::failed); // not even the failure could be reported
     }
 }

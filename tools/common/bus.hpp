@@ -9,7 +9,7 @@
 namespace bdbus_tools
 {
 
-/** Does not wait for what is still to be sent: the bus may hang. */
+/** Does not flush: a bus that hangs would keep the program waiting. */
 struct bus_close {
     void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
 };

@@ -20,7 +20,7 @@ namespace bdbusctl
 namespace
 {
 
-/** A pipe would keep the program waiting, and a device is not what is meant. */
+/** A pipe would keep the program waiting, and a device is hardly meant. */
 void require_regular(const std::string &intent, const std::string &path)
 {
     std::error_code absent;
@@ -385,7 +385,7 @@ failure image_failure(const std::string &path, int32_t integrity, const std::vec
     return error;
 }
 
-/** What the upgrade itself would refuse, and what our own walk finds in all records. */
+/** Makes the check of the upgrade agent, and looks at all records besides. */
 void verify(const session &run, const file_argument &given)
 {
     const std::string file = read_regular(given.path, UINT32_MAX);

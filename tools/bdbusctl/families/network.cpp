@@ -341,7 +341,7 @@ void declare_lldp(CLI::App &command, arguments &given)
 void lldp(const session &run, const arguments &given)
 {
     call(run, "switch LLDP of " + one_line(given.node) + " " + given.state,
-         [&] { return bnetwork_node_set_lldp_enabled(given.node.c_str(), given.state == "on"); });
+         [&] { return bnetwork_node_set_lldp_enabled(given.node.c_str(), given.state == "on" ? 1 : 0); });
     if (!run.wants_json() && run.quiet) {
         return;
     }

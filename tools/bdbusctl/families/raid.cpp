@@ -211,19 +211,28 @@ entry parse_entry(const std::string &text)
     return read;
 }
 
-/** As many IDs as the record's column holds; their number goes into `count`. */
+/** As many IDs as the record's column holds. @return their number. */
+template <class number, size_t capacity>
+uint8_t parse_ids(const std::vector<std::string> &texts, number (&ids)[capacity])
+{
+    uint8_t count = 0;
+    for (const auto &text : texts) {
+        if (count == capacity) {
+            throw std::invalid_argument(format("more than %zu", capacity));
+        }
+        ids[count++] = static_cast<number>(parse_number(text, 0, std::numeric_limits<number>::max()));
+    }
+    return count;
+}
+
+/** The IDs and their number. */
 template <class number, size_t capacity>
 CLI::Option *add_ids(CLI::App &command, const std::string &name, uint8_t &count, number (&ids)[capacity],
                      const std::string &description)
 {
     const auto store = [&count, &ids, name](const std::vector<std::string> &texts) {
-        if (texts.size() > capacity) {
-            throw failure(format("%s: more than %zu", name.c_str(), capacity), exit_status::usage);
-        }
         try {
-            for (count = 0; count < texts.size(); count++) {
-                ids[count] = static_cast<number>(parse_number(texts[count], 0, std::numeric_limits<number>::max()));
-            }
+            count = parse_ids(texts, ids);
         } catch (const std::invalid_argument &reason) {
             throw failure(name + ": " + reason.what(), exit_status::usage);
         }

@@ -150,19 +150,22 @@ std::vector<column> list_columns()
     return columns;
 }
 
+void add_row(const session &run, report &table, int32_t disk)
+{
+    std::vector<cell> row{disk};
+    read_disk(run, disk, [&row](const auto & /*which*/, cell value) { row.push_back(std::move(value)); });
+    table.add(std::move(row));
+}
+
 /** The service has no list of its disks: those that answer are there. */
 void list(const session &run, const list_arguments &given)
 {
     report table(list_columns());
     try {
         for (uint32_t disk = 0; disk <= given.last; disk++) {
-            const auto number = static_cast<int32_t>(disk);
-            if (!has_disk(run, number)) {
-                continue;
+            if (has_disk(run, static_cast<int32_t>(disk))) {
+                add_row(run, table, static_cast<int32_t>(disk));
             }
-            std::vector<cell> row{disk};
-            read_disk(run, number, [&row](const auto & /*which*/, cell value) { row.push_back(std::move(value)); });
-            table.add(std::move(row));
         }
     } catch (const failure &error) {
         table.show_so_far(run, error, "disks");
@@ -246,7 +249,7 @@ void declare_mount(CLI::App &command, mount_arguments &given)
         ->excludes(text);
 }
 
-/** Keeps what is typed off the terminal. */
+/** Turns the terminal's echo off while a password is typed. */
 class silent_terminal
 {
 public:

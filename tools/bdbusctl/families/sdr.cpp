@@ -272,7 +272,7 @@ void show(const session &run, const show_arguments &given)
 
 // ---- changing one
 
-/** Makes the change and shows what is stored then. */
+/** Makes the change and shows the part of the sensor that it was made to. */
 void change(const session &run, uint16_t id, const char *what, const std::function<int32_t()> &call,
             void (*add_part)(record &, const sensor &))
 {

@@ -23,7 +23,7 @@ using entry_bytes = std::array<uint8_t, BDBUS_SEL_ENTRY_BYTES>;
 
 constexpr uint16_t first_entry = 0x0000;
 constexpr uint16_t last_entry = 0xFFFF;
-constexpr uint32_t first_date = 0x20000000; // what is less counts from the controller's start
+constexpr uint32_t first_date = 0x20000000; // smaller stamps count from the controller's start
 constexpr uint32_t unknown_time = 0xFFFFFFFF;
 constexpr uint8_t deasserted = 0x80; // in the byte of the event type
 
@@ -32,7 +32,7 @@ constexpr std::array sel_completions{
     code_name{0x81, "the log is being erased"},
 };
 
-/** The reply of a call that succeeded and whose completion code says so. */
+/** The reply of a call; every completion code but success is a failure. */
 template <class exchange>
 exchange call(const session &run, const std::string &intent, int32_t (*function)(exchange *), exchange values = {})
 {
@@ -117,7 +117,7 @@ void add_row(report &table, const entry_bytes &entry)
                hex_digits(std::span(entry).subspan(data_at)), hex_digits(entry)});
 }
 
-/** Adds the log's entries to the table, as far as they can be read; what stopped it is the result. */
+/** Adds the log's entries to the table as far as they can be read. @return what prevented the rest. */
 std::optional<failure> read_log(const session &run, report &table)
 {
     std::bitset<last_entry + 1> seen;

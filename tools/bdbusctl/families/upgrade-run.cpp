@@ -33,7 +33,7 @@ namespace
 using context = bdbus_upgrade_agent_context;
 using steady = std::chrono::steady_clock;
 
-/** A call on a thread of its own, which nobody has to wait for: the upload of a block has no time limit. */
+/** A call on a thread of its own, which can be left behind: the upload of a block has no time limit. */
 class background_call
 {
 public:
@@ -57,7 +57,7 @@ private:
 };
 
 /**
- * The image's actions, carried out so that they can be cancelled. To the upgrade stage an aborted finish looks like one
+ * The image's actions, carried out so that they can be canceled. To the upgrade stage an aborted finish looks like one
  * that ended well, and it would go on to the next component. So it gets one record at a time, with the image's header
  * put right before it, over what was carried out already.
  */
@@ -79,7 +79,7 @@ public:
     int32_t carry_out()
     {
         int32_t result = 0;
-        for (size_t index = 0; index + 1 < offsets_.size() && result == 0 && !cancelled_; index++) {
+        for (size_t index = 0; index + 1 < offsets_.size() && result == 0 && !canceled_; index++) {
             const bytes part =
                 image_.subspan(offsets_[index] - header_.size(),
                                header_.size() + offsets_[index + 1] - offsets_[index] + hpm1_image::digest_bytes);
@@ -93,7 +93,7 @@ public:
     }
 
     /** No further record is begun. Any thread may call it. */
-    void cancel() { cancelled_ = true; }
+    void cancel() { canceled_ = true; }
 
     /** The component that is being uploaded, or was last. Any thread may ask. */
     uint8_t component() const { return __atomic_load_n(&part_.component_id, __ATOMIC_RELAXED); }
@@ -105,7 +105,7 @@ private:
     bytes image_;
     std::vector<uint8_t> header_;
     std::vector<size_t> offsets_; // of the records, and where they end
-    std::atomic<bool> cancelled_{false};
+    std::atomic<bool> canceled_{false};
 };
 
 /**
@@ -174,6 +174,7 @@ private:
     static void check_abort(const target_abort &abort, const outcome &seen);
     void activate();
     void read_new_versions();
+    void show_nothing_to_upgrade() const;
     void show_result();
 
     void enter_stage(const char *name) { stage_ = name; }
@@ -204,11 +205,7 @@ void upgrade::perform()
         check();
         plan();
         if (!anything_to_upgrade()) {
-            run_.remark("Nothing to upgrade: the controller holds these versions already.");
-            if (run_.wants_json()) {
-                run_.print(document("nothing-to-upgrade"));
-            }
-            return;
+            return show_nothing_to_upgrade();
         }
         enter_stage("confirmation");
         run_.confirm("This writes new firmware to the controller.");
@@ -220,6 +217,14 @@ void upgrade::perform()
         error.error["stage"] = stage_;
         error.document = document("failed");
         throw;
+    }
+}
+
+void upgrade::show_nothing_to_upgrade() const
+{
+    run_.remark("Nothing to upgrade: the controller holds these versions already.");
+    if (run_.wants_json()) {
+        run_.print(document("nothing-to-upgrade"));
     }
 }
 

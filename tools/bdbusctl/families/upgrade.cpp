@@ -124,12 +124,12 @@ CLI::Option *add_choice(CLI::App &command, const char *name, const thing *&targe
     }
     const std::string list = join(names, ", ");
     const auto parse = [&choices, list](const std::string &text) {
-        for (const thing &choice : choices) {
-            if (text == choice.name) {
-                return &choice;
-            }
+        const auto found =
+            std::find_if(choices.begin(), choices.end(), [&text](const thing &choice) { return text == choice.name; });
+        if (found == choices.end()) {
+            throw std::invalid_argument("'" + one_line(text) + "' is none of: " + list);
         }
-        throw std::invalid_argument("'" + one_line(text) + "' is none of: " + list);
+        return &*found;
     };
     return add_parsed(command, name, target, parse, "One of: " + list)->required();
 }

@@ -23,7 +23,7 @@ namespace
 
 constinit std::atomic<bool> capturing{false};
 
-/** Lines of the log that are not what their priority says. */
+/** Lines of the log that their priority is misleading about. */
 struct exceptional_line {
     std::string_view beginning;
     bool fault;
@@ -125,7 +125,7 @@ std::vector<std::string> outcome::faults() const
 
 bool outcome::bus_unreachable() const
 {
-    // It is the library's first; after another one, a service may say the same of itself.
+    // Without a connection it is the first fault; behind another one it is a service's own text.
     const auto texts = faults();
     return !texts.empty() && texts.front().starts_with("Failed to connect to system bus");
 }

@@ -34,15 +34,15 @@ public:
     held_signals &operator=(const held_signals &) = delete;
 
     /**
-     * Does what may block for long, as asking a bus that hangs and writing to a stopped pager do: one that comes
-     * meanwhile ends the program at once, as done.
+     * Runs an action that may block for long, such as a call on a bus that hangs or output to a stopped pager. A signal
+     * during it ends the program at once, with the status of success.
      */
     template <typename Action>
     void end_during(Action action) const
     {
         for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
             if (sigismember(&set_, number) > 0) {
-                signal(number, [](int /*number*/) { _exit(0); });
+                signal(number, end_at_once);
             }
         }
         pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
@@ -50,7 +50,7 @@ public:
         pthread_sigmask(SIG_BLOCK, &set_, nullptr);
     }
 
-    /** Whether one came within the time. */
+    /** @return whether a signal came within the time. */
     bool wait(std::chrono::milliseconds duration) const
     {
         const timespec timeout{0, static_cast<long>(std::chrono::nanoseconds(duration).count())};
@@ -58,6 +58,8 @@ public:
     }
 
 private:
+    static void end_at_once(int /*number*/) { _exit(0); }
+
     sigset_t set_{};
     sigset_t before_{};
 };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// How an upload gets on: a bar redrawn in place on a terminal, plain lines elsewhere, nothing when nobody wants it.
+// The progress of an upload: a bar redrawn in place on a terminal, plain lines elsewhere, nothing with --quiet or in
+// JSON.
 #pragma once
 
 #include "frame/session.hpp"
@@ -25,12 +26,12 @@ public:
     progress(const session &run, int original_stderr, std::vector<component_upload> uploads);
 
     /**
-     * What the upgrade agent shows now: the component it is at, and a percentage that stays at the last component's 100
-     * until the first block of the next one.
+     * The upgrade agent's present status: the component it is at, and a percentage that stays at the last component's
+     * 100 until the first block of the next one.
      */
     void update(uint8_t component, uint8_t percent);
 
-    /** Takes the bar away; with `completed` the uploads that were not seen to end have ended too. */
+    /** Removes the bar; with `completed` the uploads whose end was not observed have ended, too. */
     void end(bool completed);
 
 private:

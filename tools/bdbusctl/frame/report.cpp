@@ -30,6 +30,24 @@ pointer not_null(pointer allocated)
     return allocated;
 }
 
+void add_heading(libscols_table *table, const char *title, bool right, bool colored)
+{
+    libscols_column *heading = not_null(scols_table_new_column(table, title, 0, right ? SCOLS_FL_RIGHT : 0));
+    if (colored) {
+        scols_cell_set_color(scols_column_get_header(heading), "bold");
+    }
+}
+
+void set_cell(libscols_line *line, size_t index, const cell &value, bool colored)
+{
+    if (scols_line_set_data(line, index, value.text.c_str()) != 0) {
+        throw std::bad_alloc();
+    }
+    if (colored && !value.color.empty()) {
+        scols_cell_set_color(scols_line_get_cell(line, index), value.color.c_str());
+    }
+}
+
 } // namespace
 
 cell list_cell(const std::vector<std::string> &names)
@@ -67,30 +85,19 @@ void report::show_table(const session &run) const
 {
     const table_pointer table(not_null(scols_new_table()));
     const bool colored = run.wants_color();
-    scols_table_enable_noheadings(table.get(), run.no_legend);
-    scols_table_enable_colors(table.get(), colored);
-
-    std::vector<size_t> shown;
-    for (size_t index = 0; index < columns_.size(); index++) {
-        const auto &[key, title, right] = columns_[index];
-        if (title == nullptr) {
-            continue;
-        }
-        shown.push_back(index);
-        libscols_column *heading = not_null(scols_table_new_column(table.get(), title, 0, right ? SCOLS_FL_RIGHT : 0));
-        if (colored) {
-            scols_cell_set_color(scols_column_get_header(heading), "bold");
+    scols_table_enable_noheadings(table.get(), run.no_legend ? 1 : 0);
+    scols_table_enable_colors(table.get(), colored ? 1 : 0);
+    for (const auto &[key, title, right] : columns_) {
+        if (title != nullptr) {
+            add_heading(table.get(), title, right, colored);
         }
     }
     for (const auto &row : rows_) {
         libscols_line *line = not_null(scols_table_new_line(table.get(), nullptr));
-        for (size_t index = 0; index < shown.size(); index++) {
-            const cell &value = row[shown[index]];
-            if (scols_line_set_data(line, index, value.text.c_str()) != 0) {
-                throw std::bad_alloc();
-            }
-            if (colored && !value.color.empty()) {
-                scols_cell_set_color(scols_line_get_cell(line, index), value.color.c_str());
+        size_t shown = 0;
+        for (size_t index = 0; index < columns_.size(); index++) {
+            if (columns_[index].title != nullptr) {
+                set_cell(line, shown++, row[index], colored);
             }
         }
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// One run of the program: its options, how it speaks, asks and fails. Every verb gets it.
+// One run of the program: its options, its output, questions and failures. It is passed to every verb.
 #pragma once
 
 #include "frame/capture.hpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Small pieces of text: what the standard library of C++20 has no words for here.
+// Texts: formatting, parsing, and control characters made harmless.
 #pragma once
 
 #include <cstdarg>
@@ -16,7 +16,7 @@ namespace bdbusctl
 [[gnu::format(printf, 1, 0)]] std::string format_list(const char *pattern, va_list arguments);
 
 /**
- * The text with every control character blanked, so that what a service or a file says cannot break out of its line.
+ * The text with every control character blanked, so that no text of a service or a file breaks out of its line.
  */
 std::string one_line(std::string_view text);
 

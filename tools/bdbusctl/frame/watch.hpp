@@ -23,7 +23,7 @@ struct event {
     json document; // an object
 };
 
-/** Asks `take` ten times a second for what has received_notices since; fails when the service is not on the bus. */
+/** Asks `collect` ten times a second for new events; fails when the service is not on the bus. */
 void follow(const session &run, const watch_arguments &given, const char *service,
             const std::function<std::vector<event>()> &collect);
 

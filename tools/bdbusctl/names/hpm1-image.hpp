@@ -68,7 +68,8 @@ struct image {
     bool complete = false;
 };
 
-/** Never reads outside the bytes, whatever they say. The digest is looked at apart, because it takes a while. */
+/** Never reads outside the bytes, whatever they contain. Does not check the digest, which takes long for a large file.
+ */
 image read(std::span<const uint8_t> file);
 
 /** Whether the file ends with the MD5 digest of all before. */

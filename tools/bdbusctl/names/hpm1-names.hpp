@@ -68,7 +68,7 @@ cell version_cell(std::span<const uint8_t> version);
 /** Its bytes, for JSON beside the text. */
 cell version_hex_cell(std::span<const uint8_t> version);
 
-/** MAJOR.MINOR[.AUXILIARY], as version_text() writes it; std::invalid_argument says that it is not. */
+/** Of MAJOR.MINOR[.AUXILIARY], as version_text() writes it; anything else is a std::invalid_argument. */
 hpm1_version parse_version(const std::string &text);
 
 } // namespace bdbusctl

@@ -250,7 +250,7 @@ std::string event_name(uint8_t event_type, uint8_t sensor_type, unsigned offset)
         names = event_types.at(event_type - 1U).entries;
     }
     const std::string_view name = nth_name(names, offset);
-    // The two states of "limit" say nothing without it.
+    // "exceeded" means nothing without "limit" before it.
     const bool alone = event_type == sensor_specific_events || event_type == threshold_events || name.empty();
     return (alone ? "" : event_type_name(event_type) + ": ") + name_or_number(name, "offset", offset);
 }

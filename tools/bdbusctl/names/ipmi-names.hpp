@@ -25,7 +25,7 @@ std::string_view find_name(std::span<const code_name> names, uint8_t code, std::
 /** The names of the bits that are set, from bit 0 up. */
 std::vector<std::string> bit_names(const std::array<std::string_view, 8> &names, uint8_t bits);
 
-/** Completion codes that decide what is done. */
+/** The completion codes that the client acts on. */
 constexpr uint8_t completion_success = 0x00;
 constexpr uint8_t completion_not_present = 0xCB;
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A sensor of the repository: its record decoded as IPMI 2.0 has it (full sensor record, type 01h), and its live state.
-// Any 64 bytes can be looked at; what they leave open stays raw.
+// Any 64 bytes can be looked at; a field that cannot be interpreted stays raw.
 #pragma once
 
 #include "frame/report.hpp"
@@ -59,11 +59,11 @@ public:
     cell reading() const;
     cell state() const; // none unless announced
 
-    /** What the raw value for an engineering one is; std::invalid_argument says why there is none. */
+    /** The raw value nearest to an engineering one; std::invalid_argument where there is none. */
     uint8_t to_raw(double value) const;
     uint8_t to_raw_hysteresis(double value) const;
 
-    /** Adds all that the record's bytes say. */
+    /** Adds all fields of the record. */
     void describe(record &shown) const;
 
 private:
