@@ -18,6 +18,11 @@ class Commands(ToolTest):
             self.assertEqual(json.loads(short), json.loads(pretty), words)
             self.assertEqual(short.count('\n'), 1)
 
+    def test_answers_are_named(self):
+        for words, text in (('rollback-status', 'Rollback happened: no'), ('self-test', '0x55 (passed)'),
+                            ('status', '0x00 (none)'), ('capabilities', 'self-test, automatic-rollback')):
+            self.ctl('hpm1 ' + words, text=text)
+
     def test_no_bus_is_status_3(self):
         for words in QUERIES:
             self.assertIn('message', self.json(words, status=3, env=NO_BUS)['error'], words)

@@ -196,7 +196,7 @@ void rollback_status(const session &run)
         throw error;
     }
     record shown;
-    shown.add("rollback", "Rollback received_notices", answer.rollback_status != 0);
+    shown.add("rollback", "Rollback happened", answer.rollback_status != 0);
     shown.add("components", "Components",
               answer.rollback_status != 0 ? components_cell(answer.rollback_status) : cell("-", json::array()));
     shown.hide("components_raw", answer.rollback_status);
@@ -282,7 +282,7 @@ void add_hpm1(CLI::App &program, session &run)
     hpm1.verb("components", "Show all components with versions and capabilities", components);
     hpm1.verb("status", "Show how the last long command stands", status);
     hpm1.verb("self-test", "Show the self-test results", self_test);
-    hpm1.verb("rollback-status", "Show whether a rollback received_notices", rollback_status);
+    hpm1.verb("rollback-status", "Show whether a rollback happened", rollback_status);
     hpm1.verb("activate", "Activate what was uploaded", activate);
     hpm1.verb("rollback", "Go back to the backup copies", rollback);
     hpm1.verb("abort", "Abort the upgrade that the target is in", abort_upgrade);

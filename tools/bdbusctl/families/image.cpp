@@ -176,13 +176,16 @@ void declare_create(CLI::App &command, create_arguments &given)
         ->type_name("ID=FILE[,version=V][,description=TEXT]")
         ->allow_extra_args(false)
         ->required();
-    add_number(command, "--device-id", head.device_id, "Device ID [32]")->type_name("N");
-    add_number(command, "--manufacturer-id", head.manufacturer_id, "Manufacturer ID [41651]", 0, 0xFFFFFF)
+    add_number(command, "--device-id", head.device_id, format("Device ID [%u]", head.device_id))->type_name("N");
+    add_number(command, "--manufacturer-id", head.manufacturer_id, format("Manufacturer ID [%u]", head.manufacturer_id),
+               0, 0xFFFFFF)
         ->type_name("N");
-    add_number(command, "--product-id", head.product_id, "Product ID [4660]")->type_name("N");
-    add_parsed(command, "--version", head.firmware, parse_version, "Firmware version [1.00]")
+    add_number(command, "--product-id", head.product_id, format("Product ID [%u]", head.product_id))->type_name("N");
+    add_parsed(command, "--version", head.firmware, parse_version,
+               "Firmware version [" + version_text(head.firmware) + "]")
         ->type_name("MAJOR.MINOR[.AUX]");
-    add_parsed(command, "--earliest", head.earliest, parse_short_version, "Oldest firmware that can be upgraded [0.00]")
+    add_parsed(command, "--earliest", head.earliest, parse_short_version,
+               "Oldest firmware that can be upgraded [" + version_text(head.earliest) + "]")
         ->type_name("MAJOR.MINOR");
     command.add_flag("--self-test", given.self_test, "A self test follows activation");
     add_parsed(command, "--self-test-timeout", head.self_test_timeout, parse_timeout, "Rounded up to 5 s [0]")

@@ -101,9 +101,11 @@ struct node_key {
     std::string (*text)(const json &value);
 };
 
+constexpr const char *lldp_enabled = "Status.LLDPEnabled";
+
 constexpr std::array keys{
     node_key{"Status.LinkStatus", 'b', "link_status", "Link", up_down},
-    node_key{"Status.LLDPEnabled", 'b', "lldp_enabled", "LLDP", on_off},
+    node_key{lldp_enabled, 'b', "lldp_enabled", "LLDP", on_off},
     node_key{"Status.LLDPSupport", 'b', "lldp_support", "LLDP supported", yes_no},
     node_key{"IDs.PciVendorId", 'q', "pci_vendor_id", "PCI vendor", hex_of},
     node_key{"IDs.PciDeviceId", 'q', "pci_device_id", "PCI device", hex_of},
@@ -345,7 +347,7 @@ void lldp(const session &run, const arguments &given)
     if (!run.wants_json() && run.quiet) {
         return;
     }
-    const json now = property(run, given.node, "Status.LLDPEnabled", 'b');
+    const json now = property(run, given.node, lldp_enabled, 'b');
     run.print(on_off(now), {{"node", given.node}, {"lldp_enabled", now}});
 }
 
