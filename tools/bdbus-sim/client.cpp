@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The subcommands that talk to a running simulator.
 #include "client.hpp"
 
 #include "frame/bus.hpp"

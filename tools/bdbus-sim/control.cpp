@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The control object: changes the state, disturbs the services, tells what they were asked.
+// The control object: changes the state, adds faults, sends signals, lists the calls that were received.
 #include "simulator.hpp"
 
 #include <cerrno>
@@ -13,15 +13,15 @@ namespace bdbus_sim
 namespace
 {
 
-json json_of(const call &what)
+json json_argument(const call &request)
 {
-    return parse_json(what.arg<std::string>(0), "JSON argument");
+    return parse_json(request.arg<std::string>(0), "JSON argument");
 }
 
-void emit(simulator &simulator, service &control, const json &object)
+void emit(simulator &sim, service &control, const json &object)
 {
     object_reader signal(object, "signal", {"service", "member", "interface", "path", "signature", "args", "stranger"});
-    service &named = simulator.at(signal.text("service"));
+    service &named = sim.at(signal.text("service"));
     service &sender = signal.flag("stranger") ? control : named;
     if (!sender.running()) {
         signal.refuse(named.name() + " is not on the bus");
@@ -30,29 +30,29 @@ void emit(simulator &simulator, service &control, const json &object)
                 signal.text("interface", named.bus_name()), signal.text("path", named.path()));
 }
 
-const byte_vector &received(const simulator &simulator, const call &what)
+const byte_vector &received(const simulator &sim, const call &request)
 {
-    auto component = what.arg<uint8_t>(0);
+    auto component = request.arg<uint8_t>(0);
     if (component >= hpm1_target::components_max) {
         throw std::invalid_argument("no such component: " + std::to_string(component));
     }
-    return simulator.target.received(component);
+    return sim.target.received(component);
 }
 
-json get_received(const simulator &simulator, const call &what)
+json get_received(const simulator &sim, const call &request)
 {
     // A bus cuts the connection of a sender whose message is over its limit, usually 32 MiB.
     constexpr size_t most = 24U << 20;
-    const byte_vector &bytes = received(simulator, what);
+    const byte_vector &bytes = received(sim, request);
     if (bytes.size() > most) {
         throw std::invalid_argument("too large for a message, use SaveReceived");
     }
     return json::binary(bytes);
 }
 
-std::string calls_of(const simulator &simulator, const std::string &name)
+std::string calls_of(const simulator &sim, const std::string &name)
 {
-    return simulator.calls.text(name.empty() ? "" : simulator.at(name).name());
+    return sim.calls.text(name.empty() ? "" : sim.at(name).name());
 }
 
 void save(const byte_vector &bytes, const std::string &path)
@@ -66,36 +66,37 @@ void save(const byte_vector &bytes, const std::string &path)
 
 } // namespace
 
-void fill_control(service &control, simulator &simulator)
+void fill_control(service &control, simulator &sim)
 {
-    auto *sim = &simulator;
+    auto *simulated = &sim;
     auto *self = &control;
-    auto text = [](const call &what) {
-        return what.arg<std::string>(0);
+    auto text = [](const call &request) {
+        return request.arg<std::string>(0);
     };
     auto action = [](const char *member, const char *in, auto act) {
-        return method(member, in, "", [act](const call &what) {
-            act(what);
+        return method(member, in, "", [act](const call &request) {
+            act(request);
             return json::array();
         });
     };
     auto query = [](const char *member, const char *in, const char *out, auto ask) {
-        return method(member, in, out, [ask](const call &what) { return json::array({ask(what)}); });
+        return method(member, in, out, [ask](const call &request) { return json::array({ask(request)}); });
     };
 
     control.add_object({
-        action("Reset", "", [=](const call &) { sim->reset(); }),
-        action("SetState", "s", [=](const call &what) { sim->state.patch(json_of(what)); }),
-        query("GetState", "", "s", [=](const call &) { return to_text(sim->state.shown()); }),
-        action("AddFault", "s", [=](const call &what) { sim->add_fault(json_of(what)); }),
-        action("ClearFaults", "", [=](const call &) { sim->faults.clear(); }),
-        action("Emit", "s", [=](const call &what) { emit(*sim, *self, json_of(what)); }),
-        query("Calls", "s", "s", [=](const call &what) { return calls_of(*sim, text(what)); }),
-        action("ClearCalls", "", [=](const call &) { sim->calls.clear(); }),
-        query("GetReceived", "y", "ay", [=](const call &what) { return get_received(*sim, what); }),
-        action("SaveReceived", "ys", [=](const call &what) { save(received(*sim, what), what.arg<std::string>(1)); }),
-        action("Stop", "s", [=](const call &what) { sim->at(text(what)).stop(); }),
-        action("Start", "s", [=](const call &what) { sim->at(text(what)).start(); }),
+        action("Reset", "", [=](const call &) { simulated->reset(); }),
+        action("SetState", "s", [=](const call &request) { simulated->state.patch(json_argument(request)); }),
+        query("GetState", "", "s", [=](const call &) { return to_text(simulated->state.shown()); }),
+        action("AddFault", "s", [=](const call &request) { simulated->add_fault(json_argument(request)); }),
+        action("ClearFaults", "", [=](const call &) { simulated->faults.clear(); }),
+        action("Emit", "s", [=](const call &request) { emit(*simulated, *self, json_argument(request)); }),
+        query("Calls", "s", "s", [=](const call &request) { return calls_of(*simulated, text(request)); }),
+        action("ClearCalls", "", [=](const call &) { simulated->calls.clear(); }),
+        query("GetReceived", "y", "ay", [=](const call &request) { return get_received(*simulated, request); }),
+        action("SaveReceived", "ys",
+               [=](const call &request) { save(received(*simulated, request), request.arg<std::string>(1)); }),
+        action("Stop", "s", [=](const call &request) { simulated->at(text(request)).stop(); }),
+        action("Start", "s", [=](const call &request) { simulated->at(text(request)).start(); }),
     });
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The command line of bdbus-sim.
 #include "client.hpp"
 #include "frame/bus.hpp"
 #include "frame/json.hpp"
@@ -23,7 +24,7 @@ json read_scenario(const std::string &path)
     return path.empty() ? json::object() : read_json_file(path);
 }
 
-/** The command of "run", which is not ours to interpret. */
+/** Cuts off the command of "run": its options are not ours to interpret. */
 std::vector<std::string> cut_command(int &argc, char **argv)
 {
     char **end = argv + argc;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Serving on a bus, and running a command on a private bus that goes away with it.
 #include "run.hpp"
 
 #include "common/descriptor.hpp"
@@ -45,7 +46,7 @@ pipe_ends make_pipe()
 
 // ---- signals
 
-/** The event loop takes them; a child gets the mask back that was found here. */
+/** Blocks signals for the event loop to take. A child is started with the mask that was there before. */
 class blocked_signals
 {
 public:
@@ -77,7 +78,7 @@ public:
 class child
 {
 public:
-    // `prepare` runs in the child. Throws cannot_execute.
+    /** `prepare` runs in the child. Throws cannot_execute. */
     child(
         const std::vector<std::string> &argv, const sigset_t &mask, const std::function<void()> &prepare = [] {})
     {
@@ -111,7 +112,7 @@ public:
         }
     }
 
-    // Somebody else has waited for it.
+    /** To be called when somebody else has waited for it. */
     void forget() { pid_ = 0; }
 
 private:
@@ -132,7 +133,7 @@ private:
         arguments.push_back(nullptr);
         execvp(arguments.front(), arguments.data());
         int error = errno;
-        [[maybe_unused]] ssize_t told = write(failure, &error, sizeof error);
+        [[maybe_unused]] ssize_t written = write(failure, &error, sizeof error);
         _exit(EXIT_FAILURE);
     }
 
@@ -212,13 +213,13 @@ private:
         }
     }
 
-    // The daemon tells its address once it listens.
+    // The daemon prints its address once it listens.
     void wait_until_ready()
     {
         constexpr int limit_ms = 30'000;
-        pollfd told{ready_.read.get(), POLLIN, 0};
+        pollfd readable{ready_.read.get(), POLLIN, 0};
         char byte = 0;
-        if (poll(&told, 1, limit_ms) <= 0 || read(ready_.read.get(), &byte, 1) != 1) {
+        if (poll(&readable, 1, limit_ms) <= 0 || read(ready_.read.get(), &byte, 1) != 1) {
             throw std::runtime_error("dbus-daemon did not start");
         }
         ready_.read.reset();
@@ -280,8 +281,8 @@ int serve(const json &scenario)
     event_loop loop;
     check(sd_event_add_signal(loop.get(), nullptr, SIGINT, nullptr, nullptr), "signals");
     check(sd_event_add_signal(loop.get(), nullptr, SIGTERM, nullptr, nullptr), "signals");
-    simulator simulator(loop, scenario);
-    simulator.start();
+    simulator sim(loop, scenario);
+    sim.start();
     if (loop.run() != 0) {
         throw std::runtime_error("the bus has ended");
     }
@@ -295,8 +296,8 @@ int run_command(const json &scenario, const std::vector<std::string> &command)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
 
     event_loop loop;
-    simulator simulator(loop, scenario);
-    simulator.start();
+    simulator sim(loop, scenario);
+    sim.start();
     try {
         return supervise(loop, command, signals.before());
     } catch (const cannot_execute &error) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The two ways to run the simulator.
 #pragma once
 
 #include "frame/json.hpp"
@@ -9,7 +10,7 @@
 namespace bdbus_sim
 {
 
-// Both give the exit status, and throw std::exception when they cannot begin.
+// Both return the exit status, and throw std::exception when they cannot start.
 
 /** Serves on the system bus until SIGINT or SIGTERM. */
 int serve(const json &scenario);

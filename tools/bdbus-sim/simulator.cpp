@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The simulated controller: its services together, and what a reset does.
 #include "simulator.hpp"
 
 #include <stdexcept>
@@ -16,8 +17,8 @@ std::string usual_path(const std::string &name)
 
 } // namespace
 
-simulator::simulator(event_loop &event_loop_, const json &scenario)
-    : loop(event_loop_), target(state, loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
+simulator::simulator(event_loop &events, const json &scenario)
+    : loop(events), target(state, loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
 {
     add_bypass(*this);
     add_config(*this);
@@ -42,8 +43,8 @@ simulator::simulator(event_loop &event_loop_, const json &scenario)
 
 void simulator::start()
 {
-    for (auto &service : services_) {
-        service->start();
+    for (const auto &each : services_) {
+        each->start();
     }
     control_.start();
 }
@@ -63,8 +64,8 @@ void simulator::set_to_scenario()
     for (const auto &action : reset_actions_) {
         action();
     }
-    for (const json &fault : scenario_faults_) {
-        add_fault(fault);
+    for (const json &description : scenario_faults_) {
+        add_fault(description);
     }
 }
 
@@ -76,9 +77,9 @@ service &simulator::add_service(const std::string &name, const std::string &path
 
 service *simulator::find(const std::string &name) const
 {
-    for (const auto &service : services_) {
-        if (service->name() == name) {
-            return service.get();
+    for (const auto &each : services_) {
+        if (each->name() == name) {
+            return each.get();
         }
     }
     return nullptr;

@@ -25,21 +25,20 @@ public:
     /** A scenario is {"state": merge patch, "faults": [fault, …]}, both optional. */
     simulator(event_loop &loop, const json &scenario);
 
-    /** Takes all names; the control object's is the last, so whoever sees it finds everything there. */
+    /** Takes all names. The control object's name comes last, so a client that sees it finds every service there. */
     void start();
 
-    /**
-     * As at the start: the scenario, every service that was on the bus is so again, and nothing of what happened since.
-     */
+    /** Goes back to the start: every service is on the bus, state and faults are the scenario's, the call list is
+     * empty. */
     void reset();
 
-    /** For the services' files: a new service, to be filled with its tables. Its usual path is /com/brisemont/NAME. */
+    /** For the services' files: a new service without objects. Without a path it has /com/brisemont/NAME. */
     service &add_service(const std::string &name, const std::string &path = {});
 
     service *find(const std::string &name) const;
     service &at(const std::string &name) const;
 
-    /** For what a service keeps beside the state: the action is part of every reset. */
+    /** Adds an action to every reset, for a service that keeps data beside the state. */
     void on_reset(std::function<void()> action) { reset_actions_.push_back(std::move(action)); }
 
     void add_fault(const json &description);
@@ -59,18 +58,18 @@ private:
     service control_;
 };
 
-/** Each adds one service, with its part of the state. */
-void add_bypass(simulator &simulator);
-void add_config(simulator &simulator);
-void add_bmc(simulator &simulator);
-void add_upgrade(simulator &simulator);
-void add_sdr(simulator &simulator);
-void add_sel(simulator &simulator);
-void add_raid(simulator &simulator);
-void add_network(simulator &simulator);
-void add_authlog(simulator &simulator);
-void add_rstorage(simulator &simulator);
+/** Each adds one service, or two that belong together, with its section of the state. */
+void add_bypass(simulator &sim);
+void add_config(simulator &sim);
+void add_bmc(simulator &sim);
+void add_upgrade(simulator &sim);
+void add_sdr(simulator &sim);
+void add_sel(simulator &sim);
+void add_raid(simulator &sim);
+void add_network(simulator &sim);
+void add_authlog(simulator &sim);
+void add_rstorage(simulator &sim);
 
-void fill_control(service &control, simulator &simulator);
+void fill_control(service &control, simulator &sim);
 
 } // namespace bdbus_sim

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Opening the bus; failures of sd-bus as exceptions.
 #include "frame/bus.hpp"
 
 #include <algorithm>
@@ -6,10 +7,10 @@
 namespace bdbus_sim
 {
 
-int check(int result, const std::string &what)
+int check(int result, const std::string &context)
 {
     if (result < 0) {
-        throw std::system_error(-result, std::generic_category(), what);
+        throw std::system_error(-result, std::generic_category(), context);
     }
     return result;
 }

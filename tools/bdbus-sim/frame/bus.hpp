@@ -15,7 +15,7 @@ namespace bdbus_sim
 {
 
 struct bus_closer {
-    /** Replies and signals that still wait are written first. */
+    /** Writes the replies and signals that are still queued, then closes. */
     void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
 };
 using bus_ptr = std::unique_ptr<sd_bus, bus_closer>;
@@ -25,8 +25,8 @@ struct message_releaser {
 };
 using message_ptr = std::unique_ptr<sd_bus_message, message_releaser>;
 
-/** Passes a result of sd-bus or sd-event on; throws std::system_error for a negative one. */
-int check(int result, const std::string &what);
+/** Returns a result of sd-bus or sd-event; throws std::system_error for a negative one, with `context` as its text. */
+int check(int result, const std::string &context);
 
 class bus_unreachable : public std::system_error
 {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The list of received calls, kept within limits.
 #include "frame/calls.hpp"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The list of received calls. Kept as text, which is what it is asked for and takes a fraction of the memory.
+// The list of received calls. It is kept as text: that takes a fraction of the memory, and text is what clients ask
+// for.
 #pragma once
 
 #include "frame/json.hpp"

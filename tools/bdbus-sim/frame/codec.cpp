@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// D-Bus messages to JSON and back.
 #include "frame/codec.hpp"
 
 #include "common/descriptor.hpp"
@@ -15,7 +16,7 @@ namespace bdbus_sim
 namespace
 {
 
-/** A message of many tiny values grows manyfold as JSON; none that a service takes comes near this. */
+/** As JSON, a message of many tiny values takes many times its size. No call of a service comes near this limit. */
 constexpr size_t decoded_values_max = 200'000;
 constexpr int nesting_max = 32;
 
@@ -68,7 +69,7 @@ class decoder
 public:
     explicit decoder(sd_bus_message *message) : message_(message) {}
 
-    // All values up to the end of the message or of the container that was entered.
+    /** All values up to the end of the message or of the container that was entered. */
     json rest()
     {
         json values = json::array();
@@ -173,7 +174,7 @@ private:
 
 // ---- JSON to message
 
-[[noreturn]] void misfit(const std::string &type, const json &value)
+[[noreturn]] void throw_mismatch(const std::string &type, const json &value)
 {
     std::string text = to_text(value).substr(0, 60);
     throw std::invalid_argument(text + " does not fit type \"" + type + "\"");
@@ -188,7 +189,7 @@ public:
     {
         std::vector<std::string> types = split_signature(signature);
         if (!values.is_array() || values.size() != types.size()) {
-            misfit(signature, values);
+            throw_mismatch(signature, values);
         }
         for (size_t i = 0; i < types.size(); i++) {
             value(types[i], values[i]);
@@ -208,6 +209,9 @@ private:
             break;
         case '(':
             container('r', type.substr(1, type.size() - 2), value);
+            break;
+        case '{':
+            container('e', type.substr(1, type.size() - 2), value);
             break;
         case 'v':
             variant(value);
@@ -234,7 +238,7 @@ private:
     {
         bool complete = value.is_object() && value.contains("signature") && value.contains("value");
         if (!complete || !value["signature"].is_string()) {
-            misfit("v", value);
+            throw_mismatch("v", value);
         }
         auto contents = value["signature"].get<std::string>();
         container('v', contents, json::array({value["value"]}));
@@ -243,7 +247,7 @@ private:
     void bytes(const json &value)
     {
         if (!value.is_binary() && !value.is_array()) {
-            misfit("ay", value);
+            throw_mismatch("ay", value);
         }
         byte_vector converted;
         for (size_t i = 0; value.is_array() && i < value.size(); i++) {
@@ -258,15 +262,11 @@ private:
         std::string element = type.substr(1);
         bool object = element.front() == '{' && is_text(element.at(1)) && values.is_object();
         if (!object && !values.is_array()) {
-            misfit(type, values);
+            throw_mismatch(type, values);
         }
         inside('a', element, [&] {
             for (const auto &[key, entry] : values.items()) {
-                if (element.front() != '{') {
-                    value(element, entry);
-                } else {
-                    container('e', element.substr(1, element.size() - 2), object ? json::array({key, entry}) : entry);
-                }
+                value(element, object ? json::array({key, entry}) : entry);
             }
         });
     }
@@ -280,7 +280,7 @@ private:
         if (value.is_number_integer() && !value.is_number_unsigned() && std::in_range<T>(value.get<int64_t>())) {
             return static_cast<T>(value.get<int64_t>());
         }
-        misfit(type, value);
+        throw_mismatch(type, value);
     }
 
     template <typename T>
@@ -327,7 +327,7 @@ private:
             check(sd_bus_message_append_basic(message_, type.front(), value.get_ref<const std::string &>().c_str()),
                   "text");
         } else {
-            misfit(type, value);
+            throw_mismatch(type, value);
         }
     }
 
@@ -384,7 +384,7 @@ void encode(sd_bus_message *message, const std::string &signature, const json &v
 
 void check_values(const std::string &signature, const json &values)
 {
-    // A message needs a connection, if only one that nobody listens to.
+    // A message needs a connection, even if nobody listens at its other end.
     int ends[2];
     check_errno(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
     descriptor own(ends[0]);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The event loop and its timers.
 #include "frame/event.hpp"
 
 #include "frame/bus.hpp"

@@ -16,8 +16,8 @@ namespace bdbus_sim
 class event_loop;
 
 /**
- * Runs its action once; destroying it before that cancels it. The action may destroy its own timer. What it throws ends
- * the loop.
+ * Runs its action once; destroying the timer before that cancels it. The action may destroy its own timer. An exception
+ * that it throws ends the loop.
  */
 class timer
 {
@@ -51,9 +51,10 @@ public:
         return std::make_unique<timer>(*this, delay, std::move(action));
     }
 
-    /** Serves until somebody ends the loop; gives the code that it was ended with, or throws what a timer threw. */
+    /** Runs until the loop is ended; returns the code that it was ended with, or throws what a timer's action threw. */
     int run();
 
+    /** Ends the loop; run() throws the failure. */
     void fail(std::exception_ptr failure);
 
 private:

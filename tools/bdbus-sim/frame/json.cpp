@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Parsing JSON within limits, and reading objects that people wrote.
 #include "frame/json.hpp"
 
 #include <cerrno>
@@ -11,15 +12,15 @@
 namespace bdbus_sim
 {
 
-json parse_json(const std::string &text, const std::string &what)
+json parse_json(const std::string &text, const std::string &source)
 {
     if (text.size() > json_text_max) {
-        throw std::invalid_argument(what + ": longer than " + std::to_string(json_text_max) + " bytes");
+        throw std::invalid_argument(source + ": longer than " + std::to_string(json_text_max) + " bytes");
     }
 
     auto limit_depth = [&](int depth, json::parse_event_t, json &) {
         if (depth > json_depth_max) {
-            throw std::invalid_argument(what + ": nested too deep");
+            throw std::invalid_argument(source + ": nested too deep");
         }
         return true;
     };
@@ -27,8 +28,8 @@ json parse_json(const std::string &text, const std::string &what)
         return json::parse(text, limit_depth);
     } catch (const json::exception &error) {
         // Without the mark of the JSON library that begins its texts.
-        std::string why = error.what();
-        throw std::invalid_argument(what + ": " + why.substr(why.find(' ') + 1));
+        std::string reason = error.what();
+        throw std::invalid_argument(source + ": " + reason.substr(reason.find(' ') + 1));
     }
 }
 
@@ -50,8 +51,8 @@ json parse_json_argument(const std::string &argument)
     return argument.starts_with('@') ? read_json_file(argument.substr(1)) : parse_json(argument, "JSON argument");
 }
 
-object_reader::object_reader(const json &object, std::string what, const std::set<std::string> &keys)
-    : object_(object), what_(std::move(what))
+object_reader::object_reader(const json &object, std::string subject, const std::set<std::string> &keys)
+    : object_(object), subject_(std::move(subject))
 {
     if (!object.is_object()) {
         refuse("must be an object");
@@ -63,15 +64,15 @@ object_reader::object_reader(const json &object, std::string what, const std::se
     }
 }
 
-json object_reader::value(const std::string &key, const json &otherwise) const
+json object_reader::value(const std::string &key, const json &fallback) const
 {
     auto found = object_.find(key);
-    return found == object_.end() ? otherwise : *found;
+    return found == object_.end() ? fallback : *found;
 }
 
-std::string object_reader::text(const std::string &key, const std::string &otherwise) const
+std::string object_reader::text(const std::string &key, const std::string &fallback) const
 {
-    json found = value(key, otherwise);
+    json found = value(key, fallback);
     if (!found.is_string()) {
         refuse('"' + key + "\" must be a text");
     }
@@ -99,9 +100,9 @@ std::optional<uint64_t> object_reader::number(const std::string &key, uint64_t m
     return found.get<uint64_t>();
 }
 
-void object_reader::refuse(const std::string &why) const
+void object_reader::refuse(const std::string &reason) const
 {
-    throw std::invalid_argument(what_ + ": " + why);
+    throw std::invalid_argument(subject_ + ": " + reason);
 }
 
 std::string to_text(const json &value, int indent)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// JSON as the simulator uses it. A D-Bus byte array is a binary value, so that uploads are neither spelt out nor
-// converted.
+// JSON as the simulator uses it. A D-Bus byte array is a binary value, so that uploads are neither spelled out
+// nor converted.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -23,8 +23,8 @@ using byte_vector = std::vector<uint8_t>;
 constexpr size_t json_text_max = 4U << 20;
 constexpr int json_depth_max = 64;
 
-/** Parses a document; throws std::invalid_argument with a text that names `what`. */
-json parse_json(const std::string &text, const std::string &what);
+/** Parses a document; throws std::invalid_argument with a text that begins with `source`. */
+json parse_json(const std::string &text, const std::string &source);
 
 /** Parses the text itself or, when it begins with '@', the file that it names. */
 json parse_json_argument(const std::string &argument);
@@ -36,26 +36,26 @@ std::string to_text(const json &value, int indent = -1);
 
 /**
  * Reads an object that people write: every key must be known, every value of the right kind. Throws
- * std::invalid_argument with a text that begins with `what`.
+ * std::invalid_argument with a text that begins with `subject`.
  */
 class object_reader
 {
 public:
-    object_reader(const json &object, std::string what, const std::set<std::string> &keys);
+    object_reader(const json &object, std::string subject, const std::set<std::string> &keys);
 
     bool has(const std::string &key) const { return object_.contains(key); }
 
-    /** What a missing key stands for comes last. */
-    json value(const std::string &key, const json &otherwise) const;
-    std::string text(const std::string &key, const std::string &otherwise = {}) const;
+    /** A missing key has the fallback's value. */
+    json value(const std::string &key, const json &fallback) const;
+    std::string text(const std::string &key, const std::string &fallback = {}) const;
     bool flag(const std::string &key) const;
     std::optional<uint64_t> number(const std::string &key, uint64_t most = std::numeric_limits<uint64_t>::max()) const;
 
-    [[noreturn]] void refuse(const std::string &why) const;
+    [[noreturn]] void refuse(const std::string &reason) const;
 
 private:
     const json &object_;
-    std::string what_;
+    std::string subject_;
 };
 
 } // namespace bdbus_sim

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The state: checked against its shape, changed by merge patches, its passwords hidden.
 #include "frame/state.hpp"
 
 #include <systemd/sd-bus.h>
@@ -18,9 +19,9 @@ namespace
 
 constexpr size_t elements_max = 65'536;
 
-[[noreturn]] void refuse(const std::string &place, const std::string &what)
+[[noreturn]] void refuse(const std::string &place, const std::string &reason)
 {
-    throw std::invalid_argument((place.empty() ? "state" : place) + ": " + what);
+    throw std::invalid_argument((place.empty() ? "state" : place) + ": " + reason);
 }
 
 std::string below(const std::string &place, const std::string &key)
@@ -74,7 +75,7 @@ void check_text(const std::string &place, const json &value, const std::string &
 void check_shape(const std::string &place, const json &value, const json &shape);
 void check_array(const std::string &place, const json &value, const json &element, size_t least, size_t most);
 
-/** Most of a state is bytes, so no text is made for those that fit. */
+/** Most of a state is bytes, so these are checked without building the text of a place for each. */
 void check_bytes(const std::string &place, const json &value, const std::string &type)
 {
     if (value.is_array() && std::all_of(value.begin(), value.end(), in_range<uint8_t>) &&
@@ -145,10 +146,7 @@ void check_array(const std::string &place, const json &value, const json &elemen
     }
 }
 
-/**
- * The shape of an object's value; null when there must be none.
- * The shape of a member, by its name or by what kind of name it is; null when it may not be there.
- */
+/** The shape of a member, found by its name or by the kind of its name; null when there is no such member. */
 const json *find_rule(const json &shape, const std::string &key)
 {
     const std::pair<const char *, bool> kinds[] = {

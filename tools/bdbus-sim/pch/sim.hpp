@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What nearly every file needs and takes long to compile.
+// The precompiled header: what nearly every file includes and takes long to compile.
 #include <nlohmann/json.hpp>
 
 extern template class nlohmann::basic_json<>; // compiled once, in json.cpp

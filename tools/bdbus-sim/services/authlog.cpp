@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The authentication log, and the last update of a user.
 #include "simulator.hpp"
 
 #include <algorithm>
@@ -43,7 +44,7 @@ json add_entry(state_document &state, const byte_vector &request)
     for (const auto &[key, entry] : all.items()) {
         id = std::max(id, static_cast<unsigned>(std::stoul(key)) + 1);
     }
-    for (unsigned least = 1; id > 65'534; least++) { // past the last number the first that is free
+    for (unsigned least = 1; id > 65'534; least++) { // when the numbers are used up: the lowest that is free
         if (!all.contains(std::to_string(least))) {
             id = least;
         }
@@ -58,7 +59,7 @@ json delete_entry(state_document &state, const byte_vector &request)
     return entries(state).erase(std::to_string(id)) == 0 ? json{entry_not_present, 0} : json{ok, id};
 }
 
-/** Confirmed as IPMI's event log has it. */
+/** The request must begin with the confirmation that IPMI asks for to clear an event log. */
 json clear(state_document &state, const byte_vector &request)
 {
     constexpr uint8_t confirmation[] = {'C', 'L', 'R', 0xAA};
@@ -80,13 +81,13 @@ json update_user(state_document &state, const byte_vector &request)
 
 method row(state_document &state, const char *member, json (*action)(state_document &, const byte_vector &))
 {
-    return method(member, "ay", "yq", [&state, action](const call &what) {
-        const byte_vector &request = what.args[0].get_binary();
-        return request.size() == request_size ? action(state, request) : json{length_invalid, 0};
+    return method(member, "ay", "yq", [&state, action](const call &request) {
+        const byte_vector &bytes = request.args[0].get_binary();
+        return bytes.size() == request_size ? action(state, bytes) : json{length_invalid, 0};
     });
 }
 
-/** A time, an event and a name; the simulator looks into none of them. */
+/** Each entry holds a time, an event and a name; the simulator does not look into them. */
 json default_entries()
 {
     json entries;
@@ -103,14 +104,14 @@ json default_entries()
 
 } // namespace
 
-void add_authlog(simulator &simulator)
+void add_authlog(simulator &sim)
 {
-    state_document &state = simulator.state;
+    state_document &state = sim.state;
     state.add_section(
         "authlog",
         {{"capacity", 256}, {"entries", default_entries()}, {"updates", 0}, {"last_update", byte_vector(update_size)}},
         {{"capacity", "q"}, {"entries", {{"#", "39y"}}}, {"updates", "q"}, {"last_update", "21y"}});
-    simulator.add_service("AuthLog1")
+    sim.add_service("AuthLog1")
         .add_object({
             row(state, "AuthLogAddEntry", add_entry),
             row(state, "AuthLogDelEntry", delete_entry),

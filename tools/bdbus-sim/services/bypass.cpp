@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The advanced bypass, which keeps what it is sent.
 #include "simulator.hpp"
 
 namespace bdbus_sim
@@ -7,25 +8,25 @@ namespace bdbus_sim
 namespace
 {
 
-/** Keeps what was sent and answers as the state says. */
+/** A method that keeps its arguments in the state and answers what the state says. */
 method row(state_document &state, const char *member, const char *in, const std::string &place)
 {
-    return method(member, in, "i", [&state, in = std::string(in), place](const call &what) {
-        state.set(place, in.size() == 1 ? what.args[0] : what.args);
+    return method(member, in, "i", [&state, in = std::string(in), place](const call &request) {
+        state.set(place, in.size() == 1 ? request.args[0] : request.args);
         return json::array({state.at("/bypass/answer")});
     });
 }
 
 } // namespace
 
-void add_bypass(simulator &simulator)
+void add_bypass(simulator &sim)
 {
-    state_document &state = simulator.state;
+    state_document &state = sim.state;
     json defaults = {{"answer", 0}, {"global_reset", 0}, {"permanent_global_reset", 0}, {"permanent_bypass", {0, 0}}};
     json shape = {{"answer", "i"}, {"global_reset", "y"}, {"permanent_global_reset", "y"}, {"permanent_bypass", "2y"}};
     state.add_section("bypass", defaults, shape);
 
-    simulator.add_service("AdvancedBypass")
+    sim.add_service("AdvancedBypass")
         .add_object({
             row(state, "SetGlobalReset", "y", "/bypass/global_reset"),
             row(state, "SetPermanentGlobalReset", "y", "/bypass/permanent_global_reset"),

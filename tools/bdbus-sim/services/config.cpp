@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The configuration: properties that announce their changes.
 #include "simulator.hpp"
 
 #include <map>
@@ -10,7 +11,7 @@ namespace
 {
 
 struct config_key {
-    std::string name; // as in the state; what precedes its dot is the end of the interface's name
+    std::string name; // as in the state; the part before the dot ends the interface's name
     const char *type;
     json value;
     bool writable = false;
@@ -48,7 +49,7 @@ std::vector<config_key> config_keys()
     };
 }
 
-/** One signal for each interface of which something has changed. */
+/** One signal for each interface with changed properties. */
 void announce(service &config, const json &before, const json &after)
 {
     std::map<std::string, json> changed;
@@ -65,18 +66,18 @@ void announce(service &config, const json &before, const json &after)
 property row(state_document &state, const config_key &key)
 {
     std::string place = "/config/" + key.name;
-    property row(key.interface(), key.member(), key.type, [&state, place](const call &) { return state.at(place); });
+    property made(key.interface(), key.member(), key.type, [&state, place](const call &) { return state.at(place); });
     if (key.writable) {
-        row.set = [&state, place](const call &what) {
-            state.set(place, what.args[0]);
+        made.set = [&state, place](const call &request) {
+            state.set(place, request.args[0]);
         };
     }
-    return row;
+    return made;
 }
 
 } // namespace
 
-void add_config(simulator &simulator)
+void add_config(simulator &sim)
 {
     json defaults;
     json shape;
@@ -84,14 +85,14 @@ void add_config(simulator &simulator)
     for (const config_key &key : config_keys()) {
         defaults[key.name] = key.value;
         shape[key.name] = key.type;
-        properties.push_back(row(simulator.state, key));
+        properties.push_back(row(sim.state, key));
     }
-    simulator.state.add_section("config", defaults, shape);
+    sim.state.add_section("config", defaults, shape);
 
-    service &config = simulator.add_service("Config1");
+    service &config = sim.add_service("Config1");
     config.add_object({}, properties, {{"", "PropertiesChanged", "sas"}});
-    simulator.state.on_change("config",
-                              [&config](const json &before, const json &after) { announce(config, before, after); });
+    sim.state.on_change("config",
+                        [&config](const json &before, const json &after) { announce(config, before, after); });
 }
 
 } // namespace bdbus_sim

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The HPM.1 upgrade target: what each command does and answers.
 #include "services/hpm1-target.hpp"
 
 #include <bit>
@@ -170,16 +171,16 @@ bool hpm1_target::all_have(uint8_t components, uint8_t bit) const
     return all;
 }
 
-void hpm1_target::announce(event what, uint8_t id) const
+void hpm1_target::announce(component_event event, uint8_t id) const
 {
-    if (witness_ && present(id)) {
-        witness_(what, component(id));
+    if (listener_ && present(id)) {
+        listener_(event, component(id));
     }
 }
 
-void hpm1_target::announce_all(event what, uint8_t components) const
+void hpm1_target::announce_all(component_event event, uint8_t components) const
 {
-    for_each_component(components, [&](uint8_t id) { announce(what, id); });
+    for_each_component(components, [&](uint8_t id) { announce(event, id); });
 }
 
 uint8_t hpm1_target::components_present() const
@@ -193,7 +194,7 @@ uint8_t hpm1_target::components_present() const
 
 hpm1_target::property_answer hpm1_target::component_property(uint8_t id, uint8_t selector)
 {
-    settle();
+    complete_if_due();
     if (!present(id)) {
         return {invalid_field};
     }
@@ -228,13 +229,13 @@ uint8_t hpm1_target::perform(command number, const std::string &kind, std::funct
     last_command_ = number;
     auto time_is_up = [this] {
         running_->time_is_up = true;
-        settle();
+        complete_if_due();
     };
     running_ = long_command{false, polls, std::move(effect), loop_.after(busy_time, time_is_up)};
     return in_progress;
 }
 
-void hpm1_target::settle()
+void hpm1_target::complete_if_due()
 {
     if (!running_ || running_->polls > 0 || !running_->time_is_up) {
         return;
@@ -252,15 +253,15 @@ void hpm1_target::settle()
 void hpm1_target::fail(command number, uint8_t answer)
 {
     if (number == activation) {
-        announce_all(event::activation_failed, finished_);
+        announce_all(component_event::activation_failed, finished_);
     } else if (number != initiate_action) {
-        refuse(answer == timed_out ? event::upload_timed_out : event::upload_failed, answer);
+        refuse(answer == timed_out ? component_event::upload_timed_out : component_event::upload_failed, answer);
     }
 }
 
 bool hpm1_target::busy()
 {
-    settle();
+    complete_if_due();
     return running_.has_value();
 }
 
@@ -351,7 +352,7 @@ uint8_t hpm1_target::upload(uint8_t number, uint32_t length, const byte_vector &
         return is_resent(number, block) ? ok : wrong_block;
     }
     if (received_[transfer_->component].size() + length > image_bytes_max) {
-        return refuse(event::upload_failed, out_of_space);
+        return refuse(component_event::upload_failed, out_of_space);
     }
     return perform(upload_block, "block", [this, block] { take_block(block); });
 }
@@ -377,23 +378,23 @@ uint8_t hpm1_target::finish(uint8_t id, uint32_t image_length)
         return not_in_this_state;
     }
     if (id != transfer_->component || image_length != received_[id].size()) {
-        return refuse(event::upload_failed, size_differs);
+        return refuse(component_event::upload_failed, size_differs);
     }
     if ((state_.get<uint8_t>("/target/bad_signatures") >> id & 1) != 0) {
-        return refuse(event::signature_bad, data_invalid);
+        return refuse(component_event::signature_bad, data_invalid);
     }
     return perform(finish_upload, "finish", [this, id] {
         transfer_.reset();
         finished_ |= static_cast<uint8_t>(1U << id);
-        announce(event::received, id);
+        announce(component_event::received, id);
     });
 }
 
-/** What happens to the component on its way, and the answer to who sends it. */
-uint8_t hpm1_target::refuse(event what, uint8_t answer)
+/** Announces what happened to the component that is being uploaded, and passes the answer on. */
+uint8_t hpm1_target::refuse(component_event event, uint8_t answer)
 {
     if (transfer_) {
-        announce(what, transfer_->component);
+        announce(event, transfer_->component);
     }
     return answer;
 }
@@ -405,7 +406,7 @@ uint8_t hpm1_target::activate()
     if (busy() || transfer_ || finished_ == 0) {
         return not_in_this_state;
     }
-    announce_all(event::activating, finished_);
+    announce_all(component_event::activating, finished_);
     return perform(activation, "activate", [this] { activate_components(); });
 }
 
@@ -415,27 +416,27 @@ void hpm1_target::activate_components()
     for_each_component(finished_ & components_present(), [this](uint8_t id) { activate_component(id); });
     finished_ = 0;
     set_progress(false);
-    announce_all(event::restarted, activated_);
+    announce_all(component_event::restarted, activated_);
 }
 
 /**
- * What it runs now becomes the copy to go back to. With deferred activation the image waits for a restart, which is not
- * simulated.
+ * The running version becomes the one to roll back to. With deferred activation the image waits for a restart, which
+ * is not simulated.
  */
 void hpm1_target::activate_component(uint8_t id)
 {
     json next = image_version(id);
     if (has_general(id, deferred_activation)) {
         set_component(id, "deferred_version", next);
-        return announce(event::deferred, id);
+        return announce(component_event::deferred, id);
     }
     set_component(id, "rollback_version", component(id)["version"]);
     run_version(id, next);
     activated_ |= static_cast<uint8_t>(1U << id);
-    announce(event::activated, id);
+    announce(component_event::activated, id);
 }
 
-/** The first bytes of an image are its version. One that is too short for that counts as the next minor version. */
+/** An image begins with its version. An image too short for one counts as the next minor version. */
 json hpm1_target::image_version(uint8_t id) const
 {
     const byte_vector &image = received_[id];
@@ -457,18 +458,18 @@ uint8_t hpm1_target::roll_back()
         if (!has_general(id, rollback_support)) {
             return;
         }
-        announce(event::rolling_back, id);
+        announce(component_event::rolling_back, id);
         json given_up = component(id)["version"];
         run_version(id, json(component(id)["rollback_version"]));
         set_component(id, "rollback_version", given_up);
         rolled_back |= static_cast<uint8_t>(1U << id);
-        announce(event::rolled_back, id);
+        announce(component_event::rolled_back, id);
     });
     if (rolled_back == 0) {
         return not_in_this_state;
     }
     state_.set("/target/rollback_status", rolled_back);
-    announce_all(event::restarted, rolled_back);
+    announce_all(component_event::restarted, rolled_back);
     return ok;
 }
 
@@ -491,7 +492,7 @@ uint8_t hpm1_target::abort()
     transfer_.reset();
     finished_ = 0;
     set_progress(false);
-    announce_all(event::aborted, static_cast<uint8_t>(given_up));
+    announce_all(component_event::aborted, static_cast<uint8_t>(given_up));
     return ok;
 }
 

@@ -2,7 +2,8 @@
 /*
  * An HPM.1 upgrade target: components that are backed up, prepared, uploaded, activated and rolled back.
  *
- * What it is and how it behaves is in the state's sections "target" and "upgrade"; what is under way is kept here.
+ * The state's sections "target" and "upgrade" say what components there are and how they behave. The upload and the
+ * command that are under way are kept here.
  */
 #pragma once
 
@@ -40,8 +41,8 @@ public:
         not_in_this_state = 0xD5,
     };
 
-    /** What happens to a component. */
-    enum class event {
+    /** Events in the life of a component. */
+    enum class component_event {
         received, // and found to be in order
         signature_bad,
         upload_failed,
@@ -49,13 +50,13 @@ public:
         aborted,
         activating,
         activated,
-        deferred, // activated as far as is possible without a restart
+        deferred, // activated as far as possible without a restart
         activation_failed,
         rolling_back,
         rolled_back,
         restarted,
     };
-    using witness = std::function<void(event what, const json &component)>;
+    using listener = std::function<void(component_event event, const json &component)>;
 
     struct property_answer {
         uint8_t code;
@@ -71,8 +72,8 @@ public:
 
     void reset();
 
-    /** Who is told of every event, as it happens. */
-    void tell(witness whom) { witness_ = std::move(whom); }
+    /** The action is called for each event, as it happens. */
+    void on_event(listener action) { listener_ = std::move(action); }
 
     uint8_t components_present() const;
     property_answer component_property(uint8_t id, uint8_t selector);
@@ -108,7 +109,7 @@ private:
         timer_ptr due;
     };
 
-    /** An image on its way. */
+    /** An upload under way. */
     struct transfer {
         uint8_t component;
         uint64_t blocks = 0; // taken; their number goes on counting modulo 256
@@ -116,14 +117,14 @@ private:
     };
 
     uint8_t perform(command number, const std::string &kind, std::function<void()> effect);
-    void settle();
+    void complete_if_due();
     void fail(command number, uint8_t answer);
     bool busy();
 
     void begin_upload(uint8_t id);
     void take_block(const byte_vector &block);
     bool is_resent(uint8_t number, const byte_vector &block) const;
-    uint8_t refuse(event what, uint8_t answer);
+    uint8_t refuse(component_event event, uint8_t answer);
     void back_up(uint8_t components);
     void activate_components();
     void activate_component(uint8_t id);
@@ -136,12 +137,12 @@ private:
     bool has_general(uint8_t id, uint8_t bit) const;
     bool all_have(uint8_t components, uint8_t bit) const;
     void set_progress(bool upgrading);
-    void announce(event what, uint8_t id) const;
-    void announce_all(event what, uint8_t components) const;
+    void announce(component_event event, uint8_t id) const;
+    void announce_all(component_event event, uint8_t components) const;
 
     state_document &state_;
     event_loop &loop_;
-    witness witness_;
+    listener listener_;
 
     std::optional<long_command> running_;
     command last_command_ = none;

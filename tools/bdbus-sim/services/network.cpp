@@ -14,7 +14,7 @@ const std::string nodes_path = "/com/brisemont/network";
 const std::string neighbor = "LLDP.Neighbor";
 constexpr uint32_t extra_nodes_max = 1'000'000; // more fit no message
 
-/** Of a node. In the state they are the same groups and names. */
+/** A property of a node. The state has the same groups and names. */
 struct node_property {
     std::string group;
     const char *name;
@@ -91,23 +91,23 @@ std::vector<std::string> node_paths(const json &section, bool with_neighbor)
     return paths;
 }
 
-std::string node_name(const call &what)
+std::string node_name(const call &request)
 {
-    return what.path.substr(nodes_path.size() + 1);
+    return request.path.substr(nodes_path.size() + 1);
 }
 
-json read_node(const state_document &state, const call &what)
+json read_node(const state_document &state, const call &request)
 {
     const json &all = state.at("/network/nodes");
-    auto found = all.find(node_name(what));
+    auto found = all.find(node_name(request));
     return found != all.end() ? *found : extra_node();
 }
 
-void switch_lldp(state_document &state, const call &what)
+void switch_lldp(state_document &state, const call &request)
 {
-    json node = read_node(state, what);
-    node["Status"]["LLDPEnabled"] = what.args[0] != 0;
-    state.own("network")["nodes"][node_name(what)] = std::move(node);
+    json node = read_node(state, request);
+    node["Status"]["LLDPEnabled"] = request.args[0] != 0;
+    state.own("network")["nodes"][node_name(request)] = std::move(node);
 }
 
 object_table nodes(state_document &state, bool with_neighbor)
@@ -117,15 +117,16 @@ object_table nodes(state_document &state, bool with_neighbor)
     }};
     for (const auto &[group, name, type] : node_properties) {
         if (with_neighbor || group != neighbor) {
-            table.properties.emplace_back(
-                "com.brisemont.Network." + group, name, type,
-                [&state, group = group, name = name](const call &what) { return read_node(state, what)[group][name]; });
+            table.properties.emplace_back("com.brisemont.Network." + group, name, type,
+                                          [&state, group = group, name = name](const call &request) {
+                                              return read_node(state, request)[group][name];
+                                          });
         }
     }
     table.methods.emplace_back(
         "SetLLDPEnabled", "i", "",
-        [&state](const call &what) {
-            switch_lldp(state, what);
+        [&state](const call &request) {
+            switch_lldp(state, request);
             return json::array();
         },
         "com.brisemont.Network.Status");
@@ -134,19 +135,19 @@ object_table nodes(state_document &state, bool with_neighbor)
 
 } // namespace
 
-void add_network(simulator &simulator)
+void add_network(simulator &sim)
 {
-    state_document &state = simulator.state;
+    state_document &state = sim.state;
     json defaults = {{"nodes", default_nodes()}, {"extra_nodes", 0}, {"hostname", "bmc-sim"}};
     json shape = {{"nodes", {{"@", node_shape()}}}, {"extra_nodes", "u"}, {"hostname", "s"}};
     state.add_section("network", defaults, shape);
 
-    service &host = simulator.add_service("Network.Host1", nodes_path);
+    service &host = sim.add_service("Network.Host1", nodes_path);
     host.add_object(nodes(state, true));
     host.add_object(nodes(state, false));
 
-    simulator.add_service("Network1").add_object({method("SetHostname", "s", "", [&state](const call &what) {
-        state.set("/network/hostname", what.args[0]);
+    sim.add_service("Network1").add_object({method("SetHostname", "s", "", [&state](const call &request) {
+        state.set("/network/hostname", request.args[0]);
         return json::array();
     })});
 }

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// A storage controller with virtual drives, physical drives and hot spares.
 #include "simulator.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace bdbus_sim
 {
@@ -31,10 +35,10 @@ enum code : uint8_t {
     malformed = 10,
 };
 
-/** Where the values of a CreateVirtualDrive are among its arguments. */
+/** The places of the arguments of CreateVirtualDrive. */
 enum create_argument : uint8_t { level = 0, size = 4, text = 5, first_option = 6, drive_count = 15, drive_ids = 16 };
 
-// ---- a controller as it comes: a mirror to boot from, two drives on one array, two spares, two drives that are free
+// ---- the default controller: a mirror to boot from, two virtual drives on one array, two spares, two free drives
 
 json physical_drive(uint64_t mib)
 {
@@ -103,7 +107,7 @@ json shape()
 
 // ---- columns of a list
 
-/** Of the state's objects, which are in the order of their keys' letters. */
+/** Entries of the state in the order of their numbers; the state has them in the order of their keys as texts. */
 using numbered = std::map<unsigned, const json *>;
 
 numbered by_number(const json &object)
@@ -169,22 +173,23 @@ public:
     json groups() const;
     json spares() const;
     json levels() const;
-    json min_drives(const call &what) const;
-    json max_size(const call &what) const;
-    json oob_state(const call &what) const;
-    json information(const call &what) const;
+    json min_drives(const call &request) const;
+    json max_size(const call &request) const;
+    json oob_state(const call &request) const;
+    json information(const call &request) const;
 
-    json clear();
-    json create(const call &what);
-    json remove(const call &what);
-    json assign_global(const call &what) { return assign(what.args[0], json::object()); }
-    json assign_dedicated(const call &what);
-    json remove_spare(const call &what, bool dedicated);
-    json start_locate(const char *drives, const call &what);
-    json stop_locate(const char *drives, const call &what);
+    json clear(const call &request);
+    json create(const call &request);
+    json remove(const call &request);
+    json assign_global(const call &request) { return assign(request.args[0], json::object()); }
+    json assign_dedicated(const call &request);
+    json remove_global(const call &request) { return remove_spare(request.args[0], false); }
+    json remove_dedicated(const call &request) { return remove_spare(request.args[0], true); }
+    json start_locate(const char *drives, const call &request);
+    json stop_locate(const char *drives, const call &request);
 
 private:
-    // Drives that are to become one, and what is left on them.
+    // Whether drives can become a virtual drive, in which group, and how much space they have left.
     struct plan {
         code result = ok;
         unsigned group = 0;
@@ -202,6 +207,7 @@ private:
     uint64_t capacity(const json &properties, const json &ids) const;
     static code check_ids(const json &count, const json &ids, const json &among);
     json assign(const json &id, const json &spare);
+    json remove_spare(const json &id, bool dedicated);
     void drop_orphaned_spares();
 
     state_document &state_;
@@ -229,7 +235,7 @@ unsigned controller::free_group() const
     return group;
 }
 
-/** Whether there are as many as it was said, all of them known, none twice. */
+/** Checks that there are `count` ids, all of them known, none twice. */
 code controller::check_ids(const json &count, const json &ids, const json &among)
 {
     std::set<json> seen(ids.begin(), ids.end());
@@ -289,7 +295,7 @@ json controller::unconfigured() const
     return list(drives);
 }
 
-/** Groups with the number of their drives, then virtual drives with their group. */
+/** Groups with the number of their drives, then virtual drives with their groups. */
 json controller::groups() const
 {
     numbered drives = virtuals();
@@ -339,35 +345,35 @@ json controller::levels() const
 }
 
 /** The second parameter is a number of spans. */
-json controller::min_drives(const call &what) const
+json controller::min_drives(const call &request) const
 {
-    auto found = section()["levels"].find(to_text(what.args[0]));
+    auto found = section()["levels"].find(to_text(request.args[0]));
     if (found == section()["levels"].end()) {
         return {0, no_such_level};
     }
-    return {count_byte((*found)["min_drives"].get<size_t>() * std::max<size_t>(what.arg<size_t>(1), 1)), ok};
+    return {count_byte((*found)["min_drives"].get<size_t>() * std::max<size_t>(request.arg<size_t>(1), 1)), ok};
 }
 
-json controller::max_size(const call &what) const
+json controller::max_size(const call &request) const
 {
-    if (code refused = check_ids(what.args[3], what.args[4], all_physical()); refused != ok) {
+    if (code refused = check_ids(request.args[3], request.args[4], all_physical()); refused != ok) {
         return {0, refused};
     }
-    plan made = plan_for(what.args[0], what.args[4]);
+    plan made = plan_for(request.args[0], request.args[4]);
     return {made.size, made.result};
 }
 
-json controller::oob_state(const call &what) const
+json controller::oob_state(const call &request) const
 {
-    return what.args[0] == 0 ? json{section()["oob_state"], ok} : json{0, no_such_controller};
+    return request.args[0] == 0 ? json{section()["oob_state"], ok} : json{0, no_such_controller};
 }
 
-/** Of the drive with that text, or without one, with that number. */
-json controller::information(const call &what) const
+/** Finds the drive by its text or, when that is empty, by its number. */
+json controller::information(const call &request) const
 {
-    bool by_text = !what.args[0].get_ref<const std::string &>().empty();
+    bool by_text = !request.args[0].get_ref<const std::string &>().empty();
     for (const auto &[id, drive] : virtuals()) {
-        bool named = by_text ? what.args[0] == (*drive)["text"] : what.args[1] == id;
+        bool named = by_text ? request.args[0] == (*drive)["text"] : request.args[1] == id;
         if (!named) {
             continue;
         }
@@ -385,7 +391,7 @@ json controller::information(const call &what) const
 
 // ---- operations
 
-json controller::clear()
+json controller::clear(const call & /*request*/)
 {
     all_virtual() = json::object();
     for (json &drive : all_physical()) {
@@ -394,21 +400,21 @@ json controller::clear()
     return {ok};
 }
 
-json controller::create(const call &what)
+json controller::create(const call &request)
 {
-    const json &ids = what.args[drive_ids];
-    if (code refused = check_ids(what.args[drive_count], ids, all_physical()); refused != ok) {
+    const json &ids = request.args[drive_ids];
+    if (code refused = check_ids(request.args[drive_count], ids, all_physical()); refused != ok) {
         return {refused};
     }
-    plan made = plan_for(what.args[level], ids);
+    plan made = plan_for(request.args[level], ids);
     if (made.result != ok) {
         return {made.result};
     }
-    auto wanted = what.arg<uint64_t>(size);
+    auto wanted = request.arg<uint64_t>(size);
     if (wanted > made.size || made.size == 0) {
         return {too_large};
     }
-    if (what.args[text].get_ref<const std::string &>().size() > 16) {
+    if (request.args[text].get_ref<const std::string &>().size() > 16) {
         return {malformed};
     }
     unsigned id = 0;
@@ -420,17 +426,17 @@ json controller::create(const call &what)
     }
 
     json drive = virtual_drive("", made.group, 0, wanted == 0 ? made.size : wanted, ids);
-    drive["text"] = what.args[text];
-    drive["params"] = json(what.args.begin(), what.args.begin() + size);
-    drive["options"] = json(what.args.begin() + first_option, what.args.begin() + drive_count);
+    drive["text"] = request.args[text];
+    drive["params"] = json(request.args.begin(), request.args.begin() + size);
+    drive["options"] = json(request.args.begin() + first_option, request.args.begin() + drive_count);
     all_virtual()[std::to_string(id)] = drive;
     return {ok};
 }
 
-json controller::remove(const call &what)
+json controller::remove(const call &request)
 {
-    json ids = static_cast<const byte_vector &>(what.args[1].get_binary());
-    if (code refused = check_ids(what.args[0], ids, all_virtual()); refused != ok) {
+    json ids = static_cast<const byte_vector &>(request.args[1].get_binary());
+    if (code refused = check_ids(request.args[0], ids, all_virtual()); refused != ok) {
         return {refused};
     }
     for (const json &id : ids) {
@@ -462,17 +468,17 @@ json controller::assign(const json &id, const json &spare)
     return {ok};
 }
 
-json controller::assign_dedicated(const call &what)
+json controller::assign_dedicated(const call &request)
 {
-    if (!has_group(what.arg<unsigned>(0))) {
+    if (!has_group(request.arg<unsigned>(0))) {
         return {no_such_group};
     }
-    return assign(what.args[1], {{"group", what.args[0]}, {"param2", what.args[2]}});
+    return assign(request.args[1], {{"group", request.args[0]}, {"param2", request.args[2]}});
 }
 
-json controller::remove_spare(const call &what, bool dedicated)
+json controller::remove_spare(const json &id, bool dedicated)
 {
-    auto found = all_physical().find(to_text(what.args[0]));
+    auto found = all_physical().find(to_text(id));
     if (found == all_physical().end()) {
         return {no_such_drive};
     }
@@ -483,77 +489,111 @@ json controller::remove_spare(const call &what, bool dedicated)
     return {ok};
 }
 
-json controller::start_locate(const char *drives, const call &what)
+json controller::start_locate(const char *drives, const call &request)
 {
-    const byte_vector &shown = what.args[2].get_binary();
-    code refused = check_ids(what.args[0], what.args[1], section()[drives]);
-    if (refused != ok || shown.size() != what.args[1].size()) {
+    const byte_vector &shown = request.args[2].get_binary();
+    code refused = check_ids(request.args[0], request.args[1], section()[drives]);
+    if (refused != ok || shown.size() != request.args[1].size()) {
         return {refused != ok ? refused : malformed};
     }
     for (size_t i = 0; i < shown.size(); i++) {
-        section()[drives][to_text(what.args[1][i])]["locate"] = shown[i];
+        section()[drives][to_text(request.args[1][i])]["locate"] = shown[i];
     }
     return {ok};
 }
 
-json controller::stop_locate(const char *drives, const call &what)
+json controller::stop_locate(const char *drives, const call &request)
 {
-    if (code refused = check_ids(what.args[0], what.args[1], section()[drives]); refused != ok) {
+    if (code refused = check_ids(request.args[0], request.args[1], section()[drives]); refused != ok) {
         return {refused};
     }
-    for (const json &id : what.args[1]) {
+    for (const json &id : request.args[1]) {
         section()[drives][to_text(id)].erase("locate");
     }
     return {ok};
 }
 
+// ---- tables
+
+method list(const controller &raid, const char *member, const char *out, json (controller::*answer)() const)
+{
+    return method(member, "", out, [=](const call &) { return (raid.*answer)(); });
+}
+
+template <typename Answer>
+method row(const controller &raid, const char *member, const char *in, const char *out, Answer answer)
+{
+    return method(member, in, out, [self = controller(raid), answer](const call &request) mutable {
+        return std::invoke(answer, self, request);
+    });
+}
+
+template <typename Action>
+method operation(const controller &raid, const char *member, const char *in, Action action)
+{
+    return row(raid, member, in, "i", action);
+}
+
+std::vector<method> queries(const controller &raid)
+{
+    using self = controller;
+    return {
+        list(raid, "GetVirtualDriveListWithProgressStatus", "yayatayayayayayayayi", &self::virtual_drives_progress),
+        list(raid, "GetPhysicalDriveListWithProgressStatus", "yaqatayayayayayayayi", &self::physical_drives_progress),
+        list(raid, "GetVirtualDriveList", "yayati", &self::virtual_drives),
+        list(raid, "GetUnconfigDriveList", "yaqati", &self::unconfigured),
+        list(raid, "GetDriveGroupList", "yyayayyayayi", &self::groups),
+        list(raid, "GetHotSpareDriveList", "yyyaqayayi", &self::spares),
+        list(raid, "GetAvailableRaidLevel", "yayyayayayi", &self::levels),
+        row(raid, "GetMinPdNeeded", "yy", "yi", &self::min_drives),
+        row(raid, "GetMaxAvailableSize", "yyyyaq", "ti", &self::max_size),
+        row(raid, "GetCtrlOOBInitState", "is", "yi", &self::oob_state),
+        row(raid, "GetVirtualDriveInfo", "sy", "ytyyyyyyyiyaq", &self::information),
+    };
+}
+
+std::vector<method> drive_operations(const controller &raid)
+{
+    using self = controller;
+    return {
+        operation(raid, "ClearConfiguration", "", &self::clear),
+        operation(raid, "CreateVirtualDrive", "yyyytsyyyyyyyyyyaq", &self::create),
+        operation(raid, "DeleteVirtualDrive", "yay", &self::remove),
+        operation(raid, "AssignGlobalHotSpareDrive", "q", &self::assign_global),
+        operation(raid, "AssignDedicatedHotSpareDrive", "yqy", &self::assign_dedicated),
+        operation(raid, "RemoveGlobalHotSpareDrive", "q", &self::remove_global),
+        operation(raid, "RemoveDedicatedHotSpareDrive", "q", &self::remove_dedicated),
+    };
+}
+
+/** The same two operations for both kinds of drives, which have a section of the state each. */
+std::vector<method> locate_operations(const controller &raid, const std::string &kind, const char *drives)
+{
+    auto start = [=](controller &self, const call &request) {
+        return self.start_locate(drives, request);
+    };
+    auto stop = [=](controller &self, const call &request) {
+        return self.stop_locate(drives, request);
+    };
+    return {
+        operation(raid, ("StartLocate" + kind).c_str(), "yaqay", start),
+        operation(raid, ("StopLocate" + kind).c_str(), "yaq", stop),
+    };
+}
+
 } // namespace
 
-void add_raid(simulator &simulator)
+void add_raid(simulator &sim)
 {
-    simulator.state.add_section("raid", defaults(), shape());
-    controller raid(simulator.state);
-    auto query = [=](const char *member, const char *in, const char *out, auto answer) {
-        return method(member, in, out, [=](const call &what) mutable { return answer(raid, what); });
-    };
-    auto list = [=](const char *member, const char *out, json (controller::*answer)() const) {
-        return method(member, "", out, [=](const call &) { return (raid.*answer)(); });
-    };
-    auto operation = [=](const char *member, const char *in, auto answer) {
-        return query(member, in, "i", answer);
-    };
-    simulator.add_service("RAIDMgmt")
-        .add_object({
-            list("GetVirtualDriveListWithProgressStatus", "yayatayayayayayayayi", &controller::virtual_drives_progress),
-            list("GetPhysicalDriveListWithProgressStatus", "yaqatayayayayayayayi",
-                 &controller::physical_drives_progress),
-            list("GetVirtualDriveList", "yayati", &controller::virtual_drives),
-            list("GetUnconfigDriveList", "yaqati", &controller::unconfigured),
-            list("GetDriveGroupList", "yyayayyayayi", &controller::groups),
-            list("GetHotSpareDriveList", "yyyaqayayi", &controller::spares),
-            list("GetAvailableRaidLevel", "yayyayayayi", &controller::levels),
-            query("GetMinPdNeeded", "yy", "yi", std::mem_fn(&controller::min_drives)),
-            query("GetMaxAvailableSize", "yyyyaq", "ti", std::mem_fn(&controller::max_size)),
-            query("GetCtrlOOBInitState", "is", "yi", std::mem_fn(&controller::oob_state)),
-            query("GetVirtualDriveInfo", "sy", "ytyyyyyyyiyaq", std::mem_fn(&controller::information)),
-            operation("ClearConfiguration", "", [](controller &self, const call &) { return self.clear(); }),
-            operation("AssignGlobalHotSpareDrive", "q", std::mem_fn(&controller::assign_global)),
-            operation("RemoveGlobalHotSpareDrive", "q",
-                      [](controller &self, const call &what) { return self.remove_spare(what, false); }),
-            operation("RemoveDedicatedHotSpareDrive", "q",
-                      [](controller &self, const call &what) { return self.remove_spare(what, true); }),
-            operation("AssignDedicatedHotSpareDrive", "yqy", std::mem_fn(&controller::assign_dedicated)),
-            operation("StartLocateVirtualDrive", "yaqay",
-                      [](controller &self, const call &what) { return self.start_locate("virtual_drives", what); }),
-            operation("StopLocateVirtualDrive", "yaq",
-                      [](controller &self, const call &what) { return self.stop_locate("virtual_drives", what); }),
-            operation("StartLocatePhysicalDrive", "yaqay",
-                      [](controller &self, const call &what) { return self.start_locate("physical_drives", what); }),
-            operation("StopLocatePhysicalDrive", "yaq",
-                      [](controller &self, const call &what) { return self.stop_locate("physical_drives", what); }),
-            operation("DeleteVirtualDrive", "yay", std::mem_fn(&controller::remove)),
-            operation("CreateVirtualDrive", "yyyytsyyyyyyyyyyaq", std::mem_fn(&controller::create)),
-        });
+    sim.state.add_section("raid", defaults(), shape());
+    controller raid(sim.state);
+    std::vector<method> rows = queries(raid);
+    for (const std::vector<method> &more :
+         {drive_operations(raid), locate_operations(raid, "VirtualDrive", "virtual_drives"),
+          locate_operations(raid, "PhysicalDrive", "physical_drives")}) {
+        rows.insert(rows.end(), more.begin(), more.end());
+    }
+    sim.add_service("RAIDMgmt").add_object(std::move(rows));
 }
 
 } // namespace bdbus_sim

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Remote storage: disks that are mounted and presented to the host.
 #include "simulator.hpp"
 
 #include <chrono>
@@ -11,8 +12,8 @@ namespace bdbus_sim
 namespace
 {
 
-enum result : int32_t { refused = -1, done = 0, was_so = 1 };
-enum question : uint8_t { is_mounted, is_active };
+enum result : int32_t { refused = -1, done = 0, unchanged = 1 };
+enum status_query : uint8_t { is_mounted, is_active };
 
 struct disk_value {
     const char *property;
@@ -25,7 +26,7 @@ constexpr disk_value disk_values[] = {
     {"Connected", "b", "connected"},
     {"Mounted", "b", "mounted"},
     {"MediaType", "y", "media_type"},
-    {"ProcotolType", "y", "protocol_type"}, // spelt as clients ask for it
+    {"ProcotolType", "y", "protocol_type"}, // spelled as clients ask for it
     {"WriteProtected", "b", "write_protected"},
     {"SmbShareAddr", "s", "smb_share_addr"},
     {"UserName", "s", "user_name"},
@@ -42,8 +43,8 @@ public:
     disks(state_document &state, std::string path) : state_(state), prefix_(std::move(path) + "/Disk/") {}
 
     std::vector<std::string> paths() const;
-    json &at(const call &what) const { return all().at(what.path.substr(prefix_.size())); }
-    std::chrono::milliseconds mount_time(const call &what) const;
+    json &at(const call &request) const { return all().at(request.path.substr(prefix_.size())); }
+    std::chrono::milliseconds mount_time(const call &request) const;
 
 private:
     json &all() const { return state_.own("rstorage")["disks"]; }
@@ -61,9 +62,9 @@ std::vector<std::string> disks::paths() const
     return paths;
 }
 
-std::chrono::milliseconds disks::mount_time(const call &what) const
+std::chrono::milliseconds disks::mount_time(const call &request) const
 {
-    auto disk = what.path.starts_with(prefix_) ? all().find(what.path.substr(prefix_.size())) : all().end();
+    auto disk = request.path.starts_with(prefix_) ? all().find(request.path.substr(prefix_.size())) : all().end();
     return std::chrono::milliseconds(disk == all().end() ? 0U : disk->at("mount_ms").get<uint32_t>());
 }
 
@@ -75,7 +76,7 @@ struct outcome {
 outcome change(json &disk, const char *key, bool value, bool allowed)
 {
     if (disk[key] == value) {
-        return {was_so};
+        return {unchanged};
     }
     if (!allowed) {
         return {refused};
@@ -84,10 +85,10 @@ outcome change(json &disk, const char *key, bool value, bool allowed)
     return {done};
 }
 
-/** An empty password is the disk's own. */
-outcome mount(json &disk, const call &what)
+/** An empty password stands for the disk's own. */
+outcome mount(json &disk, const call &request)
 {
-    auto password = what.arg<std::string>(0);
+    auto password = request.arg<std::string>(0);
     if (!password.empty() && disk["password"] != password) {
         return {refused, "wrong password"};
     }
@@ -98,37 +99,37 @@ outcome mount(json &disk, const call &what)
     return {change(disk, "mounted", true, true).result, disk["image_name"]};
 }
 
-outcome unmount(json &disk, const call & /*what*/)
+outcome unmount(json &disk, const call & /*request*/)
 {
     return change(disk, "mounted", false, disk["active"] == false);
 }
 
-outcome gadget_start(json &disk, const call &what)
+outcome gadget_start(json &disk, const call &request)
 {
-    disk["gadget"] = what.args;
+    disk["gadget"] = request.args;
     return change(disk, "active", true, disk["mounted"] == true);
 }
 
-outcome gadget_stop(json &disk, const call & /*what*/)
+outcome gadget_stop(json &disk, const call & /*request*/)
 {
     return change(disk, "active", false, true);
 }
 
-outcome status(json &disk, const call &what)
+outcome status(json &disk, const call &request)
 {
-    auto asked = what.arg<uint8_t>(0);
+    auto asked = request.arg<uint8_t>(0);
     const char *key = asked == is_mounted ? "mounted" : asked == is_active ? "active" : "status";
     return {disk[key].get<int32_t>()};
 }
 
-/** An answer in the disk's state takes the place of the action. */
+/** A method of a disk. When the disk's state has an answer, that is given and the action is not done. */
 method row(const disks &all, const char *member, const char *in, const char *out,
            outcome (*action)(json &, const call &))
 {
-    return method(member, in, out, [=, has_text = std::string(out) == "is"](const call &what) {
-        json &disk = all.at(what);
+    return method(member, in, out, [=, has_text = std::string(out) == "is"](const call &request) {
+        json &disk = all.at(request);
         auto answer = disk["answer"].get<int32_t>();
-        auto [result, text] = answer == 0 ? action(disk, what) : outcome{answer};
+        auto [result, text] = answer == 0 ? action(disk, request) : outcome{answer};
         return has_text ? json::array({result, text}) : json::array({result});
     });
 }
@@ -177,12 +178,12 @@ json disk_shape()
 
 } // namespace
 
-void add_rstorage(simulator &simulator)
+void add_rstorage(simulator &sim)
 {
-    simulator.state.add_section("rstorage", {{"disks", default_disks()}}, {{"disks", {{"#", disk_shape()}}}});
+    sim.state.add_section("rstorage", {{"disks", default_disks()}}, {{"disks", {{"#", disk_shape()}}}});
 
-    service &service = simulator.add_service("RStorage1");
-    disks all(simulator.state, service.path());
+    service &bus_service = sim.add_service("RStorage1");
+    disks all(sim.state, bus_service.path());
     object_table table{.paths = [=] {
         return all.paths();
     }};
@@ -193,15 +194,15 @@ void add_rstorage(simulator &simulator)
         row(all, "GadgetStop", "", "i", gadget_stop),
         row(all, "Status", "y", "i", status),
     };
-    table.methods.front().duration = [=](const call &what) {
-        return all.mount_time(what);
+    table.methods.front().duration = [=](const call &request) {
+        return all.mount_time(request);
     };
-    service.keep_texts_secret();
+    bus_service.keep_texts_secret();
     for (const disk_value &value : disk_values) {
         table.properties.emplace_back("", value.property, value.type,
-                                      [=](const call &what) { return all.at(what).at(value.key); });
+                                      [=](const call &request) { return all.at(request).at(value.key); });
     }
-    service.add_object(std::move(table));
+    bus_service.add_object(std::move(table));
 }
 
 } // namespace bdbus_sim

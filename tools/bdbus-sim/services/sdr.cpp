@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The sensor data repository: records, their live values, and the notices of their changes.
 #include "services/sensors.hpp"
 #include "simulator.hpp"
 
@@ -21,8 +22,8 @@ constexpr uint16_t first_extra_id = 0x1000;
 constexpr uint8_t record_not_present = 0xCB;
 
 /**
- * A value of a record that clients set and that is announced to all of them. The call takes the record's ID and the
- * value; the signal names the author and says the same.
+ * A value of a record that clients can set. The call takes the record's ID and the value; the signal that announces the
+ * change carries its author, the ID and the value.
  */
 struct live_value {
     const char *key;
@@ -41,13 +42,13 @@ const live_value live_values[] = {
     {"thresholds", "SetThresholds", "qay", "ThresholdSet"},
 };
 
-/** The value as it is in the state, from the call's arguments. */
-json value_in(const call &what)
+/** The call's value, in the form in which the state has it. */
+json value_in(const call &request)
 {
-    if (what.args.size() > 2) {
-        return json(what.args.begin() + 1, what.args.end());
+    if (request.args.size() > 2) {
+        return json(request.args.begin() + 1, request.args.end());
     }
-    const json &value = what.args[1];
+    const json &value = request.args[1];
     if (!value.is_binary()) {
         return value;
     }
@@ -60,17 +61,14 @@ json value_in(const call &what)
 class repository
 {
 public:
-    repository(simulator &simulator, service &bus_service)
-        : loop_(simulator.loop), state_(simulator.state), service_(bus_service)
-    {
-    }
+    repository(simulator &sim, service &bus_service) : loop_(sim.loop), state_(sim.state), service_(bus_service) {}
 
     json get(uint16_t id) const;
-    uint16_t add(const call &what);
-    void remove(const call &what);
-    void set(const live_value &row, const call &what);
+    uint16_t add(const call &request);
+    void remove(const call &request);
+    void set(const live_value &row, const call &request);
 
-    // The state was changed by others than clients of the service.
+    // Announces a change of the state that no client of the service made.
     void follow(const json &before, const json &after);
 
 private:
@@ -96,7 +94,7 @@ private:
     timer_ptr next_move_;
 };
 
-// ---- the records: those of the state, and behind them the extra ones, which exist by their number alone
+// ---- the records: those in the state, then the extra ones, of which only the number is kept
 
 uint32_t repository::extras_end() const
 {
@@ -118,7 +116,7 @@ uint16_t repository::next_after(uint16_t id) const
     return static_cast<uint16_t>(next);
 }
 
-/** An extra record is in the state from its first change on. */
+/** Whoever asks for an extra record here means to change it, so it moves into the state. */
 json &repository::at(uint16_t id)
 {
     if (!has(id)) {
@@ -143,9 +141,9 @@ json repository::get(uint16_t id) const
     return {0, next_after(id), found != records().end() ? (*found)["sdr"] : extra_sensor(id)["sdr"]};
 }
 
-uint16_t repository::add(const call &what)
+uint16_t repository::add(const call &request)
 {
-    const byte_vector &sdr = what.args[0].get_binary();
+    const byte_vector &sdr = request.args[0].get_binary();
     if (sdr.size() != sdr_size) {
         throw std::invalid_argument("a record is 64 bytes");
     }
@@ -159,34 +157,34 @@ uint16_t repository::add(const call &what)
 
     json record = sensor_record(id, sdr);
     records()[std::to_string(id)] = record;
-    service_.emit("RecordAdded", "say", {what.sender, record["sdr"]});
+    service_.emit("RecordAdded", "say", {request.sender, record["sdr"]});
     return id;
 }
 
-void repository::remove(const call &what)
+void repository::remove(const call &request)
 {
-    auto id = what.arg<uint16_t>(0);
+    auto id = request.arg<uint16_t>(0);
     at(id);
     if (is_extra(id)) {
-        // Those above it become records like all others, for the extra ones leave no gap.
+        // Extra records have no gaps between them, so the ones above it become ordinary records.
         for (uint32_t above = id + 1U; above < extras_end(); above++) {
             at(static_cast<uint16_t>(above));
         }
         section()["extra_records"] = id - first_extra_id;
     }
     records().erase(std::to_string(id));
-    service_.emit("RecordDeleted", "sq", {what.sender, id});
+    service_.emit("RecordDeleted", "sq", {request.sender, id});
 }
 
-void repository::set(const live_value &row, const call &what)
+void repository::set(const live_value &row, const call &request)
 {
-    auto id = what.arg<uint16_t>(0);
-    json value = value_in(what);
+    auto id = request.arg<uint16_t>(0);
+    json value = value_in(request);
     at(id)[row.key] = value;
-    announce(row, what.sender, id, value);
+    announce(row, request.sender, id, value);
 }
 
-// ---- what is announced
+// ---- announcements
 
 void repository::announce(const live_value &row, const std::string &author, uint16_t id, const json &value)
 {
@@ -200,7 +198,7 @@ void repository::announce(const live_value &row, const std::string &author, uint
     service_.emit(row.announced, "s" + signature, args);
 }
 
-/** Who hears of a new record gives it the values of its 64 bytes, so only others need saying. */
+/** Clients take the values of a new record from its 64 bytes, so only values that differ are announced. */
 void repository::announce_record(uint16_t id, const json *before, const json &after)
 {
     json known = before != nullptr ? *before : json();
@@ -218,7 +216,7 @@ void repository::announce_record(uint16_t id, const json *before, const json &af
     }
 }
 
-/** Records may come into the state as no more than their 64 bytes. */
+/** A record may be set as just its 64 bytes; the other values are then taken from them. */
 void repository::complete()
 {
     for (auto &[key, record] : records().items()) {
@@ -269,7 +267,7 @@ void repository::schedule_move()
     }
 }
 
-/** A few sensors make a small step, inside the limits beyond which they would be worth an event. */
+/** Moves a few readings by one step, within the limits beyond which they would cause an event. */
 void repository::move()
 {
     constexpr int at_a_time = 3;
@@ -290,17 +288,17 @@ void repository::move()
 std::vector<method> methods(const std::shared_ptr<repository> &sdr)
 {
     std::vector<method> rows = {
-        method("GetSdr", "q", "yqay", [=](const call &what) { return sdr->get(what.arg<uint16_t>(0)); }),
-        method("AddSdr", "ay", "q", [=](const call &what) { return json::array({sdr->add(what)}); }),
+        method("GetSdr", "q", "yqay", [=](const call &request) { return sdr->get(request.arg<uint16_t>(0)); }),
+        method("AddSdr", "ay", "q", [=](const call &request) { return json::array({sdr->add(request)}); }),
         method("DeleteSdr", "q", "",
-               [=](const call &what) {
-                   sdr->remove(what);
+               [=](const call &request) {
+                   sdr->remove(request);
                    return json::array();
                }),
     };
     for (const live_value &row : live_values) {
-        rows.emplace_back(row.set, row.set_signature, "", [sdr, &row](const call &what) {
-            sdr->set(row, what);
+        rows.emplace_back(row.set, row.set_signature, "", [sdr, &row](const call &request) {
+            sdr->set(row, request);
             return json::array();
         });
     }
@@ -318,7 +316,7 @@ std::vector<signal_row> announcements()
 
 } // namespace
 
-void add_sdr(simulator &simulator)
+void add_sdr(simulator &sim)
 {
     json record = {{"sdr", "64y"},
                    {"reading?", "y"},
@@ -328,12 +326,12 @@ void add_sdr(simulator &simulator)
                    {"thresholds?", "7y"}};
     json defaults = {{"records", default_sensors()}, {"moving_ms", 0}, {"extra_records", 0}};
     json shape = {{"records", {{"#", record}}}, {"moving_ms", "u"}, {"extra_records", "q"}};
-    simulator.state.add_section("sdr", defaults, shape);
+    sim.state.add_section("sdr", defaults, shape);
 
-    service &service = simulator.add_service("SensorDataRepository1");
-    auto sdr = std::make_shared<repository>(simulator, service);
-    service.add_object(methods(sdr), {}, announcements());
-    simulator.state.on_change("sdr", [sdr](const json &before, const json &after) { sdr->follow(before, after); });
+    service &bus_service = sim.add_service("SensorDataRepository1");
+    auto sdr = std::make_shared<repository>(sim, bus_service);
+    bus_service.add_object(methods(sdr), {}, announcements());
+    sim.state.on_change("sdr", [sdr](const json &before, const json &after) { sdr->follow(before, after); });
 }
 
 } // namespace bdbus_sim

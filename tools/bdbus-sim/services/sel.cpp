@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The system event log: it fills up, is reserved and cleared, and says so.
 #include "simulator.hpp"
 
 #include <algorithm>
@@ -69,8 +70,8 @@ void put_stamp(Entry &entry, uint32_t stamp)
 }
 
 /**
- * The times of a morning on which the controller lost its mains and a fan; what precedes the setting of its clock is
- * counted from its start.
+ * A morning on which the controller lost its mains and a fan. Times before the clock was set count from the start of
+ * the controller.
  */
 json default_entries()
 {
@@ -123,12 +124,12 @@ public:
     void reset();
     json add(const byte_vector &record);
     json reserve();
-    json clear(const call &what);
-    json get(const call &what) const;
+    json clear(const call &request);
+    json get(const call &request) const;
     json info() const;
     json allocation() const;
 
-    // Sends the notices that the step from one state to the next asks for.
+    // Sends the notices for the change from one state to the next.
     void notice(const json &before, const json &after);
 
 private:
@@ -137,7 +138,7 @@ private:
     size_t free_entries() const;
     uint16_t free_id() const;
     void erase();
-    uint8_t check_part(const call &what, size_t &size) const;
+    uint8_t check_part(const call &request, size_t &size) const;
 
     state_document &state_;
     service &service_;
@@ -170,7 +171,7 @@ size_t event_log::free_entries() const
     return capacity - std::min(capacity, entries().size());
 }
 
-/** The one after the last entry's; past the end of the numbers the first that is free. */
+/** The ID after the last entry's, or when that is taken the next free one. */
 uint16_t event_log::free_id() const
 {
     std::set<unsigned> taken = {first_entry, last_entry};
@@ -253,15 +254,15 @@ void event_log::erase()
     service_.emit("SelCleared", "", json::array());
 }
 
-json event_log::clear(const call &what)
+json event_log::clear(const call &request)
 {
-    if (reservation_ != what.arg<uint16_t>(0)) {
+    if (reservation_ != request.arg<uint16_t>(0)) {
         return {reservation_lost, 0};
     }
-    if (what.arg<char>(1) != 'C' || what.arg<char>(2) != 'L' || what.arg<char>(3) != 'R') {
+    if (request.arg<char>(1) != 'C' || request.arg<char>(2) != 'L' || request.arg<char>(3) != 'R') {
         return {invalid_field, 0};
     }
-    auto action = what.arg<uint8_t>(4);
+    auto action = request.arg<uint8_t>(4);
     if (action != start_erasing && action != get_progress) {
         return {invalid_field, 0};
     }
@@ -275,28 +276,28 @@ json event_log::clear(const call &what)
     return {ok, polls_left_ ? under_way : complete};
 }
 
-/** Of a read's bytes; `size` becomes their number. */
-uint8_t event_log::check_part(const call &what, size_t &size) const
+/** Checks which bytes of an entry are asked for; `size` becomes their number. */
+uint8_t event_log::check_part(const call &request, size_t &size) const
 {
-    auto offset = what.arg<uint8_t>(2);
-    auto count = what.arg<uint8_t>(3);
+    auto offset = request.arg<uint8_t>(2);
+    auto count = request.arg<uint8_t>(3);
     size_t rest = offset < entry_size ? entry_size - offset : 0;
     size = count == whole_entry ? rest : count;
     if (offset == 0 && size == entry_size) {
         return ok;
     }
-    if (reservation_ != what.arg<uint16_t>(0)) {
+    if (reservation_ != request.arg<uint16_t>(0)) {
         return reservation_lost;
     }
     return rest == 0 ? offset_invalid : size > rest ? too_many_bytes : ok;
 }
 
-json event_log::get(const call &what) const
+json event_log::get(const call &request) const
 {
     auto refusal = [](uint8_t why) {
         return json::array({why, last_entry, json::array()});
     };
-    auto id = what.arg<uint16_t>(1);
+    auto id = request.arg<uint16_t>(1);
     const json &all = entries();
     auto found = id == first_entry ? all.begin() : std::find_if(all.begin(), all.end(), [&](const json &entry) {
         return id_of(entry) == id || (id == last_entry && &entry == &all.back());
@@ -305,13 +306,13 @@ json event_log::get(const call &what) const
         return refusal(record_not_present);
     }
     size_t size = 0;
-    uint8_t answer = check_part(what, size);
+    uint8_t answer = check_part(request, size);
     if (answer != ok) {
         return refusal(answer);
     }
 
     auto next = std::next(found);
-    auto from = found->begin() + what.arg<uint8_t>(2);
+    auto from = found->begin() + request.arg<uint8_t>(2);
     return {ok, next == all.end() ? last_entry : id_of(*next), json(from, from + static_cast<long>(size))};
 }
 
@@ -330,7 +331,7 @@ json event_log::allocation() const
 
 } // namespace
 
-void add_sel(simulator &simulator)
+void add_sel(simulator &sim)
 {
     json defaults = {
         {"capacity", 64}, {"almost_full", 90}, {"entries", default_entries()}, {"erase_polls", 1}, {"version", 0x51}};
@@ -339,22 +340,23 @@ void add_sel(simulator &simulator)
                   {"entries", json::array({"16y"})},
                   {"erase_polls", "q"},
                   {"version", "y"}};
-    simulator.state.add_section("sel", defaults, shape);
+    sim.state.add_section("sel", defaults, shape);
 
-    service &service = simulator.add_service("SystemEventLog1");
-    auto log = std::make_shared<event_log>(simulator.state, service);
-    service.add_object(
+    service &bus_service = sim.add_service("SystemEventLog1");
+    auto log = std::make_shared<event_log>(sim.state, bus_service);
+    bus_service.add_object(
         {
-            method("AddSelEntry", "ay", "yq", [=](const call &what) { return log->add(what.args[0].get_binary()); }),
+            method("AddSelEntry", "ay", "yq",
+                   [=](const call &request) { return log->add(request.args[0].get_binary()); }),
             method("ReserveSel", "", "yq", [=](const call &) { return log->reserve(); }),
-            method("ClearSel", "qyyyy", "yy", [=](const call &what) { return log->clear(what); }),
-            method("GetSelEntry", "qqyy", "yqay", [=](const call &what) { return log->get(what); }),
+            method("ClearSel", "qyyyy", "yy", [=](const call &request) { return log->clear(request); }),
+            method("GetSelEntry", "qqyy", "yqay", [=](const call &request) { return log->get(request); }),
             method("GetSelInfo", "", "yyqquuy", [=](const call &) { return log->info(); }),
             method("GetSelAllocInfo", "", "yqqqqy", [=](const call &) { return log->allocation(); }),
         },
         {}, {{"", "SelAlmostFull", ""}, {"", "SelFull", ""}, {"", "SelCleared", ""}});
-    simulator.state.on_change("sel", [log](const json &before, const json &after) { log->notice(before, after); });
-    simulator.on_reset([log] { log->reset(); });
+    sim.state.on_change("sel", [log](const json &before, const json &after) { log->notice(before, after); });
+    sim.on_reset([log] { log->reset(); });
 }
 
 } // namespace bdbus_sim

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Full sensor records made from a table of sensors.
 #include "services/sensors.hpp"
 
 #include <algorithm>
@@ -12,7 +13,7 @@ namespace bdbus_sim
 namespace
 {
 
-/** What sensors of one kind have in common: their reading means (m * raw + b * 10^b_exponent) * 10^r_exponent. */
+/** What sensors of one kind share: a raw reading stands for (m * raw + b * 10^b_exponent) * 10^r_exponent. */
 struct sensor_kind {
     uint8_t type; // of IPMI's sensor types
     uint8_t unit;
@@ -83,7 +84,7 @@ constexpr sensor_group groups[] = {
     {"Fan# Current", 16, 0x1D, &small_current, 0.84, {none, none, none}, {2.6, 3, none}, 0.04},
 };
 
-/** Where what is in a full sensor record. */
+/** The places of the fields in a full sensor record. */
 enum sdr_offset : size_t {
     id_at = 0,
     header_at = 2,
@@ -134,7 +135,7 @@ uint8_t to_raw(const sensor_kind &kind, double value)
     return clamped((value / std::pow(10, kind.r_exponent) - kind.b * std::pow(10, kind.b_exponent)) / kind.m);
 }
 
-/** M and B are 10 bits wide: the two uppermost are in the second byte, with what else is kept there. */
+/** M and B are 10 bits wide. The upper two bits share the second byte with six bits of another field, `below`. */
 void put_factor(byte_vector &sdr, size_t offset, int factor, int below)
 {
     put_word(sdr, offset, (factor & 0xFF) | ((factor >> 8 & 3) << 6 | (below & 0x3F)) << 8);
@@ -152,8 +153,9 @@ void put_kind(byte_vector &sdr, const sensor_kind &kind)
 }
 
 /**
- * Lower limits send their events when a reading falls below them, upper ones when it rises above. The uppermost bits
- * say which comparisons a reading comes with: the lower ones in the first mask, the upper ones in the second.
+ * A lower limit causes an event when a reading falls below it, an upper one when it rises above it. The highest bits of
+ * the masks say which limits readings are compared with: the lower ones in the first mask, the upper ones in the
+ * second.
  */
 void put_limits(byte_vector &sdr, const sensor_group &group)
 {
@@ -176,7 +178,7 @@ void put_limits(byte_vector &sdr, const sensor_group &group)
     sdr[readable_at] = sdr[settable_at] = static_cast<uint8_t>(readable);
 }
 
-/** Up to the limits where there are any. */
+/** The normal range ends at the non-critical limits, where the sensor has them. */
 void put_range(byte_vector &sdr, const sensor_group &group)
 {
     auto limit_or = [&](double limit, double share) {

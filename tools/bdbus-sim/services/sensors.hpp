@@ -21,7 +21,7 @@ json sensor_record(uint16_t id, json sdr);
 /** The records of the sensors that the controller has by default, by their IDs. */
 json default_sensors();
 
-/** One of the many that only make a repository large. */
+/** One of the sensors that are there to make a repository large. */
 json extra_sensor(uint16_t id);
 
 } // namespace bdbus_sim

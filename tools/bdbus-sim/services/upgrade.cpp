@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The upgrade service: versions, flash selection, and the HPM.1 target with its notices.
 #include "simulator.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 
 namespace bdbus_sim
@@ -13,7 +15,7 @@ namespace
 const char *const component_names[] = {"BmcUboot", "BmcFw", "BmcConf", "Fpga", "Bios", "Nvram", "Cpld"};
 const char *const backup_names[] = {"BmcFw", "Fpga", "Bios", "Cpld"};
 
-/** What others tell the service. */
+/** Signals that the service counts when others send them. */
 const char *const noted_names[] = {"BmcSensorsReady", "FpgaChangeHandle", "BiosChangeHandle", "NvramChangeHandle"};
 
 /** The PICMG identifier of every reply, after its completion code. */
@@ -39,12 +41,14 @@ json component_value(const state_document &state, const std::string &name, const
 
 const std::string version_kind = "Version";
 
-/** A component's notices: its name in the target, how their names begin and how they end. */
-const struct {
+/** The notices of a component: its name in the target, the prefix of their names, and their kinds. */
+struct notices {
     std::string component;
     std::string prefix;
     std::vector<std::string> kinds;
-} component_notices[] = {
+};
+
+const notices component_notices[] = {
     {"BmcUboot",
      "Uboot",
      {"Change", "UpdateSucceed", "UpdateAborted", "UpdateFail", "UpdateTimeout", "ActivationFail", version_kind,
@@ -77,20 +81,20 @@ const struct {
       version_kind, "SignVerifyPass", "SignVerifyFail"}},
 };
 
-/** What an event is told with, in this order: by those of the notices that the component has. */
-const std::map<hpm1_target::event, std::vector<std::string>> event_notices = {
-    {hpm1_target::event::received, {"SignVerifyPass", "UpdatePending"}},
-    {hpm1_target::event::signature_bad, {"SignFail", "SignVerifyFail", "UpdateFail"}},
-    {hpm1_target::event::upload_failed, {"UpdateFail"}},
-    {hpm1_target::event::upload_timed_out, {"UpdateTimeout"}},
-    {hpm1_target::event::aborted, {"UpdateAborted"}},
-    {hpm1_target::event::activating, {"UpdateStart"}},
-    {hpm1_target::event::activated, {"UpdateEnd", "UpdateSucceed", version_kind, "Change"}},
-    {hpm1_target::event::deferred, {"UpdateEnd", "UpdatePending"}},
-    {hpm1_target::event::activation_failed, {"UpdateEnd", "ActivationFail", "UpdateFail"}},
-    {hpm1_target::event::rolling_back, {"ManualRollbackInitiated"}},
-    {hpm1_target::event::rolled_back, {"ManualRollbackSucceed", "RollbackSucceed", version_kind, "Change"}},
-    {hpm1_target::event::restarted, {"Reset"}},
+/** The kinds of notices for an event, in this order; a component sends those that it has. */
+const std::map<hpm1_target::component_event, std::vector<std::string>> event_notices = {
+    {hpm1_target::component_event::received, {"SignVerifyPass", "UpdatePending"}},
+    {hpm1_target::component_event::signature_bad, {"SignFail", "SignVerifyFail", "UpdateFail"}},
+    {hpm1_target::component_event::upload_failed, {"UpdateFail"}},
+    {hpm1_target::component_event::upload_timed_out, {"UpdateTimeout"}},
+    {hpm1_target::component_event::aborted, {"UpdateAborted"}},
+    {hpm1_target::component_event::activating, {"UpdateStart"}},
+    {hpm1_target::component_event::activated, {"UpdateEnd", "UpdateSucceed", version_kind, "Change"}},
+    {hpm1_target::component_event::deferred, {"UpdateEnd", "UpdatePending"}},
+    {hpm1_target::component_event::activation_failed, {"UpdateEnd", "ActivationFail", "UpdateFail"}},
+    {hpm1_target::component_event::rolling_back, {"ManualRollbackInitiated"}},
+    {hpm1_target::component_event::rolled_back, {"ManualRollbackSucceed", "RollbackSucceed", version_kind, "Change"}},
+    {hpm1_target::component_event::restarted, {"Reset"}},
 };
 
 /** A version's notice carries the version, the others nothing. */
@@ -99,14 +103,17 @@ std::string signature_of(const std::string &kind)
     return kind == version_kind ? "ay" : "";
 }
 
-void announce(service &upgrade, hpm1_target::event what, const json &component)
+void announce(service &upgrade, hpm1_target::component_event event, const json &component)
 {
-    for (const auto &[name, prefix, kinds] : component_notices) {
-        for (const std::string &kind : event_notices.at(what)) {
-            if (name == component["name"] && std::find(kinds.begin(), kinds.end(), kind) != kinds.end()) {
-                upgrade.emit(prefix + kind, signature_of(kind),
-                             kind == version_kind ? json::array({component["version"]}) : json::array());
-            }
+    auto own = std::find_if(std::begin(component_notices), std::end(component_notices),
+                            [&](const notices &row) { return row.component == component["name"]; });
+    if (own == std::end(component_notices)) {
+        return;
+    }
+    for (const std::string &kind : event_notices.at(event)) {
+        if (std::find(own->kinds.begin(), own->kinds.end(), kind) != own->kinds.end()) {
+            upgrade.emit(own->prefix + kind, signature_of(kind),
+                         kind == version_kind ? json::array({component["version"]}) : json::array());
         }
     }
 }
@@ -135,15 +142,15 @@ json capabilities(const state_document &state, const hpm1_target &target)
     return values;
 }
 
-json component_property(hpm1_target &target, const call &what)
+json component_property(hpm1_target &target, const call &request)
 {
-    auto answer = target.component_property(what.arg<uint8_t>(1), what.arg<uint8_t>(2));
+    auto answer = target.component_property(request.arg<uint8_t>(1), request.arg<uint8_t>(2));
     return json::array({answer.code, picmg_id, answer.bytes});
 }
 
-uint8_t upload(hpm1_target &target, const call &what)
+uint8_t upload(hpm1_target &target, const call &request)
 {
-    return target.upload(what.arg<uint8_t>(1), what.arg<uint32_t>(2), what.args[3].get_binary());
+    return target.upload(request.arg<uint8_t>(1), request.arg<uint32_t>(2), request.args[3].get_binary());
 }
 
 json upgrade_status(hpm1_target &target)
@@ -166,35 +173,35 @@ json answer(uint8_t result)
 
 constexpr uint32_t flashes = 2;
 
-json select_bmc_flash(state_document &state, const call &what)
+json select_bmc_flash(state_document &state, const call &request)
 {
-    if (what.arg<uint32_t>(0) >= flashes) {
+    if (request.arg<uint32_t>(0) >= flashes) {
         return answer(hpm1_target::invalid_field);
     }
-    state.set("/upgrade/bmc_flash", what.args[0]);
+    state.set("/upgrade/bmc_flash", request.args[0]);
     return answer(hpm1_target::ok);
 }
 
 /** The BIOS goes on from the other flash at once. */
-json select_bios_flash(state_document &state, service &upgrade, const call &what)
+json select_bios_flash(state_document &state, service &upgrade, const call &request)
 {
-    if (what.arg<uint32_t>(0) >= flashes) {
+    if (request.arg<uint32_t>(0) >= flashes) {
         return answer(hpm1_target::invalid_field);
     }
-    if (state.at("/upgrade/bios_flash") == what.args[0]) {
+    if (state.at("/upgrade/bios_flash") == request.args[0]) {
         return answer(hpm1_target::ok);
     }
     for (const std::string kind : {"FlashSwapRunning", "FlashSwapFinished"}) {
         upgrade.emit("Bios" + kind, "", json::array());
     }
-    state.set("/upgrade/bios_flash", what.args[0]);
-    upgrade.emit("BiosFlash" + what.args[0].dump() + "BootInit", "", json::array());
+    state.set("/upgrade/bios_flash", request.args[0]);
+    upgrade.emit("BiosFlash" + request.args[0].dump() + "BootInit", "", json::array());
     return answer(hpm1_target::ok);
 }
 
-json set_version(state_document &state, const std::string &name, const call &what)
+json set_version(state_document &state, const std::string &name, const call &request)
 {
-    const byte_vector &version = what.args[0].get_binary();
+    const byte_vector &version = request.args[0].get_binary();
     if (version.size() != hpm1_target::version_size) {
         return answer(hpm1_target::length_invalid);
     }
@@ -207,9 +214,9 @@ json set_version(state_document &state, const std::string &name, const call &wha
     return answer(hpm1_target::not_in_this_state);
 }
 
-json set_factory_mode(state_document &state, const call &what)
+json set_factory_mode(state_document &state, const call &request)
 {
-    state.set("/upgrade/factory_mode", what.args[0]);
+    state.set("/upgrade/factory_mode", request.args[0]);
     return answer(hpm1_target::ok);
 }
 
@@ -223,22 +230,24 @@ std::vector<method> methods(state_document &state, hpm1_target &target, service 
     auto *u = &upgrade;
     return {
         method("GetTargetUpgradeCaps", "y", "yyyyyyyyy", [=](const call &) { return capabilities(*s, *t); }),
-        method("GetComponentProps", "yyy", "yyay", [=](const call &what) { return component_property(*t, what); }),
+        method("GetComponentProps", "yyy", "yyay",
+               [=](const call &request) { return component_property(*t, request); }),
         method("AbortFirmwareUpgrade", "y", "yy", [=](const call &) { return code(t->abort()); }),
-        method("InitiateUpgradeAction", "yyy", "yy",
-               [=](const call &what) { return code(t->initiate(what.arg<uint8_t>(1), what.arg<uint8_t>(2))); }),
-        method("UploadFirmwareBlock", "yyuay", "yy", [=](const call &what) { return code(upload(*t, what)); }),
+        method(
+            "InitiateUpgradeAction", "yyy", "yy",
+            [=](const call &request) { return code(t->initiate(request.arg<uint8_t>(1), request.arg<uint8_t>(2))); }),
+        method("UploadFirmwareBlock", "yyuay", "yy", [=](const call &request) { return code(upload(*t, request)); }),
         method("FinishFirmwareUpload", "yyu", "yy",
-               [=](const call &what) { return code(t->finish(what.arg<uint8_t>(1), what.arg<uint32_t>(2))); }),
+               [=](const call &request) { return code(t->finish(request.arg<uint8_t>(1), request.arg<uint32_t>(2))); }),
         method("GetUpgradeStatus", "y", "yyyy", [=](const call &) { return upgrade_status(*t); }),
         method("ActivateFirmware", "y", "yy", [=](const call &) { return code(t->activate()); }),
         method("QueryRollbackStatus", "y", "yyy", [=](const call &) { return rollback_status(*s); }),
         method("InitiateManualRollback", "y", "yy", [=](const call &) { return code(t->roll_back()); }),
-        method("SetBmcFlashSelect", "u", "y", [=](const call &what) { return select_bmc_flash(*s, what); }),
-        method("SetBiosFlashSelect", "u", "y", [=](const call &what) { return select_bios_flash(*s, *u, what); }),
-        method("SetBiosVersion", "ay", "y", [=](const call &what) { return set_version(*s, "Bios", what); }),
-        method("SetNvramVersion", "ay", "y", [=](const call &what) { return set_version(*s, "Nvram", what); }),
-        method("BmcFactoryModeNotify", "y", "y", [=](const call &what) { return set_factory_mode(*s, what); }),
+        method("SetBmcFlashSelect", "u", "y", [=](const call &request) { return select_bmc_flash(*s, request); }),
+        method("SetBiosFlashSelect", "u", "y", [=](const call &request) { return select_bios_flash(*s, *u, request); }),
+        method("SetBiosVersion", "ay", "y", [=](const call &request) { return set_version(*s, "Bios", request); }),
+        method("SetNvramVersion", "ay", "y", [=](const call &request) { return set_version(*s, "Nvram", request); }),
+        method("BmcFactoryModeNotify", "y", "y", [=](const call &request) { return set_factory_mode(*s, request); }),
     };
 }
 
@@ -276,7 +285,7 @@ std::vector<property> properties(const state_document &state)
 
 } // namespace
 
-void add_upgrade(simulator &simulator)
+void add_upgrade(simulator &sim)
 {
     json defaults = json::object();
     json shape = json::object();
@@ -292,19 +301,19 @@ void add_upgrade(simulator &simulator)
         defaults["notices"][name] = 0;
         shape["notices"][name] = "u";
     }
-    state_document &state = simulator.state;
+    state_document &state = sim.state;
     state.add_section("upgrade", defaults, shape);
 
-    service &upgrade = simulator.add_service("Upgrade1");
-    upgrade.add_object(methods(state, simulator.target, upgrade), properties(state), signals());
+    service &upgrade = sim.add_service("Upgrade1");
+    upgrade.add_object(methods(state, sim.target, upgrade), properties(state), signals());
     for (const std::string name : noted_names) {
         upgrade.listen(name, [&state, name] {
             const std::string count = "/upgrade/notices/" + name;
             state.set(count, state.get<uint32_t>(count) + 1);
         });
     }
-    simulator.target.tell(
-        [&upgrade](hpm1_target::event what, const json &component) { announce(upgrade, what, component); });
+    sim.target.on_event(
+        [&upgrade](hpm1_target::component_event event, const json &component) { announce(upgrade, event, component); });
 }
 
 } // namespace bdbus_sim
