@@ -96,7 +96,10 @@ service &simulator::at(const std::string &name) const
 
 void simulator::add_fault(const json &description)
 {
-    faults.add(description, [this](const std::string &name) { return find(name); });
+    faults.add(description, [this](const std::string &name) {
+        const service *found = find(name);
+        return found != nullptr ? &found->objects() : nullptr;
+    });
 }
 
 } // namespace bdbus_sim

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// Reading the descriptions of faults, and changing replies.
 #include "frame/faults.hpp"
 
 #include "frame/codec.hpp"
-#include "frame/service.hpp"
 
 #include <algorithm>
+#include <set>
 #include <stdexcept>
+#include <utility>
 
 namespace bdbus_sim
 {
@@ -18,9 +20,9 @@ constexpr uint64_t delay_max_ms = 24UL * 3600 * 1000;
 /** A bus cuts the connection of a sender whose message is over its limit, usually 32 MiB. */
 constexpr uint64_t oversize_max = 24U << 20;
 
-[[noreturn]] void refuse(const std::string &what)
+[[noreturn]] void refuse(const std::string &reason)
 {
-    throw std::invalid_argument("fault: " + what);
+    throw std::invalid_argument("fault: " + reason);
 }
 
 // ---- reading a description
@@ -54,12 +56,12 @@ reply read_reply(const json &object)
     return instead;
 }
 
-announcement read_signal(const json &object)
+signal_message read_signal(const json &object)
 {
     object_reader description(object, "fault: \"signal\"", {"member", "signature", "args", "interface", "path"});
-    announcement signal{description.text("member"), description.text("signature"),
-                        description.value("args", json::array()), description.text("interface"),
-                        description.text("path")};
+    signal_message signal{description.text("member"), description.text("signature"),
+                          description.value("args", json::array()), description.text("interface"),
+                          description.text("path")};
     if (sd_bus_member_name_is_valid(signal.member.c_str()) <= 0) {
         description.refuse("\"member\" must be the name of a signal");
     }
@@ -93,108 +95,114 @@ void check_action(const object_reader &description)
     }
 }
 
-void read_action(fault &fault, const object_reader &description)
+void read_action(fault &added, const object_reader &description)
 {
     check_action(description);
-    fault.delay = duration(description, "delay_ms");
-    fault.no_reply = description.flag("no_reply");
-    fault.truncate = description.number("truncate");
-    fault.oversize = description.number("oversize", oversize_max);
+    added.delay = duration(description, "delay_ms");
+    added.no_reply = description.flag("no_reply");
+    added.truncate = description.number("truncate");
+    added.oversize = description.number("oversize", oversize_max);
     if (auto code = description.number("completion_code", 255)) {
-        fault.completion_code = static_cast<uint8_t>(*code);
+        added.completion_code = static_cast<uint8_t>(*code);
     }
-    fault.carry_out = description.flag("carry_out");
-    fault.die = description.flag("die");
+    added.carry_out = description.flag("carry_out");
+    added.die = description.flag("die");
     if (description.has("return_after_ms")) {
-        fault.return_after = duration(description, "return_after_ms");
+        added.return_after = duration(description, "return_after_ms");
     }
     if (description.has("signal")) {
-        fault.signal = read_signal(description.value("signal", {}));
+        added.signal = read_signal(description.value("signal", {}));
     }
     if (description.has("error")) {
-        fault.error = read_error(description.value("error", {}));
+        added.error = read_error(description.value("error", {}));
     }
     if (description.has("reply")) {
-        fault.instead = read_reply(description.value("reply", {}));
+        added.instead = read_reply(description.value("reply", {}));
     }
 }
 
-fault read_fault(const json &object)
+const std::set<std::string> fault_keys = {
+    "service",  "member",   "interface",       "kind",      "skip", "count",           "error",    "no_reply", "reply",
+    "truncate", "oversize", "completion_code", "carry_out", "die",  "return_after_ms", "delay_ms", "signal"};
+
+fault read_fault(const object_reader &description)
 {
-    object_reader description(object, "fault",
-                              {"service", "member", "interface", "kind", "skip", "count", "error", "no_reply", "reply",
-                               "truncate", "oversize", "completion_code", "carry_out", "die", "return_after_ms",
-                               "delay_ms", "signal"});
-    fault fault;
-    fault.service = description.text("service");
-    fault.kind = description.text("kind");
-    fault.interface = description.text("interface");
-    fault.member = description.text("member");
-    fault.skip = description.number("skip").value_or(0);
+    fault added;
+    added.service = description.text("service");
+    added.interface = description.text("interface");
+    added.member = description.text("member");
+    added.skip = description.number("skip").value_or(0);
     uint64_t count = description.number("count").value_or(1);
     if (count != 0) {
-        fault.left = count;
+        added.left = count;
     }
-    read_action(fault, description);
-    return fault;
+    read_action(added, description);
+    return added;
 }
 
-// ---- fitting it to the service
+// ---- checking it against the service
 
-void check_property_fault(const fault &fault)
+call_kind read_kind(const std::string &text, bool is_method)
 {
-    if (fault.completion_code) {
+    if (text.empty()) {
+        return is_method ? call_kind::method : call_kind::get;
+    }
+    for (call_kind kind : {call_kind::method, call_kind::get, call_kind::set}) {
+        if (text == name_of(kind)) {
+            return kind;
+        }
+    }
+    refuse("\"kind\" must be \"call\", \"get\" or \"set\"");
+}
+
+void check_property_fault(const fault &added)
+{
+    if (added.completion_code) {
         refuse("a property has no completion code");
     }
-    if (fault.instead && split_signature(fault.instead->signature).size() > 1) {
+    if (added.instead && split_signature(added.instead->signature).size() > 1) {
         refuse("a property's reply is one value or none");
     }
 }
 
-/** Members that every service answers without having them in its tables. */
-bool is_common_method(const std::string &member)
+/** A call that is not carried out answers the completion code, with zeros after it. */
+void make_code_reply(fault &added, const method &faulty)
 {
-    return member == "GetAll" || member == "Introspect";
+    if (faulty.out.empty() || std::string("ynqiuxt").find(faulty.out[0]) == std::string::npos) {
+        refuse(added.member + " answers no completion code");
+    }
+    if (!added.carry_out) {
+        added.instead = reply{faulty.out, zero_values(faulty.out)};
+        added.instead->values.at(0) = *added.completion_code;
+    }
 }
 
-bool answers_number(const method *method)
+void fit_to_service(fault &added, const std::string &kind, const object_tree *objects)
 {
-    return method != nullptr && !method->out.empty() &&
-           std::string("ynqiuxt").find(method->out[0]) != std::string::npos;
-}
-
-void check_target(fault &fault, const service *target)
-{
-    if (target == nullptr) {
-        refuse("no such service: \"" + fault.service + '"');
+    if (objects == nullptr) {
+        refuse("no such service: \"" + added.service + '"');
     }
-    const method *method = target->find_method(fault.member);
-    bool is_method = method != nullptr || is_common_method(fault.member);
-    if (fault.kind.empty()) {
-        fault.kind = is_method ? "call" : "get";
+    const method *faulty = objects->find_method(added.member);
+    added.kind = read_kind(kind, faulty != nullptr);
+    bool is_call = added.kind == call_kind::method;
+    bool known = is_call ? faulty != nullptr : objects->find_property(added.interface, added.member) != nullptr;
+    if (!known) {
+        refuse(added.service + " has no such member: \"" + added.member + '"');
     }
-
-    bool property_kind = fault.kind == "get" || fault.kind == "set";
-    if (fault.kind != "call" && !property_kind) {
-        refuse("\"kind\" must be \"call\", \"get\" or \"set\"");
-    }
-    if (property_kind ? target->find_property(fault.interface, fault.member) == nullptr : !is_method) {
-        refuse(fault.service + " has no such member: \"" + fault.member + '"');
-    }
-    if (property_kind) {
-        check_property_fault(fault);
-    } else if (fault.completion_code && !answers_number(method)) {
-        refuse(fault.member + " answers no completion code");
+    if (!is_call) {
+        check_property_fault(added);
+    } else if (added.completion_code) {
+        make_code_reply(added, *faulty);
     }
 }
 
 // ---- acting
 
-void grow_byte_arrays(reply &reply, size_t size)
+void grow_byte_arrays(reply &changed, size_t size)
 {
     constexpr uint8_t filler = 0xA5;
     size_t total = 0;
-    visit_byte_arrays(reply.signature, reply.values, [&](byte_vector &bytes) {
+    visit_byte_arrays(changed.signature, changed.values, [&](byte_vector &bytes) {
         total += std::max(bytes.size(), size);
         if (total > oversize_max) {
             refuse("the reply has so many byte arrays that no bus would pass it on");
@@ -205,21 +213,27 @@ void grow_byte_arrays(reply &reply, size_t size)
     });
 }
 
-void truncate_values(reply &reply, size_t count)
+void truncate_values(reply &changed, size_t count)
 {
-    std::vector<std::string> types = split_signature(reply.signature);
-    reply.signature.clear();
+    std::vector<std::string> types = split_signature(changed.signature);
+    changed.signature.clear();
     for (size_t i = 0; i < std::min(count, types.size()); i++) {
-        reply.signature += types[i];
+        changed.signature += types[i];
     }
-    while (reply.values.size() > count) {
-        reply.values.erase(reply.values.size() - 1);
+    while (changed.values.size() > count) {
+        changed.values.erase(changed.values.size() - 1);
     }
 }
 
 } // namespace
 
-reply fault::apply(const std::string &normal_signature, const std::function<reply()> &normal) const
+bool fault::matches(const std::string &service_name, const call &request) const
+{
+    return service == service_name && kind == request.kind && member == request.member &&
+           (interface.empty() || interface == request.interface);
+}
+
+reply fault::apply(const std::function<reply()> &execute) const
 {
     if (error) {
         throw *error;
@@ -228,8 +242,7 @@ reply fault::apply(const std::string &normal_signature, const std::function<repl
         return *instead;
     }
 
-    bool only_zeros = completion_code && !carry_out;
-    reply result = only_zeros ? reply{normal_signature, zero_values(normal_signature)} : normal();
+    reply result = execute();
     if (completion_code) {
         result.values.at(0) = *completion_code;
     }
@@ -242,16 +255,17 @@ reply fault::apply(const std::string &normal_signature, const std::function<repl
     return result;
 }
 
-void fault_list::add(const json &description, const std::function<const bdbus_sim::service *(const std::string &)> &find_service)
+void fault_list::add(const json &description, const service_lookup &objects_of)
 {
-    fault fault = read_fault(description);
-    check_target(fault, find_service(fault.service));
-    fault.bytes = to_text(description).size();
-    if (bytes_ + fault.bytes > all_faults_bytes_max) {
+    object_reader reader(description, "fault", fault_keys);
+    fault added = read_fault(reader);
+    fit_to_service(added, reader.text("kind"), objects_of(added.service));
+    added.bytes = to_text(description).size();
+    if (bytes_ + added.bytes > all_faults_bytes_max) {
         refuse("too many faults");
     }
-    bytes_ += fault.bytes;
-    faults_.push_back(std::move(fault));
+    bytes_ += added.bytes;
+    faults_.push_back(std::move(added));
 }
 
 void fault_list::clear()
@@ -260,22 +274,29 @@ void fault_list::clear()
     bytes_ = 0;
 }
 
-fault fault_list::take(const std::string &service, const call &what)
+fault fault_list::match(const std::string &service_name, const call &request)
 {
     for (auto at = faults_.begin(); at != faults_.end(); ++at) {
-        bool matches = at->service == service && at->kind == what.kind && at->member == what.member &&
-                       (at->interface.empty() || at->interface == what.interface);
-        if (!matches || (at->skip > 0 && at->skip-- > 0)) {
+        if (!at->matches(service_name, request)) {
             continue;
         }
-        fault taken = *at;
-        if (at->left && --*at->left == 0) {
-            bytes_ -= at->bytes;
-            faults_.erase(at);
+        if (at->skip == 0) {
+            return use(at);
         }
-        return taken;
+        at->skip--;
     }
     return {};
+}
+
+/** One that is used up is removed. */
+fault fault_list::use(std::list<fault>::iterator at)
+{
+    fault used = *at;
+    if (at->left && --*at->left == 0) {
+        bytes_ -= at->bytes;
+        faults_.erase(at);
+    }
+    return used;
 }
 
 } // namespace bdbus_sim

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Faults: what shall go wrong, with which calls, how often. They act on a reply's JSON values, so every service has
-// them.
+// Faults: what goes wrong with which calls, and how often. They act on the JSON values of replies, so that they work
+// for every service.
 #pragma once
 
 #include "frame/bus.hpp"
+#include "frame/call.hpp"
 #include "frame/json.hpp"
+#include "frame/objects.hpp"
 
 #include <chrono>
 #include <functional>
@@ -15,16 +17,8 @@
 namespace bdbus_sim
 {
 
-struct call;
-class service;
-
-struct reply {
-    std::string signature;
-    json values = json::array();
-};
-
-/** What a service says by itself; an empty interface or path is the service's own. */
-struct announcement {
+/** A signal to be sent; an empty interface or path is the service's own. */
+struct signal_message {
     std::string member;
     std::string signature;
     json args = json::array();
@@ -34,7 +28,7 @@ struct announcement {
 
 struct fault {
     std::string service{};
-    std::string kind{};
+    call_kind kind = call_kind::method;
     std::string interface {
     }; // "" for any
     std::string member{};
@@ -43,7 +37,7 @@ struct fault {
     size_t bytes = 0;               // of its description
 
     std::chrono::milliseconds delay{};
-    std::optional<announcement> signal{};
+    std::optional<signal_message> signal{};
     std::optional<dbus_error> error{};
     bool no_reply = false;
     std::optional<reply> instead{};
@@ -54,26 +48,32 @@ struct fault {
     bool die = false;
     std::optional<std::chrono::milliseconds> return_after{};
 
+    bool matches(const std::string &service_name, const call &request) const;
+
     /**
-     * The reply to give in place of the one that `normal` makes; `normal` is only called when the call is to be carried
-     * out. Throws the fault's error. `no_reply`, `delay`, `signal` and `die` are the service's to carry
-     * out.
+     * The reply to give in place of the one that `execute` makes; `execute` is called only when the call is to be
+     * carried out. Throws the fault's error. `no_reply`, `delay`, `signal` and `die` are left to the service.
      */
-    reply apply(const std::string &normal_signature, const std::function<reply()> &normal) const;
+    reply apply(const std::function<reply()> &execute) const;
 };
 
 class fault_list
 {
 public:
+    /** The objects of the service of that name; null when there is none. */
+    using service_lookup = std::function<const object_tree *(const std::string &name)>;
+
     /** Throws std::invalid_argument for a fault that is malformed or does not fit the service that it names. */
-    void add(const json &description, const std::function<const bdbus_sim::service *(const std::string &)> &find_service);
+    void add(const json &description, const service_lookup &objects_of);
 
     void clear();
 
-    /** The fault that acts on this call, if any; counts the call. */
-    fault take(const std::string &service, const call &what);
+    /** The fault that acts on this call, or one that does nothing. Counts the call. */
+    fault match(const std::string &service_name, const call &request);
 
 private:
+    fault use(std::list<fault>::iterator at);
+
     std::list<fault> faults_;
     size_t bytes_ = 0;
 };

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+// The connection of a service: calls come in, are recorded, meet their faults and are answered.
 #include "frame/service.hpp"
 
 #include "frame/codec.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <stdexcept>
 #include <utility>
 
 namespace bdbus_sim
@@ -14,45 +15,7 @@ namespace bdbus_sim
 namespace
 {
 
-const std::string introspectable = "org.freedesktop.DBus.Introspectable";
-const std::string properties_interface = "org.freedesktop.DBus.Properties";
 constexpr size_t delayed_calls_max = 1024;
-
-std::string text_or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
-
-call read_call(sd_bus_message *message)
-{
-    call what{.kind = "call",
-              .path = text_or_empty(sd_bus_message_get_path(message)),
-              .interface = text_or_empty(sd_bus_message_get_interface(message)),
-              .member = text_or_empty(sd_bus_message_get_member(message)),
-              .signature = text_or_empty(sd_bus_message_get_signature(message, true)),
-              .sender = text_or_empty(sd_bus_message_get_sender(message)),
-              .args = json::array()};
-    return what;
-}
-
-/** Reads and writes of properties are told as such, not as calls of the interface that they come through. */
-void read_arguments(call &what, sd_bus_message *message)
-{
-    json args = decode_arguments(message);
-    bool get = what.interface == properties_interface && what.member == "Get" && what.signature == "ss";
-    bool set = what.interface == properties_interface && what.member == "Set" && what.signature == "ssv";
-    if (!get && !set) {
-        what.args = std::move(args);
-        return;
-    }
-    what.kind = get ? "get" : "set";
-    what.interface = args[0].get<std::string>();
-    what.member = args[1].get<std::string>();
-    what.signature = get ? "" : args[2]["signature"].get<std::string>();
-    if (set) {
-        what.args.push_back(std::move(args[2]["value"]));
-    }
-}
 
 void hide_texts(json &args)
 {
@@ -63,119 +26,42 @@ void hide_texts(json &args)
     }
 }
 
-bool has_interface(const std::string &asked, const std::string &own)
+void send_reply(sd_bus_message *message, const call &request, const reply &answer)
 {
-    return asked.empty() || asked == own;
-}
-
-// ---- introspection data
-
-std::string arguments_xml(const std::string &signature, const std::string &direction)
-{
-    std::string xml;
-    for (const std::string &type : split_signature(signature)) {
-        xml.append("   <arg type=\"").append(type).append("\"").append(direction).append("/>\n");
+    sd_bus_message *raw = nullptr;
+    check(sd_bus_message_new_method_return(message, &raw), "reply");
+    message_ptr owned(raw);
+    if (request.kind == call_kind::get && !answer.signature.empty()) {
+        encode(raw, "v", json::array({{{"signature", answer.signature}, {"value", answer.values.at(0)}}}));
+    } else {
+        encode(raw, answer.signature, answer.values);
     }
-    return xml;
+    check(sd_bus_send(nullptr, raw, nullptr), "reply");
 }
 
-std::string member_xml(const method &method)
+void send_error(sd_bus_message *message, const dbus_error &error)
 {
-    return "  <method name=\"" + method.member + "\">\n" + arguments_xml(method.in, " direction=\"in\"") +
-           arguments_xml(method.out, " direction=\"out\"") + "  </method>\n";
-}
-
-std::string member_xml(const property &property)
-{
-    return "  <property name=\"" + property.name + "\" type=\"" + property.signature + "\" access=\"" +
-           (property.set ? "readwrite" : "read") + "\"/>\n";
-}
-
-std::string member_xml(const signal_row &signal)
-{
-    return "  <signal name=\"" + signal.member + "\">\n" + arguments_xml(signal.signature, "") + "  </signal>\n";
-}
-
-const char doctype_xml[] = "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
-                           "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n";
-
-const char standard_interfaces_xml[] = R"( <interface name="org.freedesktop.DBus.Introspectable">
-  <method name="Introspect">
-   <arg type="s" direction="out"/>
-  </method>
- </interface>
- <interface name="org.freedesktop.DBus.Properties">
-  <method name="Get">
-   <arg type="s" direction="in"/>
-   <arg type="s" direction="in"/>
-   <arg type="v" direction="out"/>
-  </method>
-  <method name="GetAll">
-   <arg type="s" direction="in"/>
-   <arg type="a{sv}" direction="out"/>
-  </method>
-  <method name="Set">
-   <arg type="s" direction="in"/>
-   <arg type="s" direction="in"/>
-   <arg type="v" direction="in"/>
-  </method>
- </interface>
-)";
-
-/** Members by interface, the interfaces in the order in which the tables name them. */
-class interface_texts
-{
-public:
-    template <typename Row>
-    void add(const std::vector<Row> &rows)
-    {
-        for (const Row &row : rows) {
-            of(row.interface) += member_xml(row);
-        }
+    bool text = error.body.is_string();
+    std::string body = text ? error.body.get<std::string>() : "";
+    sd_bus_error plain{error.name.c_str(), text ? body.c_str() : nullptr, 0};
+    sd_bus_message *raw = nullptr;
+    int result = sd_bus_message_new_method_error(message, &raw, &plain);
+    message_ptr reply(raw);
+    if (result >= 0 && error.body.is_number()) {
+        encode(raw, "i", json::array({error.body}));
     }
-
-    std::string xml() const
-    {
-        std::string xml;
-        for (const auto &[name, members] : texts_) {
-            xml.append(" <interface name=\"").append(name).append("\">\n").append(members).append(" </interface>\n");
-        }
-        return xml;
+    // When the reply cannot be sent, the client is gone.
+    if (result >= 0) {
+        sd_bus_send(nullptr, raw, nullptr);
     }
-
-private:
-    std::string &of(const std::string &interface)
-    {
-        auto found = std::find_if(texts_.begin(), texts_.end(), [&](auto &text) { return text.first == interface; });
-        return found != texts_.end() ? found->second : texts_.emplace_back(interface, "").second;
-    }
-
-    std::vector<std::pair<std::string, std::string>> texts_;
-};
+}
 
 } // namespace
 
-// ---- tables
-
 service::service(event_loop &loop, std::string name, std::string path, call_list *calls, fault_list *faults)
     : loop_(loop), name_(std::move(name)), bus_name_("com.brisemont." + name_), path_(std::move(path)), calls_(calls),
-      faults_(faults)
+      faults_(faults), objects_(bus_name_)
 {
-}
-
-void service::add_object(object_table table)
-{
-    auto fill_interfaces = [&](auto &rows) {
-        for (auto &row : rows) {
-            if (row.interface.empty()) {
-                row.interface = bus_name_;
-            }
-        }
-    };
-    fill_interfaces(table.methods);
-    fill_interfaces(table.properties);
-    fill_interfaces(table.signals);
-    objects_.push_back(std::move(table));
 }
 
 void service::add_object(std::vector<method> methods, std::vector<property> properties, std::vector<signal_row> signals)
@@ -189,91 +75,6 @@ void service::add_object(std::vector<method> methods, std::vector<property> prop
 void service::listen(const std::string &member, std::function<void()> action)
 {
     listeners_[member] = std::move(action);
-}
-
-const method *service::find_method(const std::string &member) const
-{
-    for (const object_table &object : objects_) {
-        for (const method &method : object.methods) {
-            if (method.member == member) {
-                return &method;
-            }
-        }
-    }
-    return nullptr;
-}
-
-const property *service::find_property(const std::string &interface, const std::string &member) const
-{
-    for (const object_table &object : objects_) {
-        for (const property &property : object.properties) {
-            if (property.name == member && has_interface(interface, property.interface)) {
-                return &property;
-            }
-        }
-    }
-    return nullptr;
-}
-
-const object_table *service::find_object(const std::string &path) const
-{
-    for (const object_table &object : objects_) {
-        std::vector<std::string> paths = object.paths();
-        if (std::find(paths.begin(), paths.end(), path) != paths.end()) {
-            return &object;
-        }
-    }
-    return nullptr;
-}
-
-const object_table &service::object_at(const std::string &path) const
-{
-    const object_table *object = find_object(path);
-    if (object == nullptr) {
-        throw standard_error("UnknownObject", "Unknown object '" + path + "'.");
-    }
-    return *object;
-}
-
-/** The names of the nodes right below a path. */
-std::vector<std::string> service::children(const std::string &path) const
-{
-    std::string prefix = path == "/" ? path : path + "/";
-    std::vector<std::string> names;
-    for (const object_table &object : objects_) {
-        for (const std::string &candidate : object.paths()) {
-            if (!candidate.starts_with(prefix)) {
-                continue;
-            }
-            names.push_back(candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size()));
-        }
-    }
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
-}
-
-std::string service::introspect(const std::string &path) const
-{
-    const object_table *object = find_object(path);
-    std::vector<std::string> below = children(path);
-    if (object == nullptr && below.empty()) {
-        object_at(path);
-    }
-
-    interface_texts interfaces;
-    if (object != nullptr) {
-        interfaces.add(object->methods);
-        interfaces.add(object->properties);
-        interfaces.add(object->signals);
-    }
-    std::string xml = doctype_xml;
-    xml += "<node>\n";
-    xml += standard_interfaces_xml + interfaces.xml();
-    for (const std::string &name : below) {
-        xml += " <node name=\"" + name + "\"/>\n";
-    }
-    return xml + "</node>\n";
 }
 
 // ---- connection
@@ -319,10 +120,10 @@ std::string service::unique_name() const
     if (running()) {
         check(sd_bus_get_unique_name(bus_.get(), &name), bus_name_);
     }
-    return text_or_empty(name);
+    return name != nullptr ? name : "";
 }
 
-void service::announce(const announcement &signal)
+void service::send_signal(const signal_message &signal)
 {
     const std::string &interface = signal.interface.empty() ? bus_name_ : signal.interface;
     const std::string &path = signal.path.empty() ? path_ : signal.path;
@@ -340,16 +141,16 @@ void service::emit(const std::string &member, const std::string &signature, cons
     if (!running()) {
         return;
     }
-    announce({member, signature, args, std::move(interface), std::move(path)});
+    send_signal({member, signature, args, std::move(interface), std::move(path)});
 
-    // The services' connections are not in step with one another. An answer of the bus says that it has passed the
-    // signal on, so whatever is sent after it, on whichever connection, comes after it.
+    // Each service has a connection of its own, and the bus keeps no order between them. Once the bus has answered this
+    // call, it has passed the signal on, so whatever is sent next, on any connection, comes after the signal.
     check(sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                              "GetId", nullptr, nullptr, ""),
           "bus");
 }
 
-// ---- calls
+// ---- receiving
 
 int service::on_message(sd_bus_message *message, void *self, sd_bus_error *)
 {
@@ -357,105 +158,103 @@ int service::on_message(sd_bus_message *message, void *self, sd_bus_error *)
         return 0;
     }
     try {
-        static_cast<service *>(self)->receive(message);
+        static_cast<service *>(self)->receive_call(message);
         return 1;
     } catch (...) {
         return -EIO; // sd-bus answers with it
     }
 }
 
-/** Nobody waits for an answer to a signal, so whatever is wrong with one is nobody's business. */
+/** A signal has no reply, so its sender cannot be told what is wrong with it. */
 int service::on_signal(sd_bus_message *message, void *self, sd_bus_error *)
 {
     try {
-        static_cast<service *>(self)->hear(message);
+        static_cast<service *>(self)->receive_signal(message);
         return 0;
     } catch (...) {
         return -EIO;
     }
 }
 
-void service::hear(sd_bus_message *message)
+void service::receive_signal(sd_bus_message *message)
 {
-    call what = read_call(message);
-    what.kind = "signal";
-    what.args = decode_arguments(message);
-    record(what);
-    listeners_.at(what.member)();
+    call request = read_header(message);
+    request.kind = call_kind::signal;
+    request.args = decode_arguments(message);
+    record(request);
+    listeners_.at(request.member)();
 }
 
-void service::receive(sd_bus_message *message)
+void service::receive_call(sd_bus_message *message)
 {
-    call what = read_call(message);
+    call request = read_header(message);
     try {
-        read_arguments(what, message);
+        read_arguments(request, message);
     } catch (const std::exception &error) {
-        record(what);
+        record(request);
         return send_error(message, standard_error("InvalidArgs", error.what()));
     }
 
-    record(what);
-    fault disturbance = faults_ == nullptr ? fault{} : faults_->take(name_, what);
-    const method *method = find_method(what.member);
-    if (method != nullptr && method->duration) {
-        disturbance.delay += method->duration(what);
-    }
-    if (disturbance.delay.count() > 0) {
-        delay(message, std::move(what), std::move(disturbance));
+    record(request);
+    fault injected = faults_ != nullptr ? faults_->match(name_, request) : fault{};
+    resolved_call resolved = objects_.resolve(request);
+    auto time = injected.delay + resolved.duration(request);
+    if (time.count() > 0) {
+        delay(message, std::move(request), std::move(injected), time);
     } else {
-        answer(message, what, disturbance);
+        answer(message, request, resolved, injected);
     }
 }
 
-void service::record(const call &what)
+void service::record(const call &request)
 {
     if (calls_ == nullptr) {
         return;
     }
-    json args = what.args;
+    json args = request.args;
     if (has_secrets_) {
         hide_texts(args);
     }
     calls_->add(name_, {{"service", name_},
-                        {"kind", what.kind},
-                        {"path", what.path},
-                        {"interface", what.interface},
-                        {"member", what.member},
-                        {"signature", what.signature},
+                        {"kind", name_of(request.kind)},
+                        {"path", request.path},
+                        {"interface", request.interface},
+                        {"member", request.member},
+                        {"signature", request.signature},
                         {"args", std::move(args)},
-                        {"sender", what.sender}});
+                        {"sender", request.sender}});
 }
 
-void service::delay(sd_bus_message *message, call what, fault disturbance)
+// ---- answering
+
+void service::delay(sd_bus_message *message, call request, fault injected, std::chrono::milliseconds time)
 {
     if (delayed_.size() >= delayed_calls_max) {
         return send_error(message, standard_error("LimitsExceeded", "Too many delayed calls."));
     }
-    auto delay = disturbance.delay;
     message_ptr kept(sd_bus_message_ref(message));
-    delayed_.push_back({std::move(kept), std::move(what), std::move(disturbance), nullptr});
+    delayed_.push_back({std::move(kept), std::move(request), std::move(injected), nullptr});
     auto entry = std::prev(delayed_.end());
-    entry->due = loop_.after(delay, [this, entry] {
+    entry->due = loop_.after(time, [this, entry] {
         delayed_call due = std::move(*entry);
         delayed_.erase(entry);
-        answer(due.message.get(), due.what, due.disturbance);
+        // Looked up again: the object may have come or gone meanwhile.
+        answer(due.message.get(), due.request, objects_.resolve(due.request), due.injected);
     });
 }
 
-void service::answer(sd_bus_message *message, const call &what, const fault &disturbance)
+void service::answer(sd_bus_message *message, const call &request, const resolved_call &resolved, const fault &injected)
 {
-    if (disturbance.die) {
-        return die(disturbance);
+    if (injected.die) {
+        return die(injected);
     }
     try {
-        if (disturbance.signal) {
-            announce(*disturbance.signal);
+        if (injected.signal) {
+            send_signal(*injected.signal);
         }
-        if (disturbance.no_reply) {
-            return;
+        if (!injected.no_reply) {
+            send_reply(message, request, injected.apply([&] { return resolved.execute(request); }));
         }
-        const method *method = find_method(what.member);
-        send(message, what, disturbance.apply(method == nullptr ? "" : method->out, [&] { return carry_out(what); }));
     } catch (const dbus_error &error) {
         send_error(message, error);
     } catch (const std::invalid_argument &error) {
@@ -465,118 +264,14 @@ void service::answer(sd_bus_message *message, const call &what, const fault &dis
     }
 }
 
-void service::die(const fault &disturbance)
+/** Leaves the bus as a service does that crashes. */
+void service::die(const fault &injected)
 {
-    auto return_after = disturbance.return_after;
+    auto return_after = injected.return_after;
     delayed_.clear();
     bus_.reset();
     if (return_after) {
         return_ = loop_.after(*return_after, [this] { start(); });
-    }
-}
-
-reply service::carry_out(const call &what)
-{
-    if (what.kind == "get") {
-        return read_property(what);
-    }
-    if (what.kind == "set") {
-        return write_property(what);
-    }
-    if (what.member == "Introspect" && has_interface(what.interface, introspectable)) {
-        return {"s", json::array({introspect(what.path)})};
-    }
-    if (what.interface == properties_interface && what.member == "GetAll" && what.signature == "s") {
-        return all_properties(what);
-    }
-    return call_method(what);
-}
-
-reply service::call_method(const call &what)
-{
-    for (const method &method : object_at(what.path).methods) {
-        if (method.member != what.member || !has_interface(what.interface, method.interface)) {
-            continue;
-        }
-        if (method.in != what.signature) {
-            throw standard_error("InvalidArgs",
-                                 what.member + " takes \"" + method.in + "\", not \"" + what.signature + "\".");
-        }
-        return {method.out, method.handler(what)};
-    }
-    throw standard_error("UnknownMethod", "Unknown method " + what.member + " or interface " + what.interface + ".");
-}
-
-const property &service::property_of(const call &what) const
-{
-    for (const property &property : object_at(what.path).properties) {
-        if (property.name == what.member && has_interface(what.interface, property.interface)) {
-            return property;
-        }
-    }
-    throw standard_error("UnknownProperty",
-                         "Unknown property " + what.member + " or interface " + what.interface + ".");
-}
-
-reply service::read_property(const call &what)
-{
-    const property &property = property_of(what);
-    return {property.signature, json::array({property.get(what)})};
-}
-
-reply service::write_property(const call &what)
-{
-    const property &property = property_of(what);
-    if (!property.set) {
-        throw standard_error("PropertyReadOnly", "Property " + what.member + " is not writable.");
-    }
-    if (property.signature != what.signature) {
-        throw standard_error("InvalidArgs", "Property " + what.member + " is \"" + property.signature + "\", not \"" +
-                                                what.signature + "\".");
-    }
-    property.set(what);
-    return {};
-}
-
-reply service::all_properties(const call &what)
-{
-    auto interface = what.args.at(0).get<std::string>();
-    json all = json::object();
-    for (const property &property : object_at(what.path).properties) {
-        if (has_interface(interface, property.interface)) {
-            all[property.name] = {{"signature", property.signature}, {"value", property.get(what)}};
-        }
-    }
-    return {"a{sv}", json::array({all})};
-}
-
-void service::send(sd_bus_message *message, const call &what, const reply &values)
-{
-    sd_bus_message *raw = nullptr;
-    check(sd_bus_message_new_method_return(message, &raw), "reply");
-    message_ptr reply(raw);
-    if (what.kind == "get" && !values.signature.empty()) {
-        encode(raw, "v", json::array({{{"signature", values.signature}, {"value", values.values.at(0)}}}));
-    } else {
-        encode(raw, values.signature, values.values);
-    }
-    check(sd_bus_send(nullptr, raw, nullptr), "reply");
-}
-
-void service::send_error(sd_bus_message *message, const dbus_error &error)
-{
-    bool text = error.body.is_string();
-    std::string body = text ? error.body.get<std::string>() : "";
-    sd_bus_error plain{error.name.c_str(), text ? body.c_str() : nullptr, 0};
-    sd_bus_message *raw = nullptr;
-    int result = sd_bus_message_new_method_error(message, &raw, &plain);
-    message_ptr reply(raw);
-    if (result >= 0 && error.body.is_number()) {
-        encode(raw, "i", json::array({error.body}));
-    }
-    // A client that cannot be answered is gone; there is nobody left to tell.
-    if (result >= 0) {
-        sd_bus_send(nullptr, raw, nullptr);
     }
 }
 
