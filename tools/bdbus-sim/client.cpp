@@ -2,6 +2,7 @@
 // The subcommands that talk to a running simulator.
 #include "client.hpp"
 
+#include "common/files.hpp"
 #include "frame/bus.hpp"
 #include "frame/codec.hpp"
 #include "frame/json.hpp"
@@ -12,7 +13,6 @@
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 namespace bdbus_sim
 {
@@ -90,12 +90,7 @@ void run_client_command(const client_command &command, const std::string &text)
 void save_received(uint8_t component, const std::string &path)
 {
     json reply = call_control("GetReceived", "y", json::array({component}));
-    const byte_vector &bytes = reply.at(0).get_binary();
-    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "wb"), fclose);
-    if (file == nullptr || fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() ||
-        fflush(file.get()) != 0) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
+    bdbus_tools::write_file(path, text_of(reply.at(0).get_binary()));
 }
 
 void add_argument(CLI::App &subcommand, argument takes, std::string &text)

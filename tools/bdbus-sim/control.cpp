@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The control object: changes the state, adds faults, sends signals, lists the calls that were received.
+#include "common/files.hpp"
 #include "simulator.hpp"
 
-#include <cerrno>
-#include <fstream>
 #include <stdexcept>
-#include <system_error>
 
 namespace bdbus_sim
 {
@@ -50,18 +48,14 @@ json get_received(const simulator &sim, const call &request)
     return json::binary(bytes);
 }
 
+void save_received(const simulator &sim, const call &request)
+{
+    bdbus_tools::write_file(request.arg<std::string>(1), text_of(received(sim, request)));
+}
+
 std::string calls_of(const simulator &sim, const std::string &name)
 {
     return sim.calls.text(name.empty() ? "" : sim.at(name).name());
-}
-
-void save(const byte_vector &bytes, const std::string &path)
-{
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!file.flush()) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
 }
 
 } // namespace
@@ -93,8 +87,7 @@ void fill_control(service &control, simulator &sim)
         query("Calls", "s", "s", [=](const call &request) { return calls_of(*simulated, text(request)); }),
         action("ClearCalls", "", [=](const call &) { simulated->calls.clear(); }),
         query("GetReceived", "y", "ay", [=](const call &request) { return get_received(*simulated, request); }),
-        action("SaveReceived", "ys",
-               [=](const call &request) { save(received(*simulated, request), request.arg<std::string>(1)); }),
+        action("SaveReceived", "ys", [=](const call &request) { save_received(*simulated, request); }),
         action("Stop", "s", [=](const call &request) { simulated->at(text(request)).stop(); }),
         action("Start", "s", [=](const call &request) { simulated->at(text(request)).start(); }),
     });

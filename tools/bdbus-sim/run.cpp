@@ -29,6 +29,9 @@ namespace bdbus_sim
 namespace
 {
 
+using bdbus_tools::check_errno;
+using bdbus_tools::descriptor;
+
 struct pipe_ends {
     explicit pipe_ends(int (&fds)[2]) : read(fds[0]), write(fds[1]) {}
 
@@ -195,7 +198,7 @@ private:
     {
         check_errno(configuration_.get(), "memfd_create");
         std::string text = bus_configuration(address_);
-        check_errno(static_cast<int>(write(configuration_.get(), text.data(), text.size())), "memfd");
+        check_errno(write(configuration_.get(), text.data(), text.size()), "memfd");
         return {"dbus-daemon", "--nofork", "--nopidfile",
                 "--config-file=/proc/self/fd/" + std::to_string(configuration_.get()),
                 "--print-address=" + std::to_string(ready_.write.get())};

@@ -16,6 +16,9 @@ namespace bdbus_sim
 namespace
 {
 
+using bdbus_tools::check_errno;
+using bdbus_tools::descriptor;
+
 /** As JSON, a message of many tiny values takes many times its size. No call of a service comes near this limit. */
 constexpr size_t decoded_values_max = 200'000;
 constexpr int nesting_max = 32;

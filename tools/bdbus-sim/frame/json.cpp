@@ -2,11 +2,9 @@
 // Parsing JSON within limits, and reading objects that people wrote.
 #include "frame/json.hpp"
 
-#include <cerrno>
-#include <cstdio>
-#include <memory>
+#include "common/files.hpp"
+
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace bdbus_sim
@@ -35,15 +33,7 @@ json parse_json(const std::string &text, const std::string &source)
 
 json read_json_file(const std::string &path)
 {
-    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rb"), fclose);
-    std::string text(json_text_max + 1, '\0');
-    if (file != nullptr) {
-        text.resize(fread(text.data(), 1, text.size(), file.get()));
-    }
-    if (file == nullptr || ferror(file.get()) != 0) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
-    return parse_json(text, path);
+    return parse_json(bdbus_tools::read_file(path, json_text_max), path);
 }
 
 json parse_json_argument(const std::string &argument)

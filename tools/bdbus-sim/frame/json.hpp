@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace bdbus_sim
@@ -18,6 +19,12 @@ namespace bdbus_sim
 
 using json = nlohmann::json;
 using byte_vector = std::vector<uint8_t>;
+
+/** The bytes as they are, for what takes a text. */
+inline std::string_view text_of(const byte_vector &bytes)
+{
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
 
 /** The largest document that is parsed, and how deep it may nest: both come from clients and from files. */
 constexpr size_t json_text_max = 4U << 20;
