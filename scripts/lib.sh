@@ -9,7 +9,7 @@ build=$root/build
 
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
-test_packages=(libgtest-dev dwarves)
+test_packages=(libgtest-dev dwarves dbus-bin)
 check_packages=(libbenchmark-dev clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
 
