@@ -40,8 +40,11 @@ def has_comment(member):
 
 
 def lacks_of_function(function):
-    described = {words(name) for item in function.iterfind('.//parameteritem')
-                 if words(item.find('parameterdescription')) for name in item.iterfind('.//parametername')}
+    described = {
+        words(name)
+        for item in function.iterfind('.//parameteritem') if words(item.find('parameterdescription'))
+        for name in item.iterfind('.//parametername')
+    }
     for parameter in function.iterfind('param'):
         name = words(parameter.find('declname')) or words(parameter.find('type'))
         if name not in described | {'void'}:
@@ -75,10 +78,14 @@ def check(args):
     members = [member for page in headers + records for member in page.iter('memberdef')]
     for member in [*members, *(value for member in members for value in member.iterfind('enumvalue'))]:
         found += [f'{member.findtext("name")}: {lack}' for lack in lacks(member)]
-    found += [f'{record.findtext(".//compoundname")}: no comment of its own' for record in records
-              if not has_comment(record.find('compounddef'))]
-    described = {member.findtext('name') for page in headers for member in page.iter('memberdef')
-                 if member.get('kind') in ('function', 'variable')}
+    found += [
+        f'{record.findtext(".//compoundname")}: no comment of its own' for record in records
+        if not has_comment(record.find('compounddef'))
+    ]
+    described = {
+        member.findtext('name')
+        for page in headers for member in page.iter('memberdef') if member.get('kind') in ('function', 'variable')
+    }
     exported = {symbol.split('@')[0] for symbol in mapped_symbols(args.map)}
     found += [f'{name}: in the version script, not in the reference' for name in sorted(exported - described)]
     return found + [f'{name}: in the reference, not in the version script' for name in sorted(described - exported)]

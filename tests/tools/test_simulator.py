@@ -48,8 +48,10 @@ class Simulator(unittest.TestCase):
     def client(self, service, member, *arguments, path=None, timeout=60):
         """A D-Bus client that calls a member, of the service's own interface unless the name has another."""
         member = member if '.' in member else f'com.brisemont.{service}.{member}'
-        command = ['dbus-send', '--system', '--print-reply', f'--dest=com.brisemont.{service}',
-                   f'--reply-timeout={timeout * 1000:.0f}', path or f'/com/brisemont/{service}', member, *arguments]
+        command = [
+            'dbus-send', '--system', '--print-reply', f'--dest=com.brisemont.{service}',
+            f'--reply-timeout={timeout * 1000:.0f}', path or f'/com/brisemont/{service}', member, *arguments
+        ]
         return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                 env=self.environment)
 
@@ -95,16 +97,25 @@ class Simulator(unittest.TestCase):
 
     def test_a_fault_that_cannot_act_is_refused(self):
         die, code = {'die': True}, {'completion_code': 1}
-        for calls, action, reason in (
-                (ON_INDEX, {}, 'no action'), (ON_INDEX, {'die': 1}, 'true or false'), (ON_INDEX, {'X': 1}, 'such key'),
-                (dict(die, service='X'), {}, 'no such service'), (dict(die, kind='get'), ON_RESET, 'no such member'),
-                (dict(die, interface='a.b'), ON_INDEX, 'no such member'), (dict(die, kind='X'), ON_RESET, '"kind"'),
-                (dict(die, no_reply=True), ON_RESET, 'more than one'), (dict(die, skip=-1), ON_RESET, 'number'),
-                (dict(die, carry_out=True), ON_RESET, 'goes with'), (code, ON_INDEX, 'a property has no'),
-                (dict(code, member='GetAll'), {'service': 'Config1'}, 'answers no completion code'),
-                (ON_RESET, {'error': {'name': 'Busy'}}, '"name"'), (ON_RESET, {'signal': {'member': 'a.b'}}, 'signal'),
-                (ON_RESET, {'reply': {'signature': '('}}, 'malform'), (ON_RESET, {'reply': {'signature': 'y'}}, 'fit'),
-                (ON_INDEX, {'reply': {'signature': 'yy', 'values': [1, 2]}}, 'one value')):
+        for calls, action, reason in ((ON_INDEX, {}, 'no action'), (ON_INDEX, {'die': 1}, 'true or false'),
+                                      (ON_INDEX, {'X': 1}, 'such key'), (dict(die, service='X'), {}, 'no such service'),
+                                      (dict(die, kind='get'), ON_RESET,
+                                       'no such member'), (dict(die, interface='a.b'), ON_INDEX,
+                                                           'no such member'), (dict(die, kind='X'), ON_RESET, '"kind"'),
+                                      (dict(die, no_reply=True), ON_RESET,
+                                       'more than one'), (dict(die, skip=-1), ON_RESET,
+                                                          'number'), (dict(die, carry_out=True), ON_RESET, 'goes with'),
+                                      (code, ON_INDEX,
+                                       'a property has no'), (dict(code, member='GetAll'), {'service': 'Config1'},
+                                                              'answers no completion code'),
+                                      (ON_RESET, {'error':
+                                                  {'name':
+                                                   'Busy'}}, '"name"'), (ON_RESET, {'signal': {'member':
+                                                                                               'a.b'}}, 'signal'),
+                                      (ON_RESET, {'reply': {'signature': '('}},
+                                       'malform'), (ON_RESET, {'reply': {'signature': 'y'}},
+                                                    'fit'), (ON_INDEX, {'reply': {'signature': 'yy', 'values':
+                                                                                  [1, 2]}}, 'one value')):
             with self.subTest(calls=calls, action=action):
                 self.assertIn(reason, self.sim('fault', json.dumps(dict(calls, **action)), status=1))
         self.assertEqual((self.index(), self.answer(*RESET)), ('uint32 0', 'int32 0'))
@@ -120,21 +131,23 @@ class Simulator(unittest.TestCase):
 
     def test_what_is_not_there_has_the_standards_error(self):
         get, set_, get_all = (PROPERTIES + suffix for suffix in ('.Get', '.Set', '.GetAll'))
-        for error, member, *arguments in (
-                ('UnknownMethod', 'X'), ('UnknownMethod', PROPERTIES + '.X'), ('UnknownInterface', 'a.b.X'),
-                ('UnknownProperty', get, INDEX[0], 'string:X'), ('UnknownInterface', get, 'string:a.b', 'string:X'),
-                ('UnknownInterface', get_all, 'string:a.b'), ('InvalidArgs', get_all), ('InvalidArgs', get, 'string:a'),
-                ('PropertyReadOnly', set_, INDEX[0] + '.Hpm3', 'string:Enabled', 'variant:boolean:true'),
-                ('InvalidArgs', set_, *INDEX, 'variant:string:x')):
+        for error, member, *arguments in (('UnknownMethod', 'X'), ('UnknownMethod', PROPERTIES + '.X'),
+                                          ('UnknownInterface', 'a.b.X'), ('UnknownProperty', get, INDEX[0], 'string:X'),
+                                          ('UnknownInterface', get, 'string:a.b', 'string:X'), ('UnknownInterface',
+                                                                                                get_all, 'string:a.b'),
+                                          ('InvalidArgs', get_all), ('InvalidArgs', get, 'string:a'),
+                                          ('PropertyReadOnly', set_, INDEX[0] + '.Hpm3', 'string:Enabled',
+                                           'variant:boolean:true'), ('InvalidArgs', set_, *INDEX, 'variant:string:x')):
             with self.subTest(member=member, arguments=arguments):
                 self.assertIn(f'org.freedesktop.DBus.Error.{error}: ', self.answer('Config1', member, *arguments))
-        for member, *arguments in (('X',), (get, *INDEX), (get_all, 'string:'), (INTROSPECT,)):
+        for member, *arguments in (('X', ), (get, *INDEX), (get_all, 'string:'), (INTROSPECT, )):
             self.assertIn('Error.UnknownObject: ', self.answer('Config1', member, *arguments, path='/x'))
 
     def test_every_object_has_the_standards_methods(self):
         def names(interface):
             all_ = self.answer('Config1', PROPERTIES + '.GetAll', 'string:' + interface)
             return [entry.split('"')[0] for entry in all_.split('dict entry( string "')[1:]]
+
         self.assertEqual(names('com.brisemont.Config1.Firmware'), ['Aux', 'Has_Signature', 'Major', 'Minor'])
         self.assertEqual((len(names('')), names(PROPERTIES)), (14, []))  # two have the same name
         self.assertEqual(self.answer('Bmc1', 'org.freedesktop.DBus.Peer.Ping'), '')
@@ -144,26 +157,32 @@ class Simulator(unittest.TestCase):
     def test_containers_go_both_ways(self):
         self.answer('Config1', 'X', 'dict:string:byte:b,7,a,5', 'dict:byte:string:1,x', 'array:byte:1,255',
                     'variant:byte:3')
-        self.assertEqual(self.calls('Config1')[0][2], [{'a': 5, 'b': 7}, [[1, 'x']], {'length': 2, 'hex': '01ff'},
-                                                       {'signature': 'y', 'value': 3}])
+        self.assertEqual(
+            self.calls('Config1')[0][2],
+            [{'a': 5, 'b': 7}, [[1, 'x']], {'length': 2, 'hex': '01ff'}, {'signature': 'y', 'value': 3}])
         values = [{'k': {'signature': 'u', 'value': 5}}, [[1, ['x', 'y']]], [True, 0.5], [1, 2]]
         self.fault(ON_RESET, reply={'signature': 'a{sv}a{yas}(bd)ay', 'values': values})
-        self.assertEqual(self.answer(*RESET), 'array [ dict entry( string "k" variant uint32 5 ) ] '
-                         'array [ dict entry( byte 1 array [ string "x" string "y" ] ) ] '
-                         'struct { boolean true double 0.5 } array of bytes [ 01 02 ]')
+        self.assertEqual(
+            self.answer(*RESET), 'array [ dict entry( string "k" variant uint32 5 ) ] '
+            'array [ dict entry( byte 1 array [ string "x" string "y" ] ) ] '
+            'struct { boolean true double 0.5 } array of bytes [ 01 02 ]')
 
     def test_a_fault_changes_one_reply(self):
         caps = ('Upgrade1', 'GetTargetUpgradeCaps', 'byte:0')
         limits = ' '.join(f'byte {value}' for value in (0, 0, 3, 12, 12, 12, 12, 127))
         version = ('Upgrade1', 'GetComponentProps', 'byte:0', 'byte:1', 'byte:1')
-        for call, normal, action, changed in (
-                (caps, 'byte 0 ' + limits, BUSY, 'Error a.b.Busy: not now'),
-                (caps, 'byte 0 ' + limits, {'reply': {'signature': 's', 'values': ['odd']}}, 'string "odd"'),
-                (caps, 'byte 0 ' + limits, {'truncate': 2}, 'byte 0 byte 0'),
-                (caps, 'byte 0 ' + limits, {'completion_code': 213}, 'byte 213' + ' byte 0' * 8),
-                (caps, 'byte 0 ' + limits, {'completion_code': 213, 'carry_out': True}, 'byte 213 ' + limits),
-                (version, 'byte 0 byte 0 array of bytes [ 01 05 00 00 00 00 ]', {'oversize': 7},
-                 'byte 0 byte 0 array of bytes [ 01 05 00 00 00 00 a5 ]')):
+        for call, normal, action, changed in ((caps, 'byte 0 ' + limits, BUSY, 'Error a.b.Busy: not now'),
+                                              (caps, 'byte 0 ' + limits,
+                                               {'reply': {'signature': 's', 'values': ['odd']}
+                                                }, 'string "odd"'), (caps, 'byte 0 ' + limits, {'truncate':
+                                                                                                2}, 'byte 0 byte 0'),
+                                              (caps, 'byte 0 ' + limits, {'completion_code':
+                                                                          213}, 'byte 213' + ' byte 0' * 8),
+                                              (caps, 'byte 0 ' + limits, {'completion_code': 213, 'carry_out':
+                                                                          True}, 'byte 213 ' + limits),
+                                              (version, 'byte 0 byte 0 array of bytes [ 01 05 00 00 00 00 ]',
+                                               {'oversize':
+                                                7}, 'byte 0 byte 0 array of bytes [ 01 05 00 00 00 00 a5 ]')):
             with self.subTest(action=action):
                 self.fault({'service': call[0], 'member': call[1]}, **action)
                 self.assertEqual([self.answer(*call), self.answer(*call)], [changed, normal])
@@ -206,7 +225,7 @@ class Simulator(unittest.TestCase):
         self.assertIn('Error.NoReply', waiting.communicate(timeout=60)[1])
 
     def test_a_service_dies_or_stops_and_comes_back(self):
-        for options, back in (({'return_after_ms': 1}, None), ({}, ('start', 'Config1')), ({}, ('reset',))):
+        for options, back in (({'return_after_ms': 1}, None), ({}, ('start', 'Config1')), ({}, ('reset', ))):
             self.fault(ON_INDEX, die=True, **options)
             self.assertIn('Error.NoReply', self.index())
             if back:
@@ -235,8 +254,10 @@ class Simulator(unittest.TestCase):
         self.assertEqual(self.calls(), [])
 
     def test_reset_goes_back_to_the_scenario(self):
-        scenario = {'state': {'config': {'Generic_Index': 3}, 'target': {'components': {'6': None}}},
-                    'faults': [{'service': 'Network1', 'member': 'SetHostname', 'count': 0, **BUSY}]}
+        scenario = {
+            'state': {'config': {'Generic_Index': 3}, 'target': {'components': {'6': None}}}, 'faults':
+            [{'service': 'Network1', 'member': 'SetHostname', 'count': 0, **BUSY}]
+        }
         script = """look() {
                         "$0" calls; "$0" state | grep -Ec 'name": "(BmcUboot|Cpld)"|Generic_Index": 3'
                         dbus-send --system --print-reply --dest=$1 /com/brisemont/Network1 $1.SetHostname string:x 2>&1

@@ -26,6 +26,9 @@
 namespace bdbus_sim
 {
 
+using bdbus_tools::check_errno;
+using bdbus_tools::descriptor;
+
 namespace
 {
 

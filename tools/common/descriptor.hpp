@@ -48,7 +48,3 @@ number check_errno(number result, const std::string &what)
 }
 
 } // namespace bdbus_tools
-
-// The simulator names them so.
-using bdbus_tools::check_errno;
-using bdbus_tools::descriptor;
