@@ -13,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace bdbus_sim
 {
@@ -110,6 +111,12 @@ void add_argument(CLI::App &subcommand, argument takes, std::string &text)
     }
 }
 
+/** Sets `action` to `chosen` when the subcommand is the one on the command line. */
+void on_choice(CLI::App &subcommand, std::function<void()> &action, std::function<void()> chosen)
+{
+    subcommand.callback([&action, chosen = std::move(chosen)] { action = chosen; });
+}
+
 } // namespace
 
 void add_client_commands(CLI::App &app, std::function<void()> &action)
@@ -118,11 +125,7 @@ void add_client_commands(CLI::App &app, std::function<void()> &action)
         CLI::App *subcommand = app.add_subcommand(command.name, command.description);
         auto text = std::make_shared<std::string>();
         add_argument(*subcommand, command.takes, *text);
-        subcommand->callback([&action, &command, text] {
-            action = [&command, text] {
-                run_client_command(command, *text);
-            };
-        });
+        on_choice(*subcommand, action, [&command, text] { run_client_command(command, *text); });
     }
 
     CLI::App *received = app.add_subcommand("received", "Save what the upgrade target received for a component");
@@ -130,11 +133,7 @@ void add_client_commands(CLI::App &app, std::function<void()> &action)
     auto path = std::make_shared<std::string>();
     received->add_option("COMPONENT", *component, "0 to 7")->required()->check(CLI::Range(0, 7));
     received->add_option("FILE", *path, "the file to write")->required();
-    received->callback([&action, component, path] {
-        action = [component, path] {
-            save_received(static_cast<uint8_t>(*component), *path);
-        };
-    });
+    on_choice(*received, action, [component, path] { save_received(static_cast<uint8_t>(*component), *path); });
 }
 
 } // namespace bdbus_sim

@@ -208,11 +208,12 @@ void keep_passwords(json &value, const json &before, const json &shape)
     if (shape == "p" && value == hidden && before.is_string()) {
         value = before;
     }
-    if (shape.is_object() && before.is_object()) {
-        for (auto &[key, element] : value.items()) {
-            if (auto old = before.find(key); old != before.end()) {
-                keep_passwords(element, *old, *find_rule(shape, key));
-            }
+    if (!shape.is_object() || !before.is_object()) {
+        return;
+    }
+    for (auto &[key, element] : value.items()) {
+        if (auto old = before.find(key); old != before.end()) {
+            keep_passwords(element, *old, *find_rule(shape, key));
         }
     }
 }

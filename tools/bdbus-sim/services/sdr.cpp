@@ -223,9 +223,7 @@ void repository::complete()
         json whole = sensor_record(static_cast<uint16_t>(std::stoul(key)), record["sdr"]);
         record["sdr"] = whole["sdr"];
         for (const live_value &row : live_values) {
-            if (!record.contains(row.key)) {
-                record[row.key] = whole[row.key];
-            }
+            record.emplace(row.key, whole[row.key]); // unless it is there
         }
     }
 }
