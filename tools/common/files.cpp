@@ -17,6 +17,14 @@ namespace
 
 constexpr size_t piece_bytes = size_t{256} * 1024;
 
+void write_all(const descriptor &file, std::string_view content, const std::string &path)
+{
+    while (!content.empty()) {
+        const ssize_t count = check_errno(write(file.get(), content.data(), content.size()), path);
+        content.remove_prefix(static_cast<size_t>(count));
+    }
+}
+
 /** A file under a name of its own, which goes unless it was given its final one. */
 class temporary_file
 {
@@ -39,10 +47,7 @@ public:
         const mode_t mask = umask(0);
         umask(mask);
         check_errno(fchmod(file_.get(), 0666 & ~mask), path_);
-        while (!content.empty()) {
-            const ssize_t count = check_errno(::write(file_.get(), content.data(), content.size()), path_);
-            content.remove_prefix(static_cast<size_t>(count));
-        }
+        write_all(file_, content, path_);
         check_errno(fsync(file_.get()), path_);
     }
 
@@ -78,7 +83,7 @@ void write_file(const std::string &path, std::string_view content)
 {
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw std::system_error(EEXIST, std::generic_category(), path);
+        return write_all(descriptor(check_errno(open(path.c_str(), O_WRONLY | O_CLOEXEC), path)), content, path);
     }
     temporary_file file(path);
     file.write(content);
