@@ -3,6 +3,7 @@
 // that never pauses, where no read may be torn. Then how long after a call the signal that arrived with its reply is
 // applied. It speaks to a simulated controller: bdbus-sim run -- sdr --benchmark_repetitions=9
 #include "sdr/connection.hpp"
+#include "sdr/store.hpp"
 
 #include <benchmark/benchmark.h>
 

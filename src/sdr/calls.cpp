@@ -4,7 +4,6 @@
 #include "sdr/store.hpp"
 
 #include <cerrno>
-#include <iterator>
 
 namespace bdbus
 {

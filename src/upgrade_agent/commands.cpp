@@ -6,8 +6,6 @@
 
 #include <syslog.h>
 
-#include <cerrno>
-
 namespace bdbus
 {
 

@@ -3,7 +3,6 @@
 #include "simulator.hpp"
 
 #include <chrono>
-#include <iterator>
 #include <string>
 
 namespace bdbus_sim

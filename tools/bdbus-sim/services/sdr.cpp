@@ -8,7 +8,6 @@
 #include <iterator>
 #include <memory>
 #include <random>
-#include <utility>
 
 namespace bdbus_sim
 {

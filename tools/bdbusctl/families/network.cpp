@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <span>
 
 namespace bdbusctl

@@ -10,7 +10,6 @@
 #include <cctype>
 #include <charconv>
 #include <chrono>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>

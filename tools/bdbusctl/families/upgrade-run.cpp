@@ -15,7 +15,6 @@
 #include <bdbus/upgrade_agent.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
