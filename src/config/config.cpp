@@ -145,10 +145,13 @@ class config_call : service, failure_report, mutex_guard, public call_frame
 {
 public:
     explicit config_call(const grouped_member &key)
-        : service{config_service.name, config_service.path, key.interface()}, mutex_guard(config_module.lock),
-          call_frame(*this, *this, silent_texts, config_module.bus, 0)
+        : service(at(key)), mutex_guard(config_module.lock),
+          call_frame(*this, static_cast<const service &>(*this), silent_texts, config_module.bus, 0)
     {
     }
+
+private:
+    static service at(const grouped_member &key) { return {config_service.name, config_service.path, key.interface()}; }
 };
 
 /** Ask the service for a value into a new allocation: a text, or a cell. The cache lock is held. */
@@ -160,11 +163,7 @@ int32_t config_read(config_key &key)
         char *text = nullptr;
         call.get_string_property(property.name(), &text);
         key.value = text;
-    } else {
-        void *cell = malloc(sizeof(uint32_t));
-        if (cell == nullptr) {
-            call.fail(-ENOMEM);
-        }
+    } else if (void *cell = malloc(sizeof(uint32_t)); cell != nullptr) {
         if (key.type[0] == 'b') {
             call.get_basic_property<"b">(property.name(), static_cast<int32_t *>(cell));
         } else {
@@ -172,11 +171,15 @@ int32_t config_read(config_key &key)
         }
         key.value = cell;
     }
-    key.cached = 1;
+    if (key.value == nullptr) {
+        call.fail(-ENOMEM);
+    }
     if (call.failed()) {
         config_drop(key);
+        return config_status(call.result());
     }
-    return config_status(call.result());
+    key.cached = 1;
+    return BDBUS_CONFIG_OK;
 }
 
 /** Hand a value to the service. The cache lock is held. */
@@ -216,9 +219,9 @@ int32_t config_get(config_key &key, void *out, uint32_t len)
     const config_cache_guard cache;
     if (key.cached == 0) {
         status = config_read(key);
-        if (status != BDBUS_CONFIG_OK) {
-            return status;
-        }
+    }
+    if (key.value == nullptr) {
+        return status;
     }
     config_copy(key, out, len);
     return BDBUS_CONFIG_OK;
