@@ -37,12 +37,47 @@ void call_frame::finish_property(int result, const char *name)
     }
 }
 
+void call_frame::invoke_bytes(const char *member, const uint8_t *bytes, std::size_t count)
+{
+    if (failed()) {
+        return;
+    }
+    int result = sd_bus_message_new_method_call(bus_, &request_, peer_.name, peer_.path, peer_.interface, member);
+    result = result < 0 ? result : sd_bus_message_append_array(request_, 'y', bytes, count);
+    finish_call(result < 0 ? result : sd_bus_call(bus_, request_, default_timeout, report_.error(), &reply_));
+}
+
 void call_frame::create(const char *member)
 {
     if (!failed()) {
         finish_step(sd_bus_message_new_method_call(bus_, &request_, peer_.name, peer_.path, peer_.interface, member),
                     texts_.create);
     }
+}
+
+void call_frame::append_values(const char *codes, const void *const *places)
+{
+    if (failed()) {
+        return;
+    }
+    int result = 0;
+    for (; result >= 0 && *codes != '\0'; codes++, places++) {
+        result = sd_bus_message_append_basic(request_, *codes, *places);
+    }
+    finish_step(result, texts_.append);
+}
+
+int32_t call_frame::read_values(const char *codes, void *const *outputs)
+{
+    if (failed()) {
+        return result_;
+    }
+    int result = 1;
+    for (; result > 0 && *codes != '\0'; codes++, outputs++) {
+        result = sd_bus_message_read_basic(reply_, *codes, *outputs);
+    }
+    finish_step(result, texts_.parse);
+    return result_;
 }
 
 void call_frame::append_raw(char code, const void *data, size_t bytes)

@@ -28,11 +28,8 @@ void after_fork()
 
 } // namespace
 
-int32_t watch_forks(bus_module &owner)
+int32_t start_watching(bus_module &owner)
 {
-    if (owner.watched.load(std::memory_order_relaxed)) {
-        return 0;
-    }
     if (!forks_are_watched.load()) {
         if (const int error = pthread_atfork(nullptr, nullptr, after_fork); error != 0) {
             return -error;
@@ -47,10 +44,12 @@ int32_t watch_forks(bus_module &owner)
     return 0;
 }
 
-int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler)
+int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler,
+                     const void *userdata)
 {
     const held_signals held;
-    const int matched = sd_bus_match_signal(bus, nullptr, nullptr, peer.path, peer.interface, member, handler, nullptr);
+    const int matched = sd_bus_match_signal(bus, nullptr, nullptr, peer.path, peer.interface, member, handler,
+                                            const_cast<void *>(userdata));
     switch (matched) {
     case -EINTR:
     case -ENOMEM: // libsystemd 252 is left with a match that it cannot use

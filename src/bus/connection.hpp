@@ -37,9 +37,11 @@ private:
  * Subscribe to a signal for as long as the connection lives. A signal whose match the bus refuses is not received, and
  * every call works all the same.
  *
+ * @param userdata what the handler gets; it only reads it.
  * @return 0 when the bus has answered, or a negative code: the connection is to be closed then.
  */
-int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler);
+int32_t match_signal(sd_bus *bus, const service &peer, const char *member, sd_bus_message_handler_t handler,
+                     const void *userdata = nullptr);
 
 /** Subscribe a new connection. @return 0, or the first match's negative code. */
 using subscription = int32_t (*)(sd_bus *bus);
@@ -53,13 +55,19 @@ struct bus_module {
     std::atomic<bool> watched{false};
 };
 
+/** Have forks watched for from now on. @return 0, or a negative code. */
+int32_t start_watching(bus_module &owner);
+
 /**
  * Have forks watched for, before the module's lock is taken for the first time. In a child, a connection that was there
  * or under way is inherited, and the lock of a module without one is free, whoever held it.
  *
  * @return 0, or a negative code.
  */
-int32_t watch_forks(bus_module &owner);
+inline int32_t watch_forks(bus_module &owner)
+{
+    return owner.watched.load(std::memory_order_relaxed) ? 0 : start_watching(owner);
+}
 
 /** Whether the connection is a parent's, whose socket, lock and listener are of no use here. */
 inline bool is_inherited(const bus_module &owner)

@@ -2,8 +2,11 @@
 // Names of the form "Group.Name", which say where a property or method is.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 namespace bdbus
 {
@@ -30,6 +33,40 @@ public:
 private:
     char interface_[256]; // D-Bus names have at most 255 bytes
     const char *name_;
+};
+
+template <std::size_t Size>
+struct literal {
+    char text[Size];
+    consteval literal(const char (&source)[Size]) { std::copy_n(source, Size, text); }
+};
+
+/** The same of two literals, for a table. */
+template <const auto &Base, literal Name>
+class grouped_literal
+{
+    static constexpr std::size_t group = [] {
+        const std::string_view dotted(Name.text, sizeof(Name.text) - 1);
+        return dotted.rfind('.') == dotted.npos ? 0 : dotted.rfind('.') + 1;
+    }();
+
+    struct interface_text {
+        char text[sizeof(Base) + group] = {};
+        consteval interface_text()
+        {
+            char *end = std::copy_n(Base, sizeof(Base) - 1, text);
+            if (group > 0) {
+                *end = '.';
+                std::copy_n(Name.text, group - 1, end + 1);
+            }
+        }
+    };
+    static constexpr interface_text interface_storage = {};
+
+public:
+    static constexpr const char (&text)[sizeof(Name.text)] = Name.text;
+    static constexpr const char *interface = interface_storage.text;
+    static constexpr const char *name = text + group;
 };
 
 } // namespace bdbus

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The 80 notices of the upgrade service: one list of names, one handler for each, and the caller's table.
+// The 80 notices of the upgrade service: one list of names, and the caller's table.
 #include "upgrade/events.hpp"
 
 #include "upgrade/connection.hpp"
@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <iterator>
-#include <utility>
 
 namespace bdbus
 {
@@ -49,35 +48,32 @@ static_assert(sizeof(bdbus_upgrade_callback_table) == sizeof(sd_bus_message_hand
 
 constinit std::atomic<const bdbus_upgrade_callback_table *> upgrade_callbacks{nullptr};
 
-/** What sd-bus calls for the signal of one slot; the handler's result means nothing. */
-template <std::size_t Slot>
-int upgrade_event(sd_bus_message *signal, void *userdata, sd_bus_error *error)
+/** What sd-bus calls for each of them, with the name's place in the list; the handler's result means nothing. */
+int upgrade_event(sd_bus_message *signal, void *name, sd_bus_error *error)
 {
     const bdbus_upgrade_callback_table *table = upgrade_callbacks.load(std::memory_order_acquire);
     if (table == nullptr) {
         return 0;
     }
-    const sd_bus_message_handler_t handler = reinterpret_cast<const sd_bus_message_handler_t *>(table)[Slot];
+    const auto slot = static_cast<const char *const *>(name) - upgrade_signals;
+    const sd_bus_message_handler_t handler = reinterpret_cast<const sd_bus_message_handler_t *>(table)[slot];
     if (handler != nullptr) {
-        handler(signal, userdata, error);
+        handler(signal, nullptr, error);
     }
     return 0;
-}
-
-template <std::size_t... Slots>
-int32_t match_all(sd_bus *bus, std::index_sequence<Slots...> /*slots*/)
-{
-    int32_t result = 0;
-    static_cast<void>(
-        (((result = match_signal(bus, upgrade_service, upgrade_signals[Slots], upgrade_event<Slots>)) >= 0) && ...));
-    return result;
 }
 
 } // namespace
 
 int32_t upgrade_events_match(sd_bus *bus)
 {
-    return match_all(bus, std::make_index_sequence<BDBUS_UPGRADE_SIGNALS>());
+    for (const char *const &name : upgrade_signals) {
+        const int32_t result = match_signal(bus, upgrade_service, name, upgrade_event, &name);
+        if (result < 0) {
+            return result;
+        }
+    }
+    return 0;
 }
 
 } // namespace bdbus

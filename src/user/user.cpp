@@ -48,7 +48,7 @@ template <typename Record>
 int32_t user_exchange(const char *member, const user_request &request, Record &rec)
 {
     user_call call;
-    call.invoke_bytes(member, request);
+    call.invoke_bytes(member, request.data(), request.size());
     return call.read<"yq">(&rec.completion_code, &rec.value);
 }
 
