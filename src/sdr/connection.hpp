@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The family's connection, which callers share with the listener.
 //
-// A method call reads whatever has arrived on the socket into the connection's queue, where a poll of the descriptor
+// A method call reads whatever has arrived on the socket into the connection's queue, where a wait for the descriptor
 // does not see it. So whoever releases the connection with messages in its queue wakes the listener.
 #pragma once
 
@@ -29,6 +29,7 @@ public:
     {
         if (!inherited_) {
             pthread_mutex_lock(&sdr_module.lock);
+            sdr_hush_listener();
         }
     }
     ~sdr_hold()
@@ -36,7 +37,7 @@ public:
         if (inherited_) {
             return;
         }
-        sdr_wake_listener();
+        sdr_rouse_listener();
         pthread_mutex_unlock(&sdr_module.lock);
         if (sdr_listener_waits.load(std::memory_order_relaxed)) {
             sdr_let_listener_in();

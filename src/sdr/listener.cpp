@@ -2,18 +2,22 @@
 // The listener: one thread that applies other clients' changes to the store and hands readings to the caller's
 // callback.
 //
-// It dispatches under the module lock, one message a turn, until nothing is queued, and waits without the lock for the
-// connection's descriptor and for callers that left messages in the queue.
+// It dispatches under the module lock, one message a turn, until nothing is queued, and waits without the lock on an
+// epoll set that holds the connection's descriptor. While a caller has the connection the set reports nothing of it, so
+// that a reply wakes its caller alone. A caller that leaves messages in the queue has the set report that the
+// descriptor can be written to, which it always can.
 #include "sdr/connection.hpp"
 #include "sdr/store.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/eventfd.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <ctime>
 
@@ -26,19 +30,44 @@ namespace
 {
 
 constinit const char *own_name = nullptr; // unknown: every change counts as another client's
-constinit int wake_fd = -1;
-constinit std::atomic<bool> paused{false};
+constinit int epoll_fd = -1;
+
+// Guarded by the module lock.
+constinit uint32_t reported = 0; // what the set reports of the connection
+constinit bool paused = false;
 
 /** The record whose reading the message in dispatch announced; the listener's own. */
 constinit bdbus_sdr_record *read_record = nullptr;
 
+constexpr uint32_t arrivals = EPOLLIN;
+constexpr uint32_t at_once = EPOLLIN | EPOLLOUT;
+
+void report_of_bus(uint32_t events)
+{
+    if (events != reported) {
+        reported = events;
+        epoll_event event = {.events = events, .data = {}};
+        epoll_ctl(epoll_fd, EPOLL_CTL_MOD, sd_bus_get_fd(sdr_module.bus), &event);
+    }
+}
+
 } // namespace
 
-void sdr_wake_listener()
+void sdr_hush_listener()
+{
+    if (reported != at_once) { // which it has not seen yet
+        report_of_bus(0);
+    }
+}
+
+void sdr_rouse_listener()
 {
     uint64_t queued = 0;
-    if (sd_bus_get_n_queued_read(sdr_module.bus, &queued) >= 0 && queued > 0) {
-        eventfd_write(wake_fd, 1); // fails only when it is raised already
+    sd_bus_get_n_queued_read(sdr_module.bus, &queued);
+    if (queued > 0) {
+        report_of_bus(at_once);
+    } else if (reported != at_once && !paused) {
+        report_of_bus(arrivals);
     }
 }
 
@@ -57,13 +86,16 @@ void sdr_let_listener_in()
 
 listener_pause::listener_pause()
 {
-    paused.store(true, std::memory_order_relaxed);
+    const mutex_guard guard(sdr_module.lock);
+    paused = true;
+    sdr_hush_listener();
 }
 
 listener_pause::~listener_pause()
 {
-    paused.store(false, std::memory_order_relaxed);
-    eventfd_write(wake_fd, 1);
+    const mutex_guard guard(sdr_module.lock);
+    paused = false;
+    sdr_rouse_listener();
 }
 
 namespace
@@ -194,57 +226,53 @@ constexpr struct {
     {"ThresholdSet", on_thresholds},
 };
 
-/** How long to wait for what. */
-struct wait_for {
-    int fd;
-    short events;
-    uint64_t until_us; // on the monotonic clock; 0: do not wait, UINT64_MAX: without end
-};
+// How long to wait, in milliseconds.
+constexpr int not_at_all = 0;
+constexpr int a_second = 1000;
+constexpr int without_end = -1;
 
-constexpr uint64_t us_per_s = 1'000'000;
-
-uint64_t monotonic_us()
+/** The time to what sd-bus itself waits for, rounded up. */
+int until_timeout(sd_bus *bus)
 {
+    uint64_t until_us = UINT64_MAX;
+    sd_bus_get_timeout(bus, &until_us); // on the monotonic clock; leaves "without end" when it fails
+    if (until_us == UINT64_MAX) {
+        return without_end;
+    }
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * us_per_s + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    const uint64_t now_us = static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return until_us <= now_us ? not_at_all
+                              : static_cast<int>(std::min<uint64_t>((until_us - now_us) / 1000 + 1, INT_MAX));
 }
 
-/** Dispatch at most one message. The module lock is held. @return what to wait for before the next turn. */
-wait_for dispatch_one()
+/** Dispatch at most one message. The module lock is held. @return how long to wait before the next turn. */
+int dispatch_one()
 {
     sd_bus *bus = sdr_module.bus;
     const int processed = sd_bus_process(bus, nullptr);
     if (processed > 0) {
-        return {.fd = -1, .events = 0, .until_us = 0};
+        return not_at_all;
     }
-    if (processed < 0) {
-        // A connection that broke never comes back: there is nothing left to wait for. Other errors pass.
-        return {.fd = -1, .events = 0, .until_us = sd_bus_is_open(bus) > 0 ? monotonic_us() + us_per_s : UINT64_MAX};
+    if (processed == 0) {
+        const int events = sd_bus_get_events(bus);
+        report_of_bus(events > 0 && (events & POLLOUT) != 0 ? at_once : paused ? 0 : arrivals);
+        return until_timeout(bus);
     }
-    wait_for wait = {.fd = sd_bus_get_fd(bus), .events = 0, .until_us = UINT64_MAX};
-    const int events = sd_bus_get_events(bus);
-    wait.events = static_cast<short>(events < 0 ? 0 : events);
-    sd_bus_get_timeout(bus, &wait.until_us); // leaves "without end" when it fails
-    return wait;
+    if (sd_bus_is_open(bus) > 0) {
+        report_of_bus(0);
+        return a_second; // such an error passes
+    }
+    // A connection that broke never comes back: there is nothing left to wait for. A set reports its end in any case.
+    epoll_ctl(epoll_fd, EPOLL_CTL_DEL, sd_bus_get_fd(bus), nullptr);
+    return without_end;
 }
 
-void wait(const wait_for &what)
+void wait(int milliseconds)
 {
-    pollfd fds[] = {{.fd = wake_fd, .events = POLLIN, .revents = 0},
-                    {.fd = paused.load(std::memory_order_relaxed) ? -1 : what.fd, .events = what.events, .revents = 0}};
-    timespec limit = {};
-    if (what.until_us != UINT64_MAX) {
-        const uint64_t now = monotonic_us();
-        const uint64_t left = what.until_us > now ? what.until_us - now : 0;
-        limit = {.tv_sec = static_cast<time_t>(left / us_per_s), .tv_nsec = static_cast<long>(left % us_per_s * 1000)};
-    }
-    if (ppoll(fds, 2, what.until_us == UINT64_MAX ? nullptr : &limit, nullptr) < 0 && errno != EINTR) {
-        poll(nullptr, 0, 1000); // the process may have no descriptors at all: what can still be done is not to spin
-    }
-    if (fds[0].revents != 0) {
-        eventfd_t raised = 0;
-        eventfd_read(wake_fd, &raised);
+    epoll_event event = {};
+    if (epoll_wait(epoll_fd, &event, 1, milliseconds) < 0 && errno != EINTR) {
+        poll(nullptr, 0, a_second); // the process may have no descriptors at all: what can still be done is not to spin
     }
 }
 
@@ -262,16 +290,16 @@ void report_reading()
 void *listen(void * /*argument*/)
 {
     for (;;) {
-        wait_for next = {};
+        int pause = not_at_all;
         {
             sdr_listener_waits.store(true, std::memory_order_relaxed);
             const mutex_guard guard(sdr_module.lock);
             sdr_listener_waits.store(false, std::memory_order_relaxed);
-            next = dispatch_one();
+            pause = dispatch_one();
         }
         report_reading();
-        if (next.until_us != 0) {
-            wait(next);
+        if (pause != not_at_all) {
+            wait(pause);
         }
     }
     return nullptr;
@@ -312,10 +340,10 @@ int32_t sdr_subscribe(sd_bus *bus)
 namespace
 {
 
-/** A descriptor that stands for none of the standard streams, which a program may have closed. */
-int create_wake_fd()
+/** A set whose descriptor is none of the standard streams', which a program may have closed. */
+int create_epoll()
 {
-    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int fd = epoll_create1(EPOLL_CLOEXEC);
     if (fd < 0 || fd > STDERR_FILENO) {
         return fd;
     }
@@ -326,17 +354,29 @@ int create_wake_fd()
     return moved;
 }
 
+/** Create the set, which reports nothing of the connection yet. @return 0, or a negative error number. */
+int32_t watch_bus(sd_bus *bus)
+{
+    const int fd = create_epoll();
+    if (fd < 0) {
+        return -errno;
+    }
+    epoll_event nothing = {};
+    if (epoll_ctl(fd, EPOLL_CTL_ADD, sd_bus_get_fd(bus), &nothing) < 0) {
+        const int error = errno;
+        close(fd);
+        return -error;
+    }
+    epoll_fd = fd;
+    return 0;
+}
+
 } // namespace
 
 int32_t sdr_listener_start()
 {
-    if (wake_fd < 0) {
-        wake_fd = create_wake_fd();
-        if (wake_fd < 0) {
-            return -errno;
-        }
-    }
-    return -create_thread();
+    const int32_t watched = epoll_fd < 0 ? watch_bus(sdr_module.bus) : 0; // an earlier attempt's is taken up again
+    return watched < 0 ? watched : -create_thread();
 }
 
 } // namespace bdbus

@@ -10,8 +10,11 @@
 namespace bdbus
 {
 
-/** Wake the listener for messages that are queued on the connection. The module lock is held. */
-void sdr_wake_listener();
+/** Leave what arrives to a caller who has just taken the module lock. */
+void sdr_hush_listener();
+
+/** Leave it to the listener again, and wake it for what is queued already. The module lock is held. */
+void sdr_rouse_listener();
 
 /** Whether the listener waits for the module lock. */
 extern std::atomic<bool> sdr_listener_waits;
@@ -25,10 +28,7 @@ int32_t sdr_subscribe(sd_bus *bus);
 /** Start the listener on the open connection. @return 0, or a negative error number. */
 int32_t sdr_listener_start();
 
-/**
- * Many calls in a row: the listener does not wake for each reply of a connection that its caller is reading anyway.
- * What the calls leave in the queue is dispatched as ever.
- */
+/** Many calls in a row: between them, too, the listener wakes only for what they leave in the queue. */
 class listener_pause
 {
 public:
