@@ -55,7 +55,7 @@ void call_frame::create(const char *member)
     }
 }
 
-void call_frame::append_values(const char *codes, const void *const *places)
+void call_frame::append_listed(const char *codes, const void *const *places)
 {
     if (failed()) {
         return;
@@ -67,16 +67,11 @@ void call_frame::append_values(const char *codes, const void *const *places)
     finish_step(result, texts_.append);
 }
 
-int32_t call_frame::read_values(const char *codes, void *const *outputs)
+int32_t call_frame::read_listed(const char *codes, void *const *outputs)
 {
-    if (failed()) {
-        return result_;
+    if (!failed()) {
+        finish_step(read_values(reply_, codes, outputs), texts_.parse);
     }
-    int result = 1;
-    for (; result > 0 && *codes != '\0'; codes++, outputs++) {
-        result = sd_bus_message_read_basic(reply_, *codes, *outputs);
-    }
-    finish_step(result, texts_.parse);
     return result_;
 }
 
@@ -128,13 +123,6 @@ int32_t call_frame::read_bytes(uint8_t *out, uint32_t room, uint32_t *length)
         *length = static_cast<uint32_t>(whole);
     }
     return result_;
-}
-
-const uint8_t *call_frame::read_exactly(uint32_t length)
-{
-    size_t count = 0;
-    const void *bytes = read_array('y', count);
-    return !failed() && count == length ? static_cast<const uint8_t *>(bytes) : nullptr;
 }
 
 void call_frame::get_property(const char *name, const char *type)

@@ -5,8 +5,8 @@
 #pragma once
 
 #include "bus/connection.hpp"
+#include "bus/message.hpp"
 #include "bus/report.hpp"
-#include "bus/signature.hpp"
 #include "bus/texts.hpp"
 
 #include <systemd/sd-bus.h>
@@ -59,7 +59,7 @@ public:
     {
         static_assert(fits<Sig, Values...>(), "the values do not match the signature that they are sent under");
         const void *const places[] = {place_of(values)...};
-        append_values(Sig.text, places);
+        append_listed(Sig.text, places);
     }
 
     /** Append an array: the first elements of what the caller has. */
@@ -81,7 +81,7 @@ public:
     {
         static_assert(fits<Sig, Values...>(), "the outputs do not match the signature that they are read under");
         void *const outputs[] = {values...};
-        return read_values(Sig.text, outputs);
+        return read_listed(Sig.text, outputs);
     }
 
     /**
@@ -94,7 +94,7 @@ public:
     int32_t read_bytes(uint8_t *out, uint32_t room, uint32_t *length = nullptr);
 
     /** Read a byte array of the reply that must have this length. @return its bytes, the reply's own, or null. */
-    const uint8_t *read_exactly(uint32_t length);
+    const uint8_t *read_exactly(uint32_t length) { return failed() ? nullptr : bdbus::read_exactly(reply_, length); }
 
     /** Read an array of the reply into a record's column: as many elements as fit; a shorter one leaves the rest. */
     template <typename Element, size_t Capacity>
@@ -148,8 +148,8 @@ private:
     }
 
     /** One by one: that spares sd-bus to read the signature and the varargs, a tenth of a small call's cost. */
-    void append_values(const char *codes, const void *const *places);
-    int32_t read_values(const char *codes, void *const *outputs);
+    void append_listed(const char *codes, const void *const *places);
+    int32_t read_listed(const char *codes, void *const *outputs);
 
     void append_raw(char code, const void *data, size_t bytes);
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -15,16 +14,21 @@ namespace bdbus
 class grouped_member
 {
 public:
-    grouped_member(const char *base, const char *name)
+    grouped_member(std::string_view base, const char *name)
     {
         const char *dot = strrchr(name, '.');
         name_ = dot == nullptr ? name : dot + 1;
-        const int group = dot == nullptr ? 0 : static_cast<int>(dot - name);
-        const int length =
-            snprintf(interface_, sizeof(interface_), "%s%s%.*s", base, dot == nullptr ? "" : ".", group, name);
-        if (length < 0 || static_cast<std::size_t>(length) >= sizeof(interface_)) {
+        const std::string_view group(name, dot == nullptr ? 0 : static_cast<std::size_t>(dot - name));
+        if (base.size() + group.size() + 2 > sizeof(interface_)) {
             memcpy(interface_, ".", 2); // too long for a name: sd-bus refuses it, like this one
+            return;
         }
+        char *end = std::copy(base.begin(), base.end(), interface_);
+        if (dot != nullptr) {
+            *end++ = '.';
+            end = std::copy(group.begin(), group.end(), end);
+        }
+        *end = '\0';
     }
 
     [[nodiscard]] const char *interface() const { return interface_; }

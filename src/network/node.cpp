@@ -3,11 +3,12 @@
 #include "bus/member.hpp"
 #include "network/connection.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace bdbus
 {
@@ -51,8 +52,11 @@ class node_member
 public:
     node_member(const char *node, const char *key) : member_("com.brisemont.Network", key)
     {
-        if (asprintf(&path_, "/com/brisemont/network/%s", node) < 0) {
-            path_ = nullptr;
+        static constexpr std::string_view parent = "/com/brisemont/network/";
+        const std::size_t length = strlen(node) + 1;
+        path_ = static_cast<char *>(malloc(parent.size() + length));
+        if (path_ != nullptr) {
+            memcpy(std::copy(parent.begin(), parent.end(), path_), node, length);
         }
     }
     ~node_member() { free(path_); }

@@ -111,21 +111,12 @@ bool is_own(const char *client)
     return own_name != nullptr && strcmp(client, own_name) == 0;
 }
 
-/** Read a byte array of exactly this length, or null. */
-const uint8_t *read_exactly(sd_bus_message *signal, size_t length)
-{
-    const void *bytes = nullptr;
-    size_t count = 0;
-    const bool read = sd_bus_message_read_array(signal, 'y', &bytes, &count) >= 0 && count == length;
-    return read ? static_cast<const uint8_t *>(bytes) : nullptr;
-}
-
 // The handlers. A signal that cannot be read, or is for a record that is not stored, leaves no trace.
 
 int on_record_added(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error*/)
 {
     const char *client = nullptr;
-    if (sd_bus_message_read(signal, "s", &client) < 0) {
+    if (read_message<"s">(signal, &client) <= 0) {
         return 0;
     }
     const uint8_t *sdr = read_exactly(signal, BDBUS_SDR_BYTES);
@@ -139,7 +130,7 @@ int on_record_deleted(sd_bus_message *signal, void * /*userdata*/, sd_bus_error 
 {
     const char *client = nullptr;
     uint16_t id = 0;
-    if (sd_bus_message_read(signal, "sq", &client, &id) >= 0 && !is_own(client)) {
+    if (read_message<"sq">(signal, &client, &id) > 0 && !is_own(client)) {
         store().remove(id);
     }
     return 0;
@@ -152,8 +143,7 @@ int on_event(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*error
     const char *client = nullptr;
     uint16_t id = 0;
     bdbus_sdr_event event = {};
-    if (sd_bus_message_read(signal, "sqyqq", &client, &id, &event.flags, &event.assertion_mask,
-                            &event.deassertion_mask) >= 0 &&
+    if (read_message<"sqyqq">(signal, &client, &id, &event.flags, &event.assertion_mask, &event.deassertion_mask) > 0 &&
         !is_own(client)) {
         store().update(id, [&event](bdbus_sdr_record &record) {
             record.*Field = event;
@@ -168,8 +158,7 @@ int on_hysteresis(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*
     const char *client = nullptr;
     uint16_t id = 0;
     bdbus_sdr_hysteresis hysteresis = {};
-    if (sd_bus_message_read(signal, "sqyy", &client, &id, &hysteresis.positive, &hysteresis.negative) >= 0 &&
-        !is_own(client)) {
+    if (read_message<"sqyy">(signal, &client, &id, &hysteresis.positive, &hysteresis.negative) > 0 && !is_own(client)) {
         store().update(id, [&hysteresis](bdbus_sdr_record &record) {
             record.hysteresis = hysteresis;
             return true;
@@ -183,7 +172,7 @@ int on_reading(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*err
     const char *client = nullptr;
     uint16_t id = 0;
     uint8_t reading = 0;
-    if (sd_bus_message_read(signal, "sqy", &client, &id, &reading) < 0) {
+    if (read_message<"sqy">(signal, &client, &id, &reading) <= 0) {
         return 0;
     }
     if (!is_own(client)) {
@@ -200,7 +189,7 @@ int on_thresholds(sd_bus_message *signal, void * /*userdata*/, sd_bus_error * /*
 {
     const char *client = nullptr;
     uint16_t id = 0;
-    if (sd_bus_message_read(signal, "sq", &client, &id) < 0) {
+    if (read_message<"sq">(signal, &client, &id) <= 0) {
         return 0;
     }
     const uint8_t *bytes = read_exactly(signal, sizeof(bdbus_sdr_thresholds));

@@ -67,16 +67,22 @@ bool sdr_store::read_again(const sdr_slot &slot, bdbus_sdr_record &out) const
         }
     }
     const mutex_guard guard(lock_);
-    const sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
-    if (cell != nullptr) {
-        cell->load().put(out);
-    }
-    return cell != nullptr;
+    return copy_cell(slot, out) != nullptr;
 }
 
 bdbus_sdr_record *sdr_store::find(uint16_t key) const
 {
     return reinterpret_cast<bdbus_sdr_record *>(slots_[key].cell.load(std::memory_order_acquire));
+}
+
+/** Copy a slot's record out. The lock is held. @return its cell, or null. */
+sdr_cell *sdr_store::copy_cell(const sdr_slot &slot, bdbus_sdr_record &out)
+{
+    sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
+    if (cell != nullptr) {
+        cell->load().put(out);
+    }
+    return cell;
 }
 
 /** Have the slot hold this record in this cell, or nothing when the cell is null. */
@@ -148,15 +154,13 @@ int32_t sdr_store::insert(uint16_t key, const uint8_t *sdr, uintptr_t context)
 {
     const mutex_guard guard(lock_);
     sdr_slot &slot = slots_[key];
-    sdr_cell *cell = slot.cell.load(std::memory_order_relaxed);
     bdbus_sdr_record record = {};
-    if (cell != nullptr) {
-        cell->load().put(record);
-    } else {
+    sdr_cell *cell = copy_cell(slot, record);
+    if (cell == nullptr) {
         cell = take_cell();
-        if (cell == nullptr) {
-            return -ENOMEM;
-        }
+    }
+    if (cell == nullptr) {
+        return -ENOMEM;
     }
     derive(record, key, sdr);
     if (context != 0) {

@@ -81,16 +81,12 @@ public:
     bool update(uint16_t key, Change change)
     {
         const mutex_guard guard(lock_);
-        sdr_cell *cell = slots_[key].cell.load(std::memory_order_relaxed);
-        if (cell == nullptr) {
-            return false;
-        }
         bdbus_sdr_record record;
-        cell->load().put(record);
-        if (change(record)) {
+        sdr_cell *cell = copy_cell(slots_[key], record);
+        if (cell != nullptr && change(record)) {
             write(slots_[key], cell, record);
         }
-        return true;
+        return cell != nullptr;
     }
 
     /** Put an SDR in, with the state that it names. @return 0, or -ENOMEM. */
@@ -119,6 +115,7 @@ private:
     }
 
     bool read_again(const sdr_slot &slot, bdbus_sdr_record &out) const;
+    static sdr_cell *copy_cell(const sdr_slot &slot, bdbus_sdr_record &out);
     static void write(sdr_slot &slot, sdr_cell *cell, const bdbus_sdr_record &record);
     sdr_cell *take_cell();
 

@@ -2,9 +2,7 @@
 // Reading an HPM.1 image: its integrity, its header, its action records.
 #include "upgrade_agent/image.hpp"
 
-#include <wolfssl/options.h>
 #include <syslog.h>
-#include <wolfssl/openssl/md5.h>
 
 #include <cstring>
 
@@ -92,25 +90,6 @@ void log_header(const hpm1_image &image)
                at(version + 2), at(version + 3), at(version + 4), at(version + 5));
     }
     syslog(LOG_NOTICE, "\n");
-}
-
-/** Compute the MD5 digest (RFC 1321) of bytes. @return 0, or the integrity check's code after its line. */
-int32_t compute_digest(const uint8_t *bytes, uint32_t length, uint8_t (&digest)[digest_bytes])
-{
-    WOLFSSL_MD5_CTX md5;
-    if (wolfSSL_MD5_Init(&md5) != 1) {
-        syslog(LOG_ERR, "MD5 context initialization fail\n");
-        return -1;
-    }
-    if (wolfSSL_MD5_Update(&md5, bytes, length) != 1) {
-        syslog(LOG_ERR, "MD5 data chunk hash fail\n");
-        return -2;
-    }
-    if (wolfSSL_MD5_Final(digest, &md5) != 1) {
-        syslog(LOG_ERR, "MD5 message digest finalization fail\n");
-        return -3;
-    }
-    return 0;
 }
 
 } // namespace

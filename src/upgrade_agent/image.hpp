@@ -5,6 +5,8 @@
 //   | fixed header | OEM data | checksum | action records … | MD5 digest |
 #pragma once
 
+#include "upgrade_agent/digest.hpp"
+
 #include <bdbus/upgrade_agent.h>
 
 #include <cstdint>
@@ -27,7 +29,6 @@ inline constexpr uint32_t header_oem_length = 32;
 inline constexpr uint32_t header_fixed_bytes = 34;
 
 inline constexpr uint8_t capability_self_test = 0x01;
-inline constexpr uint32_t digest_bytes = 16;
 inline constexpr uint32_t vendor_header_offset = 40; // in an upload record: 6 bytes into its image data
 
 class hpm1_image

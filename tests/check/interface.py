@@ -21,7 +21,8 @@ import subprocess
 import sys
 import tempfile
 
-NEEDED = {'libsystemd', 'libexpat', 'libwolfssl', 'libc'}  # of whatever version this machine has
+NEEDED = {'libsystemd', 'libexpat', 'libc'}  # of whatever version this machine has
+LOADED_LATER = {'libwolfssl'}
 LOADER = re.compile(r'ld-linux\b.*')  # glibc keeps the stack guard and thread-local storage there on some processors
 DUMPS = {'x86_64': 'x86_64-linux-gnu-gcc', 'arm': 'arm-linux-gnueabihf-gcc'}  # for what, and made with what
 SKIPPED = 77
@@ -189,6 +190,9 @@ def check_runtime(args):
 
     found = [f'needs {name}' for name in sorted(needed - NEEDED)]
     found += [f'does not need {name}' for name in sorted(NEEDED - needed)]
+    note = re.findall(rb'"soname":\["(.*?)\.so', args.library.read_bytes())
+    if {name.decode() for name in note} != LOADED_LATER or '.note.dlopen' not in sections:
+        found.append('does not say what it loads later')
     found += [f'has {tag}' for tag in ('RPATH', 'RUNPATH', 'TEXTREL') if f'({tag})' in dynamic]
     if re.findall(r'\(SONAME\).*\[(.*?)\]', dynamic) != [SONAME]:
         found.append(f'soname is not {SONAME}')
