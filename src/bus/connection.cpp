@@ -88,9 +88,6 @@ int32_t begin(sd_bus *bus, subscription subscribe)
 
 int32_t module_open(bus_module &owner, subscription subscribe)
 {
-    if (owner.bus != nullptr) {
-        return 0;
-    }
     int32_t result = sd_bus_open_system(&owner.bus);
     if (result < 0) {
         owner.bus = nullptr;
@@ -128,7 +125,7 @@ int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
         return watched;
     }
     pthread_mutex_lock(&owner.lock);
-    const int32_t result = module_open(owner, subscribe);
+    const int32_t result = owner.bus != nullptr ? 0 : module_open(owner, subscribe);
     if (result < 0) {
         pthread_mutex_unlock(&owner.lock);
     } else if (subscribe == nullptr) {

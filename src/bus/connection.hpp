@@ -76,7 +76,8 @@ inline bool is_inherited(const bus_module &owner)
 }
 
 /**
- * Have a module's connection open and subscribed. Its lock is held, and forks are watched for. Nothing is printed.
+ * Open and subscribe the connection of a module that has none. Its lock is held, and forks are watched for. Nothing is
+ * printed.
  *
  * An open counts once the bus has greeted the connection and answered every match; what ends before that is closed, and
  * the next call tries again.
