@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -66,13 +65,12 @@ private:
 
 void fault(const sample_call &call, const json &action)
 {
-    json one = {{"service", call.service}, {"member", call.member}, {"count", 1}};
-    one.update(action);
+    json one = action;
     if (call.service == std::string("Config1")) {
         one["kind"] = "set";
     }
     simulator::clear_calls();
-    simulator::fault(one);
+    simulator::fault(call.service, call.member, one);
 }
 
 /** The service has the call that was made since the fault. */
@@ -96,19 +94,6 @@ int make_under(int signal, const sample_call &call)
     ended = true;
     sender.join();
     return result;
-}
-
-/** What a child process says of itself; a child that hangs is ended. */
-int in_child(const std::function<int()> &body)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(180);
-        _exit(body());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 class interruption : public controller_test
@@ -200,15 +185,44 @@ TEST_F(interruption, by_a_cancellation_leaves_no_lock_behind)
     }
 }
 
+TEST_F(interruption, by_a_service_that_does_not_answer_holds_up_its_own_module_alone)
+{
+    for (const sample_call &hanging : sample_calls) {
+        const stderr_capture said;
+        fault(hanging, {{"no_reply", true}});
+        std::atomic<int> ended = 0;
+        const auto call = [&] {
+            EXPECT_LT(hanging.make(), 0);
+            ended++;
+        };
+        std::thread first(call);
+        EXPECT_TRUE(has_arrived(hanging));
+        std::thread second(call); // waits for the first, and the service is gone by then
+        for (const sample_call &other : sample_calls) {
+            if (&other != &hanging) {
+                EXPECT_EQ(other.make(), 0) << other.name << " beside " << hanging.name;
+            }
+        }
+        EXPECT_EQ(ended, 0) << hanging.name;
+        simulator::stop(hanging.service);
+        first.join();
+        second.join();
+        simulator::start(hanging.service);
+    }
+}
+
 TEST_F(interruption, by_a_stuck_stderr_holds_up_nobody_else)
 {
     int full[2] = {};
     ASSERT_EQ(pipe(full), 0);
-    fcntl(full[1], F_SETFL, O_NONBLOCK);
-    const std::string filling(4096, '.');
-    while (write(full[1], filling.data(), filling.size()) > 0) {
-    }
-    fcntl(full[1], F_SETFL, 0);
+    const auto fill = [&full] {
+        const std::string filling(4096, '.');
+        fcntl(full[1], F_SETFL, O_NONBLOCK);
+        while (write(full[1], filling.data(), filling.size()) > 0) {
+        }
+        fcntl(full[1], F_SETFL, 0);
+    };
+    fill();
     const int before = dup(STDERR_FILENO);
     dup2(full[1], STDERR_FILENO);
 
@@ -217,7 +231,7 @@ TEST_F(interruption, by_a_stuck_stderr_holds_up_nobody_else)
             continue;
         }
         // What fails with a line of its own, then passes.
-        fault(call, {{"error", {{"name", "org.freedesktop.DBus.Error.Failed"}, {"message", "no"}}}});
+        fault(call, simulator::refusal());
         std::atomic<bool> ended = false;
         std::thread stuck([&] {
             EXPECT_LT(call.make(), 0);
@@ -235,10 +249,7 @@ TEST_F(interruption, by_a_stuck_stderr_holds_up_nobody_else)
             usleep(1000);
         }
         stuck.join();
-        fcntl(full[1], F_SETFL, O_NONBLOCK);
-        while (write(full[1], filling.data(), filling.size()) > 0) {
-        }
-        fcntl(full[1], F_SETFL, 0);
+        fill();
     }
     dup2(before, STDERR_FILENO);
     close(before);

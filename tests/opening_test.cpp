@@ -6,9 +6,6 @@
 #include "support/simulator.hpp"
 #include "support/wait.hpp"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <thread>
 
@@ -45,15 +42,12 @@ TEST_F(opening, leaves_the_child_of_a_fork_meanwhile_free_to_try)
         const bare_bus bus(0, bare_bus::ending::silence);
         std::thread opener([&call] { EXPECT_LT(call.make(), 0); });
         EXPECT_TRUE(eventually([&bus] { return bus.connections() == 1; }));
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(180);
-            setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-            _exit(call.make() < 0 ? 0 : 1);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0) << call.name;
+        EXPECT_EQ(in_child([&call] {
+                      setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+                      return call.make() < 0 ? 0 : 1;
+                  }),
+                  0)
+            << call.name;
         opener.join();
     }
     setenv("SYSTEMD_BUS_TIMEOUT", timeout.c_str(), 1);

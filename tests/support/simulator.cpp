@@ -3,15 +3,11 @@
 
 #include "support/capture.hpp"
 #include "support/clock.hpp"
-#include "support/timeout.hpp"
 
 #include <systemd/sd-bus.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <optional>
 
 namespace
 {
@@ -72,6 +68,34 @@ std::vector<std::string> simulator::members(const std::string &service)
     return names;
 }
 
+void simulator::fault(const std::string &service, const std::string &member, json action, int count, int skip)
+{
+    action.update({{"service", service}, {"member", member}, {"count", count}, {"skip", skip}});
+    fault(action);
+}
+
+void simulator::answer(const std::string &service, const std::string &member, const char *signature, json values)
+{
+    fault(service, member, {{"reply", {{"signature", signature}, {"values", std::move(values)}}}});
+}
+
+json simulator::refusal(const json &message)
+{
+    return {{"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", message}}}};
+}
+
+json simulator::last_call(const std::string &service)
+{
+    const json all = calls(service);
+    if (all.empty()) {
+        return nullptr;
+    }
+    const json &call = all.back();
+    EXPECT_EQ(call["path"], "/com/brisemont/" + service);
+    EXPECT_EQ(call["interface"], "com.brisemont." + service);
+    return {call["member"], call["signature"], call["args"]};
+}
+
 std::vector<uint8_t> simulator::received(uint8_t component)
 {
     const message reply = call("GetReceived", "y", component);
@@ -98,55 +122,4 @@ void without_bus(const std::function<void()> &body)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     body();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-}
-
-void expect_every_failure_is_told(const failing_call &subject)
-{
-    const auto errno_or = [&subject](const std::string &text, int code) {
-        return subject.prints_error_text ? text : std::string(strerror(code));
-    };
-    const auto error = [](const json &message) {
-        return json{{"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", message}}}};
-    };
-    const std::string &issue = subject.issue_text;
-    const struct {
-        const char *name;
-        json action;
-        std::string line; // without a reason: any
-    } cases[] = {
-        {"an error with a text", error("the text, verbatim: %s"),
-         issue + ": " + errno_or("the text, verbatim: %s", EACCES)},
-        {"an error without a text", error(nullptr), issue + ": " + strerror(EACCES)},
-        {"an error with an empty text", error(""), issue + ": " + strerror(EACCES)},
-        {"an error with line ends and terminal escapes", error("a\nb\r\x1b[2J\x7f\u009Bc"),
-         issue + ": " + errno_or("a b  [2J   c\n", EACCES)},
-        {"an error that carries a number", error(7), issue + ": " + strerror(EACCES)},
-        {"no answer", {{"no_reply", true}}, issue + ": "},
-        {"a service that dies in the call", {{"die", true}, {"return_after_ms", 0}}, issue + ": "},
-        {"a reply of another type", {{"reply", {{"signature", "s"}, {"values", {"text"}}}}}, subject.parse_text + ": "},
-        {"an empty reply", {{"reply", {{"signature", ""}, {"values", json::array()}}}}, subject.parse_text + ": "},
-    };
-    for (const auto &one : cases) {
-        if (subject.waits_without_limit && one.action.contains("no_reply")) {
-            continue;
-        }
-        SCOPED_TRACE(one.name);
-        json fault = one.action;
-        fault.update({{"service", subject.service}, {"member", subject.member}, {"count", 1}});
-        simulator::fault(fault);
-        const stderr_capture said;
-        {
-            std::optional<short_timeout> timeout;
-            if (one.action.contains("no_reply")) {
-                timeout.emplace();
-            }
-            EXPECT_FALSE(subject.call());
-        }
-        const std::string text = said.text();
-        EXPECT_EQ(text.substr(0, one.line.size()), one.line);
-        EXPECT_EQ(text.find('\n') + 1, text.size()) << text;
-        simulator::start(subject.service); // returns once the service is back
-        EXPECT_TRUE(subject.call());
-        EXPECT_EQ(said.text(), text);
-    }
 }

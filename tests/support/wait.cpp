@@ -2,6 +2,8 @@
 #include "support/wait.hpp"
 
 #include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 
@@ -15,4 +17,16 @@ bool eventually(const std::function<bool()> &condition)
         poll(nullptr, 0, 1); // nanosleep() is the tests' own
     }
     return true;
+}
+
+int in_child(const std::function<int()> &body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(180);
+        _exit(body());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }

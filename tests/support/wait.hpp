@@ -6,3 +6,6 @@
 
 /** Wait for a condition. @return whether it came true; false only after minutes, which nothing but a fault takes. */
 bool eventually(const std::function<bool()> &condition);
+
+/** What a child process says of itself; one that hangs is ended. @return its exit status, or minus its signal. */
+int in_child(const std::function<int()> &body);
