@@ -21,11 +21,9 @@ protected:
 
     static void set_component(const json &patch) { simulator::set({{"target", {{"components", {{"1", patch}}}}}}); }
 
-    static void fail(const char *member, const json &action, int skip = 0)
+    static void fail(const char *member, uint8_t completion_code, int skip = 0)
     {
-        json fault = {{"service", "Upgrade1"}, {"member", member}, {"count", 1}, {"skip", skip}};
-        fault.update(action);
-        simulator::fault(fault);
+        simulator::fault("Upgrade1", member, {{"completion_code", completion_code}}, 1, skip);
     }
 
     /** The mask after all three checks of an image. */
@@ -39,12 +37,15 @@ protected:
         return context->upgrade_mask;
     }
 
-    static int32_t prepared(const image_builder &builder, uint8_t options = 0)
+    /** The preparation of an image must give this result and log these lines. */
+    static void expect_prepared(const image_builder &builder, int32_t result, const std::string &said = "",
+                                uint8_t options = 0)
     {
         const agent_context context(builder.build());
         context->options = options;
         take_log();
-        return bdbus_upgrade_agent_preparation_stage(context);
+        EXPECT_EQ(bdbus_upgrade_agent_preparation_stage(context), result);
+        EXPECT_EQ(take_log_text(), said);
     }
 };
 
@@ -65,7 +66,7 @@ TEST_F(agent_checks, target_check_asks_each_component_what_it_has)
 
 TEST_F(agent_checks, target_check_ends_at_the_first_query_that_must_succeed)
 {
-    fail("GetTargetUpgradeCaps", {{"completion_code", 0xC1}});
+    fail("GetTargetUpgradeCaps", 0xC1);
     EXPECT_EQ(bdbus_upgrade_agent_target_check(), -1);
     EXPECT_EQ(take_log(),
               (std::vector<log_entry>{{LOG_ERR, "Get target upgrade capabilities fail, completion code 0xC1\n"},
@@ -73,12 +74,12 @@ TEST_F(agent_checks, target_check_ends_at_the_first_query_that_must_succeed)
 
     for (const int query : {0, 1, 2}) { // selectors 0, 2, 1 of component 0
         simulator::clear_calls();
-        fail("GetComponentProps", {{"completion_code", 0xCC}}, query);
+        fail("GetComponentProps", 0xCC, query);
         EXPECT_EQ(bdbus_upgrade_agent_target_check(), -1);
         EXPECT_EQ(take_log_text(), "Get component properties fail, completion code 0xCC (ID 0)\n");
         EXPECT_EQ(simulator::calls("Upgrade1").size(), static_cast<size_t>(query) + 2);
     }
-    fail("GetComponentProps", {{"completion_code", 0xCC}}, 3); // the rollback version
+    fail("GetComponentProps", 0xCC, 3); // the rollback version
     EXPECT_EQ(bdbus_upgrade_agent_target_check(), 0);
     take_log();
 
@@ -97,89 +98,77 @@ TEST_F(agent_checks, target_check_ends_at_the_first_query_that_must_succeed)
 
 TEST_F(agent_checks, preparation_refuses_an_image_for_another_controller)
 {
-    EXPECT_EQ(prepared(same_as_target()), 0);
-    EXPECT_EQ(take_log_text(), "");
-
+    expect_prepared(same_as_target(), 0);
     image_builder other = same_as_target();
     other.product_id[0] = 0x34;
     other.product_id[1] = 0x12;
-    EXPECT_EQ(prepared(other), -2);
-    EXPECT_EQ(take_log_text(), "Invalid product ID\n");
+    expect_prepared(other, -2, "Invalid product ID\n");
     other = same_as_target();
     other.manufacturer_id[2] = 1;
-    EXPECT_EQ(prepared(other), -1);
-    EXPECT_EQ(take_log_text(), "Invalid manufacturer ID\n");
+    expect_prepared(other, -1, "Invalid manufacturer ID\n");
     other.product_id[1] = 0;
     other.device_id = 0;
-    EXPECT_EQ(prepared(other), -3) << "the device comes first";
-    EXPECT_EQ(take_log_text(), "Invalid device ID\n");
-    EXPECT_EQ(prepared(other, BDBUS_UPGRADE_AGENT_SKIP_IDENTITY), 0);
+    expect_prepared(other, -3, "Invalid device ID\n"); // comes first
+    expect_prepared(other, 0, "", BDBUS_UPGRADE_AGENT_SKIP_IDENTITY);
 
-    other.earliest_version[0] = 1; // the controller runs 1.05
-    other.earliest_version[1] = 6;
-    EXPECT_EQ(prepared(other, BDBUS_UPGRADE_AGENT_SKIP_IDENTITY), 36);
-    EXPECT_EQ(take_log_text(), "FW version 1.5 is lower than earliest compatible version 1.6\n");
+    other = same_as_target();
+    other.earliest_version[1] = 6; // the controller runs 1.05
+    expect_prepared(other, 36, "FW version 1.5 is lower than earliest compatible version 1.6\n");
     other.earliest_version[1] = 5;
-    EXPECT_EQ(prepared(other, BDBUS_UPGRADE_AGENT_SKIP_IDENTITY), 0);
+    expect_prepared(other, 0);
 }
 
 TEST_F(agent_checks, preparation_logs_both_sides_when_verbose)
 {
-    EXPECT_EQ(prepared(same_as_target(), BDBUS_UPGRADE_AGENT_VERBOSE), 0);
-    const std::vector<log_entry> expected = {{LOG_INFO, "Image info:\n"},
-                                             {LOG_INFO, "  DUT device ID         : 0x20\n"},
-                                             {LOG_INFO, "  Image device ID       : 0x20\n"},
-                                             {LOG_INFO, "  DUT product ID        : 0x1234\n"},
-                                             {LOG_INFO, "  Image product ID      : 0x1234\n"},
-                                             {LOG_INFO, "  DUT mfg ID            : 0xB3A20\n"},
-                                             {LOG_INFO, "  Image manufacturer ID : 0xB3A20\n"},
-                                             {LOG_INFO, "  DUT FW version        : 1.5\n"},
-                                             {LOG_INFO, "  Image earl. comp. ver.: 1.0\n"}};
-    EXPECT_EQ(take_log(), expected);
+    expect_prepared(same_as_target(), 0,
+                    "Image info:\n"
+                    "  DUT device ID         : 0x20\n"
+                    "  Image device ID       : 0x20\n"
+                    "  DUT product ID        : 0x1234\n"
+                    "  Image product ID      : 0x1234\n"
+                    "  DUT mfg ID            : 0xB3A20\n"
+                    "  Image manufacturer ID : 0xB3A20\n"
+                    "  DUT FW version        : 1.5\n"
+                    "  Image earl. comp. ver.: 1.0\n",
+                    BDBUS_UPGRADE_AGENT_VERBOSE);
 }
 
 TEST_F(agent_checks, preparation_refuses_what_the_target_cannot_take)
 {
     image_builder missing = same_as_target();
     missing.components = 0x82;
-    EXPECT_EQ(prepared(missing), -4);
-    EXPECT_EQ(take_log_text(), "Component(s) in image file are not supported by BMC\n");
-
-    for (const auto &[capabilities, result] : {std::pair{0x01, -5}, {0x03, 0}, {0x81, 0}, {0x00, 0}}) {
+    expect_prepared(missing, -4, "Component(s) in image file are not supported by BMC\n");
+    for (const int capabilities : {0x00, 0x03, 0x81}) {
         simulator::set({{"target", {{"global_capabilities", capabilities}}}});
-        EXPECT_EQ(prepared(same_as_target()), result) << capabilities;
-        EXPECT_EQ(take_log_text(), result == 0 ? "" : "Upgrade not desirable right now\n");
+        expect_prepared(same_as_target(), 0);
     }
+    simulator::set({{"target", {{"global_capabilities", 0x01}}}});
+    expect_prepared(same_as_target(), -5, "Upgrade not desirable right now\n");
 }
 
 TEST_F(agent_checks, preparation_keeps_what_it_learns_and_reports_the_last_query)
 {
     image_builder builder = same_as_target();
     builder.components = 0x1B;
-    fail("GetComponentProps", {{"completion_code", 0xC1}}, 1);
+    fail("GetComponentProps", 0xC1, 1);
     const agent_context context(builder.build());
     EXPECT_EQ(bdbus_upgrade_agent_preparation_stage(context), 0) << "a failure before the last shows in the log only";
-    EXPECT_EQ(context->component_props[1].component_id, 0);
-    EXPECT_EQ(context->component_props[3].component_id, 3);
-    EXPECT_EQ(context->component_props[4].data[0], 0x26);
-    EXPECT_EQ(context->target_caps.components_present, 0x7F);
-    EXPECT_EQ(context->product_id[0], 0x12);
-    EXPECT_EQ(context->fw_minor, 5);
+    const auto &props = context->component_props;
+    EXPECT_EQ(json({props[1].component_id, props[3].component_id, props[4].data[0]}), json({0, 3, 0x26}));
+    EXPECT_EQ(json({context->target_caps.components_present, context->product_id[0], context->fw_minor}),
+              json({0x7F, 0x12, 5}));
 
-    fail("GetComponentProps", {{"completion_code", 0xC1}}, 3);
+    fail("GetComponentProps", 0xC1, 3);
     EXPECT_EQ(bdbus_upgrade_agent_preparation_stage(context), -1);
     builder.components = 0;
-    EXPECT_EQ(prepared(builder), 0);
+    expect_prepared(builder, 0);
 }
 
 TEST_F(agent_checks, preparation_passes_a_configuration_failure_on_before_storing_anything)
 {
     const agent_context context(same_as_target().build());
     simulator::emit({{"service", "Config1"}, {"member", "PropertiesChanged"}});
-    simulator::fault({{"service", "Config1"},
-                      {"member", "Minor"},
-                      {"count", 0},
-                      {"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", "no"}}}});
+    simulator::fault("Config1", "Minor", simulator::refusal(), 0);
     int32_t result = 0;
     EXPECT_TRUE(eventually([&] { // the notice has dropped the cache
         context->device_id = 0;
@@ -210,26 +199,23 @@ TEST_F(agent_checks, marks_exactly_the_components_that_differ)
 
 TEST_F(agent_checks, pre_upgrade_check_holds_each_action_against_its_component)
 {
-    const auto check = [](const image_builder &builder, bool with_target = true) {
+    const auto expect = [](const image_builder &builder, int32_t result, const std::string &said = "",
+                           uint8_t present = 0x7F) {
         const agent_context context(builder.build());
         EXPECT_EQ(bdbus_upgrade_agent_target_check(), 0);
         EXPECT_EQ(bdbus_upgrade_agent_preparation_stage(context), 0);
-        if (!with_target) {
-            context->target_caps.components_present = 0;
-        }
+        context->target_caps.components_present = present;
         take_log();
-        return bdbus_upgrade_agent_pre_upgrade_check(context);
+        EXPECT_EQ(bdbus_upgrade_agent_pre_upgrade_check(context), result);
+        EXPECT_EQ(take_log_text(), said);
     };
     set_component({{"general", 0x04}, {"description", "BMC fw"}});
-    EXPECT_EQ(check(same_as_target().prepare(0x02)), 0);
-    EXPECT_EQ(check(same_as_target().backup(0x02)), -2);
-    EXPECT_EQ(take_log_text(), "Component 1, BMC fw: no backup support (found action record invalid)\n");
+    expect(same_as_target().prepare(0x02), 0);
+    expect(same_as_target().backup(0x02), -2, "Component 1, BMC fw: no backup support (found action record invalid)\n");
     set_component({{"general", 0x02}, {"description", "0123456789A"}});
-    EXPECT_EQ(check(same_as_target().backup(0x02)), 0);
-    EXPECT_EQ(check(same_as_target().prepare(0x02)), -3);
-    EXPECT_EQ(take_log_text(), "Component 1, 0123456789A: no prepare support (found action record invalid)\n");
-    EXPECT_EQ(check(same_as_target().action(3, 0x02)), -4);
-    EXPECT_EQ(take_log_text(), "Invalid action type - can not continue\n");
-    EXPECT_EQ(check(same_as_target(), false), -1);
-    EXPECT_EQ(take_log_text(), "Invalid action record. At least one affected component not supported\n");
+    expect(same_as_target().backup(0x02), 0);
+    expect(same_as_target().prepare(0x02), -3,
+           "Component 1, 0123456789A: no prepare support (found action record invalid)\n");
+    expect(same_as_target().action(3, 0x02), -4, "Invalid action type - can not continue\n");
+    expect(same_as_target(), -1, "Invalid action record. At least one affected component not supported\n", 0);
 }

@@ -213,6 +213,7 @@ TEST(agent_image_context, refuses_what_is_no_image_file)
         {empty.path(), "read fail (size 0 / return 0)\n"},
         {directory, "read fail (size "}, // whatever its file system says
         {pipe, "fseek fail at address 0\n"},
+        {"/nonexistent/image", "open fail\n"},
     };
     for (const auto &[path, reason] : cases) {
         take_log();
@@ -220,13 +221,10 @@ TEST(agent_image_context, refuses_what_is_no_image_file)
         const std::vector<log_entry> log = take_log();
         ASSERT_EQ(log.size(), 2U);
         EXPECT_EQ(log[0].priority, LOG_ERR);
-        EXPECT_TRUE(log[0].text.starts_with("SW image " + path + ' ' + reason)) << log[0].text;
+        EXPECT_NE(log[0].text.find(path + ' ' + reason), std::string::npos) << log[0].text;
         EXPECT_EQ(log[1], (log_entry{LOG_ERR, "bdbus upgrade agent: file data read fail\n"}));
     }
     unlink(pipe.c_str());
-    EXPECT_EQ(bdbus_upgrade_agent_initialization("/nonexistent/image"), nullptr);
-    EXPECT_EQ(take_log_text(),
-              "SW image file /nonexistent/image open fail\nbdbus upgrade agent: file data read fail\n");
 }
 
 TEST(agent_image_context, keeps_a_context_without_an_image_from_every_stage)
@@ -249,21 +247,22 @@ TEST(agent_image_context, keeps_a_context_without_an_image_from_every_stage)
 
 TEST(agent_image_context, resets_the_status_at_both_ends)
 {
-    uint8_t stage = 9;
-    const auto fail_a_stage = [&stage] {
+    bdbus_upgrade_agent_context *context = nullptr;
+    for (const bool at_end : {true, false}) {
+        uint8_t stage = 9;
+        uint8_t progress = 9;
         bdbus_upgrade_agent_upgrade_stage(nullptr);
         bdbus_upgrade_agent_get_upgrade_stage_status(&stage, nullptr);
         EXPECT_EQ(stage, BDBUS_UPGRADE_AGENT_STAGE_FAILED);
-    };
-    uint8_t progress = 9;
-    fail_a_stage();
-    bdbus_upgrade_agent_end(nullptr);
-    bdbus_upgrade_agent_get_upgrade_stage_status(&stage, &progress);
-    EXPECT_EQ(stage, BDBUS_UPGRADE_AGENT_STAGE_IDLE);
-    EXPECT_EQ(progress, 0);
-    fail_a_stage();
-    bdbus_upgrade_agent_end(bdbus_upgrade_agent_initialization(nullptr));
-    bdbus_upgrade_agent_get_upgrade_stage_status(&stage, &progress);
-    EXPECT_EQ(stage, BDBUS_UPGRADE_AGENT_STAGE_IDLE);
+        if (at_end) {
+            bdbus_upgrade_agent_end(nullptr);
+        } else {
+            context = bdbus_upgrade_agent_initialization(nullptr);
+        }
+        bdbus_upgrade_agent_get_upgrade_stage_status(&stage, &progress);
+        EXPECT_EQ(stage, BDBUS_UPGRADE_AGENT_STAGE_IDLE);
+        EXPECT_EQ(progress, 0);
+    }
     bdbus_upgrade_agent_get_upgrade_stage_status(nullptr, nullptr);
+    bdbus_upgrade_agent_end(context);
 }

@@ -39,9 +39,26 @@ protected:
 
     static void fail(const char *member, const json &action, int count = 1, int skip = 0)
     {
-        json fault = {{"service", "Upgrade1"}, {"member", member}, {"count", count}, {"skip", skip}};
-        fault.update(action);
-        simulator::fault(fault);
+        simulator::fault("Upgrade1", member, action, count, skip);
+    }
+
+    /** Have a command answered with a completion code. */
+    static void answer(const char *member, uint8_t completion_code, int count = 1, int skip = 0)
+    {
+        fail(member, {{"completion_code", completion_code}}, count, skip);
+    }
+
+    /** Refuse status polls, or have the next ones answer these last completion codes. */
+    static void refuse_polls(int count)
+    {
+        fail("GetUpgradeStatus", {{"reply", {{"signature", "yyyy"}, {"values", {0xC1, 0, 0, 0x80}}}}}, count);
+    }
+
+    static void polls(const std::vector<int> &codes)
+    {
+        for (const int code : codes) {
+            simulator::answer("Upgrade1", "GetUpgradeStatus", "yyyy", {0, 0, 0x32, code});
+        }
     }
 
     /** The blocks that were sent, as [number, length]. */
@@ -57,14 +74,6 @@ protected:
         return sent;
     }
 
-    /** Have the next status polls answer these last completion codes. */
-    static void polls(const std::vector<int> &codes)
-    {
-        for (const int code : codes) {
-            fail("GetUpgradeStatus", {{"reply", {{"signature", "yyyy"}, {"values", {0, 0, 0x32, code}}}}});
-        }
-    }
-
     static inline uint8_t last_component;
     static inline uint8_t last_stage;
     static inline uint8_t last_progress;
@@ -75,32 +84,25 @@ TEST_F(agent_upload, sends_the_image_in_whole_blocks_and_finishes_with_its_lengt
     const bytes data = pattern(3061);
     EXPECT_EQ(upgrade(data), 0);
     EXPECT_EQ(blocks(), json({{0, 1530}, {1, 1530}, {2, 1}}));
-    const json calls = simulator::calls("Upgrade1");
-    EXPECT_EQ(calls.front()["args"], json({0, 0x02, 2}));
-    EXPECT_EQ(calls.back()["member"], "FinishFirmwareUpload");
-    EXPECT_EQ(calls.back()["args"], json({0, 1, 3061}));
+    EXPECT_EQ(simulator::calls("Upgrade1").front()["args"], json({0, 0x02, 2}));
+    EXPECT_EQ(simulator::last_call("Upgrade1"), json({"FinishFirmwareUpload", "yyu", {0, 1, 3061}}));
     EXPECT_EQ(simulator::received(1), data);
     EXPECT_EQ(last_progress, 100);
     EXPECT_EQ(take_log(), (std::vector<log_entry>{{LOG_NOTICE, "Upload time: 00:00, image size:    3061 bytes\n"}}));
 }
 
-TEST_F(agent_upload, counts_blocks_modulo_256)
+TEST_F(agent_upload, counts_blocks_modulo_256_and_sends_none_of_an_empty_image)
 {
     const bytes data = pattern(300 * 1530 + 7);
     EXPECT_EQ(upgrade(data), 0);
     const json sent = blocks();
     ASSERT_EQ(sent.size(), 301U);
-    EXPECT_EQ(sent[255], json({255, 1530}));
-    EXPECT_EQ(sent[256], json({0, 1530}));
-    EXPECT_EQ(sent[300], json({44, 7}));
+    EXPECT_EQ(json({sent[255], sent[256], sent[300]}), json({{255, 1530}, {0, 1530}, {44, 7}}));
     EXPECT_EQ(simulator::received(1), data);
-}
 
-TEST_F(agent_upload, sends_no_block_of_an_empty_image)
-{
     EXPECT_EQ(upgrade(bytes{}), 0);
     EXPECT_EQ(blocks(), json::array());
-    EXPECT_EQ(simulator::calls("Upgrade1").back()["args"], json({0, 1, 0}));
+    EXPECT_EQ(simulator::last_call("Upgrade1"), json({"FinishFirmwareUpload", "yyu", {0, 1, 0}}));
     EXPECT_EQ(last_progress, 0);
 }
 
@@ -115,7 +117,7 @@ TEST_F(agent_upload, shortens_blocks_until_the_first_is_taken)
                                    "Upload time"),
               std::string::npos);
 
-    fail("UploadFirmwareBlock", {{"completion_code", 0xC8}}, 1, 4);
+    answer("UploadFirmwareBlock", 0xC8, 1, 4);
     EXPECT_EQ(upgrade(data), -2) << "not once a block was taken";
     EXPECT_EQ(take_log_text(), "Upload firmware block: retry with reduced length\nTry reduced buffer size: 1529\n"
                                "Upload firmware block: retry with reduced length\nTry reduced buffer size: 1528\n"
@@ -126,22 +128,22 @@ TEST_F(agent_upload, shortens_blocks_until_the_first_is_taken)
 
 TEST_F(agent_upload, gives_up_when_no_size_is_left_to_try)
 {
-    fail("UploadFirmwareBlock", {{"completion_code", 0xC7}}, 0);
+    answer("UploadFirmwareBlock", 0xC7, 0);
     EXPECT_EQ(upgrade(pattern(10)), -1);
     EXPECT_EQ(blocks().size(), 1531U);
     const std::string said = take_log_text();
     EXPECT_EQ(said.substr(said.rfind("Upload error")), "Upload error: 0\n");
 
     simulator::clear_faults();
-    fail("UploadFirmwareBlock", {{"completion_code", 0xC7}}, 1530);
-    fail("UploadFirmwareBlock", {{"completion_code", 0}}, 0);
+    answer("UploadFirmwareBlock", 0xC7, 1530);
+    answer("UploadFirmwareBlock", 0, 0);
     EXPECT_EQ(upgrade(pattern(10)), -1) << "a target that takes empty blocks never gets to the end";
     EXPECT_EQ(blocks().back(), json({0, 0}));
 }
 
 TEST_F(agent_upload, stops_at_a_block_that_is_refused_or_fails)
 {
-    fail("UploadFirmwareBlock", {{"completion_code", 0xD5}}, 1, 1);
+    answer("UploadFirmwareBlock", 0xD5, 1, 1);
     EXPECT_EQ(upgrade(pattern(4000)), -2);
     EXPECT_EQ(take_log(), (std::vector<log_entry>{{LOG_ERR, "Upload firmware block fail, completion code 0xD5\n"},
                                                   {LOG_ERR, "Error in Upload Firmware command [r = -2]\n"},
@@ -159,21 +161,14 @@ TEST_F(agent_upload, stops_at_a_block_that_is_refused_or_fails)
 
 TEST_F(agent_upload, judges_the_finish)
 {
-    const struct {
-        int code;
-        int32_t result;
-        const char *line;
-    } cases[] = {
-        {0x83, -1, "Component's active copy doesn't match the upgrade image\n"},
-        {0x81, -2, "Finish firmware upload fail, completion code 0x81\n"},
-    };
-    for (const auto &one : cases) {
-        fail("FinishFirmwareUpload", {{"completion_code", one.code}});
-        EXPECT_EQ(upgrade(bytes{}), one.result);
-        EXPECT_EQ(take_log_text(), one.line);
-    }
     const stderr_capture said;
-    fail("FinishFirmwareUpload", {{"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", "no"}}}});
+    answer("FinishFirmwareUpload", 0x83);
+    EXPECT_EQ(upgrade(bytes{}), -1);
+    EXPECT_EQ(take_log_text(), "Component's active copy doesn't match the upgrade image\n");
+    answer("FinishFirmwareUpload", 0x81);
+    EXPECT_EQ(upgrade(bytes{}), -2);
+    EXPECT_EQ(take_log_text(), "Finish firmware upload fail, completion code 0x81\n");
+    fail("FinishFirmwareUpload", simulator::refusal());
     EXPECT_EQ(upgrade(bytes{}), -EACCES);
     EXPECT_EQ(take_log_text(), "Finish firmware upload command fail (return -13)\n");
 }
@@ -187,13 +182,15 @@ TEST_F(agent_upload, carries_out_the_actions_of_marked_components_in_order)
         .upload(0x02, version, pattern(5))
         .upload(0x10, version, pattern(6));
     EXPECT_EQ(upgrade(builder, 0x10), 0);
-    EXPECT_EQ(simulator::members("Upgrade1"),
-              (std::vector<std::string>{"InitiateUpgradeAction", "InitiateUpgradeAction", "InitiateUpgradeAction",
-                                        "UploadFirmwareBlock", "FinishFirmwareUpload"}));
-    const json calls = simulator::calls("Upgrade1");
-    EXPECT_EQ(calls[0]["args"], json({0, 0x10, 0}));
-    EXPECT_EQ(calls[1]["args"], json({0, 0x10, 1}));
-    EXPECT_EQ(calls[2]["args"], json({0, 0x10, 2}));
+    json sent;
+    for (const json &call : simulator::calls("Upgrade1")) {
+        sent.push_back({call["member"], call["args"][1], call["args"][2]});
+    }
+    EXPECT_EQ(sent, json({{"InitiateUpgradeAction", 0x10, 0},
+                          {"InitiateUpgradeAction", 0x10, 1},
+                          {"InitiateUpgradeAction", 0x10, 2},
+                          {"UploadFirmwareBlock", 0, 6},
+                          {"FinishFirmwareUpload", 4, 6}}));
     EXPECT_EQ(take_log_text().substr(0, 24), "Component 1 skipped...\nU");
     EXPECT_EQ(last_component, 4);
 }
@@ -202,12 +199,12 @@ TEST_F(agent_upload, ends_at_the_first_action_that_fails)
 {
     image_builder builder;
     builder.prepare(0x02).upload(0x02, version, pattern(5)).upload(0x10, version, pattern(6));
-    fail("InitiateUpgradeAction", {{"completion_code", 0xC1}});
+    answer("InitiateUpgradeAction", 0xC1);
     EXPECT_EQ(upgrade(builder, 0x12), -1);
     EXPECT_EQ(take_log_text(), "Initiate upgrade action fail, completion code 0xC1\n");
     EXPECT_EQ(simulator::calls("Upgrade1").size(), 1U);
 
-    fail("InitiateUpgradeAction", {{"completion_code", 0xC1}}, 1, 1);
+    answer("InitiateUpgradeAction", 0xC1, 1, 1);
     EXPECT_EQ(upgrade(builder, 0x12), -1);
     EXPECT_EQ(take_log_text(), "Initiate upgrade action fail, completion code 0xC1\n"
                                "Initiate upgrade action fail (r: 0xFFFFFFFF), component skipped\n"
@@ -232,7 +229,7 @@ TEST_F(agent_upload, waits_no_longer_than_the_target_allows)
 {
     const auto wait = [](const std::vector<int> &codes, uint8_t timeout) {
         polls(codes);
-        fail("FinishFirmwareUpload", {{"completion_code", 0x80}});
+        answer("FinishFirmwareUpload", 0x80);
         return upgrade(image_builder().upload(0x02, version, {}), 0x02, timeout);
     };
     const std::string line = "bdbus_upgrade_agent_wait_long_duration_cmd fail (return ";
@@ -259,22 +256,19 @@ TEST_F(agent_upload, waits_no_longer_than_the_target_allows)
 TEST_F(agent_upload, takes_a_failed_poll_for_a_strike)
 {
     const stderr_capture said;
-    const auto refuse_poll = [](int count) {
-        fail("GetUpgradeStatus", {{"reply", {{"signature", "yyyy"}, {"values", {0xC1, 0, 0, 0x80}}}}}, count);
-    };
-    refuse_poll(3);
+    refuse_polls(3);
     polls({0x80, 0x00});
-    fail("FinishFirmwareUpload", {{"completion_code", 0x80}});
+    answer("FinishFirmwareUpload", 0x80);
     EXPECT_EQ(upgrade(bytes{}), 0);
     EXPECT_EQ(take_sleeps().size(), 4U);
 
-    refuse_poll(4);
-    fail("FinishFirmwareUpload", {{"completion_code", 0x80}});
+    refuse_polls(4);
+    answer("FinishFirmwareUpload", 0x80);
     EXPECT_EQ(upgrade(bytes{}), -1);
     EXPECT_EQ(take_sleeps().size(), 3U);
 
-    fail("GetUpgradeStatus", {{"error", {{"name", "org.freedesktop.DBus.Error.AccessDenied"}, {"message", "no"}}}});
-    fail("FinishFirmwareUpload", {{"completion_code", 0x80}});
+    fail("GetUpgradeStatus", simulator::refusal());
+    answer("FinishFirmwareUpload", 0x80);
     EXPECT_EQ(upgrade(bytes{}), -EACCES) << "no code was ever read: the poll's own result";
 }
 
@@ -287,16 +281,13 @@ TEST_F(agent_upload, leaves_the_bus_to_others_between_its_commands)
             uint8_t stage = 0;
             uint8_t progress = 0;
             int32_t count = 0;
-            bdbus_upgrade_agent_get_upgrade_stage_status(&stage, &progress);
             EXPECT_EQ(bdbus_upgrade_component_count(&count), 0);
+            bdbus_upgrade_agent_get_upgrade_stage_status(&stage, &progress);
             EXPECT_LE(progress, 100);
             seen_running += stage == BDBUS_UPGRADE_AGENT_STAGE_RUNNING;
         }
     });
-    EXPECT_TRUE(eventually([&seen_running] {
-        EXPECT_EQ(upgrade(pattern(500'000)), 0);
-        return seen_running > 0;
-    }));
+    EXPECT_TRUE(eventually([&seen_running] { return upgrade(pattern(500'000)) == 0 && seen_running > 0; }));
     stop = true;
     watcher.join();
 }
@@ -305,16 +296,16 @@ TEST_F(agent_upload, leaves_the_bus_to_others_between_its_commands)
 TEST_F(agent_upload, z_resends_three_blocks_in_the_life_of_the_process)
 {
     const bytes data = pattern(2000);
-    fail("UploadFirmwareBlock", {{"completion_code", 0x82}}, 1, 1);
-    fail("UploadFirmwareBlock", {{"completion_code", 0x83}}, 1, 1);
+    answer("UploadFirmwareBlock", 0x82, 1, 1);
+    answer("UploadFirmwareBlock", 0x83, 1, 1);
     EXPECT_EQ(upgrade(data), 0);
     EXPECT_EQ(blocks(), json({{0, 1530}, {1, 470}, {1, 470}, {1, 470}}));
     EXPECT_EQ(simulator::received(1), data);
     EXPECT_EQ(take_log()[0], (log_entry{LOG_INFO, "Upload firmware block command retry\n"}));
 
-    fail("UploadFirmwareBlock", {{"completion_code", 0x82}});
+    answer("UploadFirmwareBlock", 0x82);
     EXPECT_EQ(upgrade(data), 0) << "the third";
-    fail("UploadFirmwareBlock", {{"completion_code", 0x83}});
+    answer("UploadFirmwareBlock", 0x83);
     EXPECT_EQ(upgrade(data), -2);
     EXPECT_EQ(take_log_text(), "Upload firmware block fail, completion code 0x83\n"
                                "Error in Upload Firmware command [r = -2]\nTotal sent : 0x0\n");
