@@ -165,7 +165,7 @@ TEST_F(config, stays_alive_and_truthful_under_threads_and_notices)
 {
     std::atomic<bool> stop = false;
     std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 3; i++) {
         threads.emplace_back([&stop, &wrong, i] {
             uint32_t last = 0;
@@ -187,8 +187,6 @@ TEST_F(config, stays_alive_and_truthful_under_threads_and_notices)
         announce();
     }
     stop = true;
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.clear(); // joins them
     EXPECT_EQ(wrong, 0);
 }

@@ -143,12 +143,6 @@ const failing_call failing_calls[] = {
          const bool done = bdbus_upgrade_nvram_get_rollback_flag(&flag) == 0;
          return unless_failed(done, flag, 77);
      }},
-    {"Upgrade1", "SetBiosFlashSelect", plain,
-     [] {
-         bdbus_upgrade_flash_select request = {1, 77};
-         const bool done = bdbus_upgrade_bios_set_flash(&request) > 0;
-         return unless_failed<int>(done, request.result, 77);
-     }},
     {"Upgrade1", "SetBiosVersion", built,
      [] {
          bdbus_upgrade_version_update request = {{}, 77};
@@ -215,11 +209,6 @@ const failing_call failing_calls[] = {
          int32_t answer = 77;
          const bool done = bdbus_rstorage_disk_mount(1, "", &answer, nullptr, 0) > 0;
          return unless_failed(done, answer, 77);
-     }},
-    {"RStorage1", "GadgetStop", plain,
-     [] {
-         int32_t answer = 0;
-         return bdbus_rstorage_disk_gadget_stop(1, &answer) > 0;
      }},
     {"AuthLog1", "UserUpdate", plain,
      [] {

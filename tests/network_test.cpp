@@ -343,7 +343,7 @@ TEST_F(network, keeps_no_descriptor_and_serves_many_threads)
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     const auto before = descriptors();
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; i++) {
         threads.emplace_back([] {
             for (int j = 0; j < 25; j++) {
@@ -359,8 +359,6 @@ TEST_F(network, keeps_no_descriptor_and_serves_many_threads)
             }
         });
     }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.clear(); // joins them
     EXPECT_EQ(descriptors(), before);
 }

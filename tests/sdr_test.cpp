@@ -72,11 +72,10 @@ TEST_F(sdr_before, init_everything_is_refused_and_a_failed_init_may_be_repeated)
     bdbus_sdr_record record = {};
     bdbus_sdr_event event = {};
     uint16_t id = 0;
-    EXPECT_EQ(bdbus_sdr_get(1, &record), -EINVAL);
-    EXPECT_EQ(bdbus_sdr_event_get(1, &event), -EINVAL);
-    EXPECT_EQ(bdbus_sdr_reading_set(1, 1), -EINVAL);
-    EXPECT_EQ(bdbus_sdr_event_set(1, &event), -EINVAL);
-    EXPECT_EQ(bdbus_sdr_delete(1), -EINVAL);
+    for (const int32_t refused : {bdbus_sdr_get(1, &record), bdbus_sdr_event_get(1, &event), bdbus_sdr_delete(1),
+                                  bdbus_sdr_reading_set(1, 1), bdbus_sdr_event_set(1, &event)}) {
+        EXPECT_EQ(refused, -EINVAL);
+    }
     EXPECT_EQ(bdbus_sdr_add(sensor(1).data(), 64, &id, 0), -ENOTCONN);
     without_bus([] {
         const stderr_capture said;
@@ -84,16 +83,14 @@ TEST_F(sdr_before, init_everything_is_refused_and_a_failed_init_may_be_repeated)
         EXPECT_EQ(said.text(), "Failed to connect to system bus: No such file or directory\n");
         EXPECT_FALSE(is_stored(1));
     });
-    std::vector<std::thread> racing;
+    std::vector<std::jthread> racing;
     for (int i = 0; i < 4; i++) {
         racing.emplace_back([] {
             EXPECT_EQ(bdbus_sdr_init(), 0);
             EXPECT_TRUE(is_stored(1));
         });
     }
-    for (std::thread &thread : racing) {
-        thread.join();
-    }
+    racing.clear(); // joins them
     EXPECT_EQ(bdbus_sdr_init(), 0);
     EXPECT_EQ(simulator::calls(repository).size(), simulator::state()["sdr"]["records"].size()) << "read once";
 }
@@ -521,7 +518,7 @@ TEST_F(sdr, stays_whole_in_a_storm)
     bdbus_sdr_threshold_set(id_, &even);
     std::atomic<int> torn = 0;
     std::atomic<long> reads = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     const auto run = [&](const std::function<void(int)> &body) {
         threads.emplace_back([&reads, body, end] {
             for (int i = 0; std::chrono::steady_clock::now() < end || reads < 1000; i++) {
@@ -566,8 +563,6 @@ TEST_F(sdr, stays_whole_in_a_storm)
         }
         announce("ReadingSet", "sqy", {id_, i & 0xFF});
     });
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.clear(); // joins them
     EXPECT_EQ(torn, 0);
 }

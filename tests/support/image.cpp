@@ -56,32 +56,11 @@ image_builder &image_builder::upload(uint8_t mask, const bytes &version, const b
 bytes image_builder::build() const
 {
     bytes image(signature.begin(), signature.end());
-    put(image, {format_version,
-                device_id,
-                manufacturer_id[0],
-                manufacturer_id[1],
-                manufacturer_id[2],
-                product_id[0],
-                product_id[1],
-                0x11,
-                0x22,
-                0x33,
-                0x44,
-                capabilities,
-                components,
-                self_test_timeout,
-                rollback_timeout,
-                0,
-                earliest_version[0],
-                earliest_version[1],
-                2,
-                0x34,
-                0xA1,
-                0xA2,
-                0xA3,
-                0xA4,
-                static_cast<uint8_t>(oem.size()),
-                static_cast<uint8_t>(oem.size() >> 8)});
+    put(image, {format_version, device_id, manufacturer_id[0], manufacturer_id[1], manufacturer_id[2], product_id[0],
+                product_id[1]});
+    put(image, {0x11, 0x22, 0x33, 0x44, capabilities, components, self_test_timeout, rollback_timeout, 0});
+    put(image, {earliest_version[0], earliest_version[1], 2, 0x34, 0xA1, 0xA2, 0xA3, 0xA4});
+    put(image, {static_cast<uint8_t>(oem.size()), static_cast<uint8_t>(oem.size() >> 8)});
     put(image, oem);
     image.push_back(complement(image));
     put(image, records);

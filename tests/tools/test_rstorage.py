@@ -42,9 +42,13 @@ class RemoteStorage(ToolTest):
         self.ctl('rstorage unmount 3', status=2)
         self.set_up_disk()
         self.json('rstorage mount 3 --password-file -', input=SECRET)
-        for words, answer in (('gadget start 3 --byte 9 --flag', {'result': 0}), ('status 3 1', {'status': 1}),
-                              ('unmount 3', {'result': -1}), ('gadget stop 3', {'result':
-                                                                                0}), ('unmount 3', {'result': 0})):
+        for words, answer in (
+            ('gadget start 3 --byte 9 --flag', {'result': 0}),
+            ('status 3 1', {'status': 1}),
+            ('unmount 3', {'result': -1}),
+            ('gadget stop 3', {'result': 0}),
+            ('unmount 3', {'result': 0}),
+        ):
             self.assertEqual(self.json('-y rstorage ' + words), answer, words)
 
     def test_what_cannot_be_read_is_a_failure(self):

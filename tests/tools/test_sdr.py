@@ -23,6 +23,17 @@ RECORDS = {  # reading and unit, or None and the text of the raw one; then the n
     sensor_by_hand(1, name=b'\x9f' + b'\xff' * 40): (1, 'V', '_' * 21),
     b'\xff' * 64: (None, None, ''),
 }
+CHANGES = (  # what is said, what is sent, and what is shown then
+    ('set-reading 1 44.4', 'SetReading', [1, 84], 'state', 'upper critical'),
+    ('set-reading 1 -10', 'SetReading', [1, 30], 'state', 'lower non-recoverable'),
+    ('set-reading 1 --raw 0x51', 'SetReading', [1, 0x51], 'reading', 41),
+    ('set-reading 1 20', 'SetReading', [1, 60], 'announced', True),
+    ('set-hysteresis 54 0.12 0.06', 'SetHysteresis', [54, 2, 1], 'hysteresis_positive', 0.12),
+    ('set-event 1 --flags 0', 'SetEvent', [1, 0, 0x7A95, 0x7A95], 'enable_flags', 0),
+    ('set-event 1 --status --assertions 0x80', 'SetEventStatus', [1, 0, 0x80, 0], 'status_assertions_names',
+     ['upper non-critical going high']),
+    ('delete 1', 'DeleteSdr', [1], 'name', 'Inlet Temp'),
+)
 
 
 class Sensors(ToolTest):
@@ -50,22 +61,9 @@ class Sensors(ToolTest):
             self.ctl('sdr add -', input='x' * length, status=1, text='64 bytes', env=NO_BUS)
 
     def test_one_is_changed(self):
-        for words, member, args, field, value in (('set-reading 1 44.4', 'SetReading', [1, 84], 'state',
-                                                   'upper critical'), ('set-reading 1 -10', 'SetReading', [1, 30],
-                                                                       'state', 'lower non-recoverable'),
-                                                  ('set-reading 1 --raw 0x51', 'SetReading', [1, 0x51], 'reading',
-                                                   41), ('set-reading 1 20', 'SetReading', [1, 60], 'announced',
-                                                         True), ('set-hysteresis 54 0.12 0.06', 'SetHysteresis',
-                                                                 [54, 2, 1], 'hysteresis_positive', 0.12),
-                                                  ('set-event 1 --flags 0', 'SetEvent', [1, 0, 0x7A95,
-                                                                                         0x7A95], 'enable_flags',
-                                                   0), ('set-event 1 --status --assertions 0x80', 'SetEventStatus',
-                                                        [1, 0, 0x80, 0], 'status_assertions_names',
-                                                        ['upper non-critical going high'
-                                                         ]), ('delete 1', 'DeleteSdr', [1], 'name', 'Inlet Temp')):
+        for words, member, args, field, value in CHANGES:
             with self.subTest(words):
                 self.sim('reset')
-                self.sim('clear-calls')
                 self.assertEqual(self.json('--yes sdr ' + words)[field], value)
                 self.assertEqual([sent for called, sent in self.calls('SensorDataRepository1') if called == member],
                                  [args])

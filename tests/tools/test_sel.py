@@ -14,14 +14,15 @@ class EventLog(ToolTest):
         rows = self.json('sel list')
         self.assertEqual(rows[:20], before)
         fields = ('time', 'timestamp', 'sensor_type_name', 'event', 'direction', 'data_hex')
-        for row, expected in ((0, (None, 4, 'event logging', 'log cleared', 'asserted', '02ffff')),
-                              (9, ('2026-01-01T07:16:00Z', 1767251760, 'temperature', 'upper non-critical going high',
-                                   'deasserted', '574c4e')), (16, ('2026-01-01T08:57:00Z', 1767257820, None,
-                                                                   'OEM record 0xc0', None, '010500000000')),
-                              (20, ('1987-01-05T18:48:32Z', 0x20000000, 'power supply', 'input lost', 'deasserted',
-                                    '0307ff')), (21, (None, None, None, 'OEM record 0xe5', None,
-                                                      '00112233445566778899aabbcc'))):
-            self.assertEqual(tuple(rows[row][field] for field in fields), expected)
+        for row, *expected in (
+            (0, None, 4, 'event logging', 'log cleared', 'asserted', '02ffff'),
+            (9, '2026-01-01T07:16:00Z', 1767251760, 'temperature', 'upper non-critical going high', 'deasserted',
+             '574c4e'),
+            (16, '2026-01-01T08:57:00Z', 1767257820, None, 'OEM record 0xc0', None, '010500000000'),
+            (20, '1987-01-05T18:48:32Z', 0x20000000, 'power supply', 'input lost', 'deasserted', '0307ff'),
+            (21, None, None, None, 'OEM record 0xe5', None, '00112233445566778899aabbcc'),
+        ):
+            self.assertEqual([rows[row][field] for field in fields], expected)
         self.assertEqual(rows[20]['entry_hex'], '15000200000020' + '3412' + '04' + '08f2ef' + '0307ff')
 
     def test_it_is_cleared(self):
