@@ -45,7 +45,12 @@ protected:
         context->options = options;
         take_log();
         EXPECT_EQ(bdbus_upgrade_agent_preparation_stage(context), result);
-        EXPECT_EQ(take_log_text(), said);
+        std::string text;
+        for (const auto &[priority, line] : take_log()) {
+            EXPECT_EQ(priority, result == 0 ? LOG_INFO : LOG_ERR) << line;
+            text += line;
+        }
+        EXPECT_EQ(text, said);
     }
 };
 

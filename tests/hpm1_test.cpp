@@ -21,11 +21,8 @@ static bytes image_of(const Record &record)
 
 TEST_F(hpm1, sends_and_reads_every_command_field_by_field)
 {
-    const auto sends = [](const char *member, const char *in, json args, const char *out, json reply) {
-        return exchange{"Upgrade1", member, in, std::move(args), out, std::move(reply)};
-    };
     using caps = bdbus_hpm1_target_caps_rec;
-    expect_exchange(sends("GetTargetUpgradeCaps", "y", {0x42}, "yyyyyyyyy", {0x80, 2, 3, 4, 5, 6, 7, 8, 9}),
+    expect_exchange({"Upgrade1", "GetTargetUpgradeCaps", "y", {0x42}, "yyyyyyyyy", {0x80, 2, 3, 4, 5, 6, 7, 8, 9}},
                     bdbus_hpm1_target_upgrade_caps, caps{.picmg_id = 0x42}, &caps::completion_code, &caps::picmg_id,
                     &caps::hpm_version, &caps::global_capabilities, &caps::upgrade_timeout, &caps::self_test_timeout,
                     &caps::rollback_timeout, &caps::inaccessibility_timeout, &caps::components_present);
@@ -36,22 +33,26 @@ TEST_F(hpm1, sends_and_reads_every_command_field_by_field)
         {"InitiateManualRollback", bdbus_hpm1_init_manual_rollback},
     };
     for (const auto &[member, command] : basic_commands) {
-        expect_exchange(sends(member, "y", {1}, "yy", {0xD5, 7}), command, basic{1, 1}, &basic::completion_code,
+        expect_exchange({"Upgrade1", member, "y", {1}, "yy", {0xD5, 7}}, command, basic{1, 1}, &basic::completion_code,
                         &basic::picmg_id);
     }
     using action = bdbus_hpm1_upgrade_action_rec;
-    expect_exchange(sends("InitiateUpgradeAction", "yyy", {1, 0x81, 2}, "yy", {0x80, 7}),
+    expect_exchange({"Upgrade1", "InitiateUpgradeAction", "yyy", {1, 0x81, 2}, "yy", {0x80, 7}},
                     bdbus_hpm1_init_upgrade_action, action{1, 0x81, 2, 0}, &action::completion_code, &action::picmg_id);
     using finish = bdbus_hpm1_finish_upload_rec;
-    expect_exchange(sends("FinishFirmwareUpload", "yyu", {1, 6, 0xFEDCBA98}, "yy", {0x83, 7}),
+    expect_exchange({"Upgrade1", "FinishFirmwareUpload", "yyu", {1, 6, 0xFEDCBA98}, "yy", {0x83, 7}},
                     bdbus_hpm1_finish_fw_upload, finish{1, 6, 0xFEDCBA98, 0}, &finish::completion_code,
                     &finish::picmg_id);
+    using block = bdbus_hpm1_upload_block_rec;
+    expect_exchange(
+        {"Upgrade1", "UploadFirmwareBlock", "yyuay", {3, 255, 2, {{"length", 2}, {"hex", "a1a2"}}}, "yy", {0xC7, 9}},
+        bdbus_hpm1_upload_fw_block, block{3, 255, {0xA1, 0xA2, 0xA3}, 2, 0}, &block::completion_code, &block::picmg_id);
     using status = bdbus_hpm1_upgrade_status_rec;
-    expect_exchange(sends("GetUpgradeStatus", "y", {9}, "yyyy", {1, 2, 3, 4}), bdbus_hpm1_get_upgrade_status,
+    expect_exchange({"Upgrade1", "GetUpgradeStatus", "y", {9}, "yyyy", {1, 2, 3, 4}}, bdbus_hpm1_get_upgrade_status,
                     status{9, 0, 0, 0}, &status::completion_code, &status::picmg_id, &status::command_in_progress,
                     &status::last_completion_code);
     using rollback = bdbus_hpm1_rollback_status_rec;
-    expect_exchange(sends("QueryRollbackStatus", "y", {9}, "yyy", {1, 2, 3}), bdbus_hpm1_query_rollback_status,
+    expect_exchange({"Upgrade1", "QueryRollbackStatus", "y", {9}, "yyy", {1, 2, 3}}, bdbus_hpm1_query_rollback_status,
                     rollback{9, 0, 0}, &rollback::completion_code, &rollback::picmg_id, &rollback::rollback_status);
 }
 
@@ -70,22 +71,6 @@ TEST_F(hpm1, takes_a_property_into_its_room_whatever_its_length)
                     expected.begin() + offsetof(bdbus_hpm1_component_props_rec, data));
         EXPECT_EQ(image_of(room), expected) << length;
         EXPECT_EQ(simulator::last_call("Upgrade1"), json({"GetComponentProps", "yyy", {0xEE, 0xEE, 0xEE}}));
-    }
-}
-
-TEST_F(hpm1, sends_a_block_of_any_length_up_to_its_room)
-{
-    bdbus_hpm1_upload_block_rec record = {};
-    for (const uint32_t length : {0U, 1U, 1530U}) {
-        record.picmg_id = 3;
-        record.block_number = 255;
-        record.length = length;
-        simulator::answer("Upgrade1", "UploadFirmwareBlock", "yy", {0xC7, 9});
-        EXPECT_GT(bdbus_hpm1_upload_fw_block(&record), 0);
-        EXPECT_EQ(json({record.completion_code, record.picmg_id}), json({0xC7, 9}));
-        json call = simulator::last_call("Upgrade1");
-        call[2][3].erase("hex");
-        EXPECT_EQ(call, json({"UploadFirmwareBlock", "yyuay", {3, 255, length, {{"length", length}}}}));
     }
 }
 
@@ -137,7 +122,6 @@ TEST_F(hpm1, refuses_what_it_cannot_send_without_bus_traffic)
 {
     bdbus_hpm1_upload_block_rec too_long = {.length = 1531};
     EXPECT_EQ(bdbus_hpm1_upload_fw_block(&too_long), -EINVAL);
-    EXPECT_EQ(bdbus_hpm1_upload_fw_block(nullptr), -EINVAL);
     EXPECT_EQ(bdbus_hpm1_component_props(nullptr), -EINVAL);
     EXPECT_EQ(bdbus_hpm1_query_self_test_results(nullptr), -EINVAL);
     EXPECT_EQ(simulator::calls(""), json::array());
@@ -164,14 +148,11 @@ TEST(hpm1_arithmetic, takes_the_highest_bit_of_a_mask)
 
 TEST(hpm1_arithmetic, orders_versions_as_plain_unsigned_numbers)
 {
-    const struct {
-        uint8_t a[2];
-        uint8_t b[2];
-        int32_t newer;
-    } cases[] = {{{1, 5}, {1, 5}, 0},         {{1, 6}, {1, 5}, 1},       {{2, 0}, {1, 0x99}, 1},
-                 {{1, 0x99}, {2, 0}, 0},      {{1, 0x80}, {1, 0x7F}, 1}, {{0x7F, 0xFF}, {0x80, 0}, 0},
-                 {{0x80, 0}, {0x7F, 0xFF}, 1}};
-    for (const auto &one : cases) {
-        EXPECT_EQ(bdbus_upgrade_version_compare(one.a, one.b), one.newer);
+    const uint8_t pairs[][2][2] = {
+        {{1, 6}, {1, 5}}, {{2, 0}, {1, 0x99}}, {{1, 0x80}, {1, 0x7F}}, {{0x80, 0}, {0x7F, 0xFF}}};
+    for (const auto &[newer, older] : pairs) {
+        EXPECT_EQ(bdbus_upgrade_version_compare(newer, older), 1);
+        EXPECT_EQ(bdbus_upgrade_version_compare(older, newer), 0);
+        EXPECT_EQ(bdbus_upgrade_version_compare(newer, newer), 0);
     }
 }

@@ -44,13 +44,11 @@ private:
 };
 
 /** One that a timer sends, more often than calls are answered. */
-class timer
+class timer : handler
 {
 public:
-    timer() : alarm_(SIGALRM) { set(500); }
+    timer() : handler(SIGALRM) { set(500); }
     ~timer() { set(0); }
-    timer(const timer &) = delete;
-    timer &operator=(const timer &) = delete;
 
 private:
     static void set(long microseconds)
@@ -59,8 +57,6 @@ private:
                                  .it_value = {.tv_sec = 0, .tv_usec = microseconds}};
         setitimer(ITIMER_REAL, &value, nullptr);
     }
-
-    handler alarm_;
 };
 
 void fault(const sample_call &call, const json &action)
@@ -112,22 +108,21 @@ using interrupted_opening = interruption;
 
 TEST_F(interrupted_opening, leaves_nothing_half_done)
 {
-    const auto under_timer = [](const std::function<int()> &body) {
-        return in_child([&body] {
-            const timer running;
-            return body();
-        });
-    };
-    EXPECT_EQ(under_timer([] { return bdbus_upgrade_signal_process() == 0 ? 0 : 1; }), 0);
-    EXPECT_EQ(under_timer([] {
-                  int stored = bdbus_sdr_init() == 0 ? 0 : 200;
-                  for (uint32_t id = 0; id <= 0xFFFF; id++) {
-                      uint8_t reading = 0;
-                      stored += bdbus_sdr_reading_get(static_cast<uint16_t>(id), &reading) == 0;
-                  }
-                  return stored;
-              }),
-              simulator::state()["sdr"]["records"].size());
+    const int opened = in_child([] {
+        const timer running;
+        return static_cast<int>(bdbus_upgrade_signal_process());
+    });
+    EXPECT_EQ(opened, 0);
+    const int stored = in_child([] {
+        const timer running;
+        int count = bdbus_sdr_init() == 0 ? 0 : 200;
+        for (uint32_t id = 0; id <= 0xFFFF; id++) {
+            uint8_t reading = 0;
+            count += bdbus_sdr_reading_get(static_cast<uint16_t>(id), &reading) == 0;
+        }
+        return count;
+    });
+    EXPECT_EQ(stored, simulator::state()["sdr"]["records"].size());
 }
 
 TEST_F(interruption, by_a_signal_waits_for_the_call_or_ends_it)

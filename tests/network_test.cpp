@@ -184,10 +184,7 @@ TEST_F(network, leaves_the_field_of_a_failed_read_alone_and_reads_on)
 TEST_F(network, lists_the_named_node_elements_of_any_introspection_data)
 {
     const std::string n63(63, 'n');
-    const struct {
-        std::string xml;
-        strings names;
-    } cases[] = {
+    const std::pair<std::string, strings> cases[] = {
         {"<node><node name='zz'/><node name=\"eth0\"/><node name='a'></node></node>", {"zz", "eth0", "a"}},
         {"<node name='root'><node name='one'/></node>", {"root", "one"}},
         {"<node><node a='1' name='x' b='2'/><node name2='no' b='name'/><node/></node>", {"x"}},
@@ -206,10 +203,10 @@ TEST_F(network, lists_the_named_node_elements_of_any_introspection_data)
         {"<node><node name='whole'/><node name='cut", {"whole"}},
         {"<node><node name='open'>", {"open"}},
     };
-    for (const auto &one : cases) {
+    for (const auto &[xml, expected] : cases) {
         strings names;
-        EXPECT_EQ(list_nodes_in(one.xml, names), 0) << one.xml;
-        EXPECT_EQ(names, one.names) << one.xml;
+        EXPECT_EQ(list_nodes_in(xml, names), 0) << xml;
+        EXPECT_EQ(names, expected) << xml;
     }
 }
 
@@ -223,10 +220,7 @@ TEST_F(network, refuses_what_is_no_introspection_data_and_hands_out_nothing)
         EXPECT_EQ(list_nodes_in(xml, names), 0x1001) << xml;
         EXPECT_EQ(names, strings{});
     }
-    const struct {
-        json action;
-        int32_t status;
-    } cases[] = {
+    const std::pair<json, int32_t> cases[] = {
         {{{"reply", {{"signature", "u"}, {"values", {7}}}}}, 0x1000 | ENXIO},
         {{{"reply", {{"signature", ""}, {"values", json::array()}}}}, 0x1000 | ENXIO},
         {simulator::refusal(), 0x1000 | EACCES},

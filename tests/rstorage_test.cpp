@@ -36,10 +36,7 @@ constexpr struct {
     {bdbus_rstorage_disk_get_write_protected_st, "WriteProtected", "b", 1},
 };
 
-constexpr struct {
-    int32_t (*get)(int32_t, char *, uint32_t);
-    const char *property;
-} texts[] = {
+constexpr std::pair<int32_t (*)(int32_t, char *, uint32_t), const char *> texts[] = {
     {bdbus_rstorage_disk_get_smb_share_addr, "SmbShareAddr"},
     {bdbus_rstorage_disk_get_username, "UserName"},
     {bdbus_rstorage_disk_get_smb_path_file, "SmbPathToFile"},

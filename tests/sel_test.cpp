@@ -25,29 +25,31 @@ extern "C" int sd_bus_message_append_array(sd_bus_message *message, char type, c
 
 TEST_F(sel, sends_and_reads_every_call_field_by_field)
 {
-    const auto sends = [](const char *member, const char *in, json args, const char *out, json reply) {
-        return exchange{"SystemEventLog1", member, in, std::move(args), out, std::move(reply)};
-    };
     const json none = json::array();
     using added = bdbus_sel_new_entry;
-    expect_exchange(sends("AddSelEntry", "ay", {{{"length", 16}, {"hex", "0102030405060708090a0b0c0d0e0f10"}}}, "yq",
-                          {0xC4, 0x1234}),
+    expect_exchange({"SystemEventLog1",
+                     "AddSelEntry",
+                     "ay",
+                     {{{"length", 16}, {"hex", "0102030405060708090a0b0c0d0e0f10"}}},
+                     "yq",
+                     {0xC4, 0x1234}},
                     bdbus_sel_add_entry, added{{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, 0, 0},
                     &added::completion_code, &added::record_id);
     using clear = bdbus_sel_clear_request;
-    expect_exchange(sends("ClearSel", "qyyyy", {0xBEEF, 'C', 'L', 'R', 0xAA}, "yy", {1, 2}), bdbus_sel_clear,
-                    clear{0xBEEF, {'C', 'L', 'R'}, 0xAA, 0, 0}, &clear::completion_code, &clear::erase_progress);
+    expect_exchange({"SystemEventLog1", "ClearSel", "qyyyy", {0xBEEF, 'C', 'L', 'R', 0xAA}, "yy", {1, 2}},
+                    bdbus_sel_clear, clear{0xBEEF, {'C', 'L', 'R'}, 0xAA, 0, 0}, &clear::completion_code,
+                    &clear::erase_progress);
     using allocation = bdbus_sel_alloc_info;
-    expect_exchange(sends("GetSelAllocInfo", "", none, "yqqqqy", {1, 0x0203, 0x0405, 0x0607, 0x0809, 10}),
+    expect_exchange({"SystemEventLog1", "GetSelAllocInfo", "", none, "yqqqqy", {1, 0x0203, 0x0405, 0x0607, 0x0809, 10}},
                     bdbus_sel_get_alloc_info, allocation{}, &allocation::completion_code, &allocation::possible_units,
                     &allocation::unit_size, &allocation::free_units, &allocation::largest_free_block,
                     &allocation::max_record_size);
     using info = bdbus_sel_info;
-    expect_exchange(sends("GetSelInfo", "", none, "yyqquuy", {1, 2, 3, 4, 0xFFFFFFFF, 0x20000000, 7}),
+    expect_exchange({"SystemEventLog1", "GetSelInfo", "", none, "yyqquuy", {1, 2, 3, 4, 0xFFFFFFFF, 0x20000000, 7}},
                     bdbus_sel_get_info, info{}, &info::completion_code, &info::version, &info::entries,
                     &info::free_space, &info::addition_timestamp, &info::erase_timestamp, &info::operation_support);
     using reservation = bdbus_sel_reservation;
-    expect_exchange(sends("ReserveSel", "", none, "yq", {5, 0x6789}), bdbus_sel_reserve, reservation{},
+    expect_exchange({"SystemEventLog1", "ReserveSel", "", none, "yq", {5, 0x6789}}, bdbus_sel_reserve, reservation{},
                     &reservation::completion_code, &reservation::reservation_id);
 }
 

@@ -31,10 +31,7 @@ static const struct {
     {"CpldBackupVersion", "6", "rollback_version", bdbus_upgrade_cpld_get_backup_version},
 };
 
-static const struct {
-    const char *component;
-    int32_t (*get)(int32_t *);
-} rollback_flags[] = {
+static const std::pair<const char *, int32_t (*)(int32_t *)> rollback_flags[] = {
     {"BmcUboot", bdbus_upgrade_bmc_uboot_get_rollback_flag}, {"BmcFw", bdbus_upgrade_bmc_fw_get_rollback_flag},
     {"BmcConf", bdbus_upgrade_bmc_conf_get_rollback_flag},   {"Fpga", bdbus_upgrade_fpga_get_rollback_flag},
     {"Bios", bdbus_upgrade_bios_get_rollback_flag},          {"Nvram", bdbus_upgrade_nvram_get_rollback_flag},

@@ -4,6 +4,7 @@
 
 #include <bdbus/bdbus.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -36,8 +37,7 @@ inline constexpr sample_call sample_calls[] = {
     {"event log", "SystemEventLog1", "GetSelInfo", true,
      [] {
          bdbus_sel_info info = {};
-         const int result = bdbus_sel_get_info(&info);
-         return result < 0 ? result : 0;
+         return std::min<int>(bdbus_sel_get_info(&info), 0);
      }},
     {"RAID", "RAIDMgmt", "GetVirtualDriveList", false,
      [] {
@@ -46,14 +46,12 @@ inline constexpr sample_call sample_calls[] = {
     {"upgrade", "Upgrade1", "ComponentCount", true,
      [] {
          int32_t count = 0;
-         const int result = bdbus_upgrade_component_count(&count);
-         return result < 0 ? result : 0;
+         return std::min<int>(bdbus_upgrade_component_count(&count), 0);
      }},
     {"accounts", "AuthLog1", "AuthLogAddEntry", true,
      [] {
          bdbus_authlog_request request = {};
-         const int result = bdbus_user_authlog_add_entry(&request);
-         return result < 0 ? result : 0;
+         return std::min<int>(bdbus_user_authlog_add_entry(&request), 0);
      }},
     {"disk queries", "RStorage1", "MediaType", true,
      [] {
@@ -64,7 +62,6 @@ inline constexpr sample_call sample_calls[] = {
     {"disk actions", "RStorage1", "GadgetStop", true,
      [] {
          int32_t answer = 0;
-         const int result = bdbus_rstorage_disk_gadget_stop(1, &answer);
-         return result < 0 ? result : 0;
+         return std::min<int>(bdbus_rstorage_disk_gadget_stop(1, &answer), 0);
      }},
 };
