@@ -104,9 +104,8 @@ words property(const std::string &name)
 }
 
 struct outcome {
-    outcome(bool done, bool kept = true) : succeeded(done), is_untouched(kept) {}
     bool succeeded;
-    bool is_untouched; // what a call that succeeds would have written
+    bool is_untouched = true; // what a call that succeeds would have written
 };
 
 struct failing_call {
@@ -119,85 +118,85 @@ struct failing_call {
 const failing_call failing_calls[] = {
     {"AdvancedBypass", "SetPermanentBypass", plain,
      [] {
-         return outcome(bdbus_abp_set_permanent_bypass(1, 2) == 5);
+         return outcome{bdbus_abp_set_permanent_bypass(1, 2) == 5};
      }},
     {"Upgrade1", "QueryRollbackStatus", plain,
      [] {
          bdbus_hpm1_rollback_status_rec record = {0, 8, 9};
-         return outcome(bdbus_hpm1_query_rollback_status(&record) > 0, record.rollback_status == 9);
+         return outcome{bdbus_hpm1_query_rollback_status(&record) > 0, record.rollback_status == 9};
      }},
     {"Upgrade1", "UploadFirmwareBlock", built,
      [] {
          bdbus_hpm1_upload_block_rec record = {};
-         return outcome(bdbus_hpm1_upload_fw_block(&record) > 0);
+         return outcome{bdbus_hpm1_upload_fw_block(&record) > 0};
      }},
     {"Upgrade1", "FpgaVersion", property("FpgaVersion"),
      [] {
          uint8_t version[BDBUS_UPGRADE_VERSION_MAX] = {0xEE};
-         return outcome(bdbus_upgrade_fpga_get_version(version) > 0, version[0] == 0xEE);
+         return outcome{bdbus_upgrade_fpga_get_version(version) > 0, version[0] == 0xEE};
      }},
     {"Upgrade1", "NvramRollbackFlag", property("NvramRollbackFlag"),
      [] {
          int32_t flag = 77;
-         return outcome(bdbus_upgrade_nvram_get_rollback_flag(&flag) == 0, flag == 77);
+         return outcome{bdbus_upgrade_nvram_get_rollback_flag(&flag) == 0, flag == 77};
      }},
     {"Upgrade1", "SetBiosVersion", built,
      [] {
          bdbus_upgrade_version_update request = {{}, 77};
-         return outcome(bdbus_upgrade_bios_set_version(&request) > 0, request.result == 77);
+         return outcome{bdbus_upgrade_bios_set_version(&request) > 0, request.result == 77};
      }},
     {"SensorDataRepository1", "AddSdr", plain,
      [] {
          const uint8_t sdr[BDBUS_SDR_BYTES] = {};
          uint16_t id = 0xFFFE;
-         return outcome(bdbus_sdr_add(sdr, sizeof(sdr), &id, 0) == 0, id == 0xFFFE);
+         return outcome{bdbus_sdr_add(sdr, sizeof(sdr), &id, 0) == 0, id == 0xFFFE};
      }},
     {"SystemEventLog1", "GetSelInfo", plain,
      [] {
          bdbus_sel_info info = {9, 9, 9, 9, 9, 9, 9};
-         return outcome(bdbus_sel_get_info(&info) > 0, info.operation_support == 9);
+         return outcome{bdbus_sel_get_info(&info) > 0, info.operation_support == 9};
      }},
     {"SystemEventLog1", "AddSelEntry", plain,
      [] {
          bdbus_sel_new_entry entry = {};
-         return outcome(bdbus_sel_add_entry(&entry) > 0);
+         return outcome{bdbus_sel_add_entry(&entry) > 0};
      }},
     {"RAIDMgmt", "GetVirtualDriveList", plain,
      [] {
-         return outcome(bdbus_storectrl_get_virtual_drive_list().count == 3);
+         return outcome{bdbus_storectrl_get_virtual_drive_list().count == 3};
      }},
     {"RAIDMgmt", "GetMaxAvailableSize", built_query,
      [] {
-         return outcome(bdbus_storectrl_get_max_available_size({0, 0, 0, 1, {267}, 0, 0}).max_size > 0);
+         return outcome{bdbus_storectrl_get_max_available_size({0, 0, 0, 1, {267}, 0, 0}).max_size > 0};
      }},
     {"RAIDMgmt", "DeleteVirtualDrive", built_operation,
      [] {
-         return outcome(bdbus_storectrl_delete_virtual_drive({1, {99}}) == 1);
+         return outcome{bdbus_storectrl_delete_virtual_drive({1, {99}}) == 1};
      }},
     {"RStorage1", "ProcotolType", property("ProcotolType"),
      [] {
          uint8_t type = 77;
-         return outcome(bdbus_rstorage_disk_get_proto_type(1, &type) == 0, type == 77);
+         return outcome{bdbus_rstorage_disk_get_proto_type(1, &type) == 0, type == 77};
      }},
     {"RStorage1", "ImageURL", property("ImageURL"),
      [] {
          char url[64] = "#";
-         return outcome(bdbus_rstorage_disk_get_image_url(1, url, sizeof(url)) == 0, url[0] == '#');
+         return outcome{bdbus_rstorage_disk_get_image_url(1, url, sizeof(url)) == 0, url[0] == '#'};
      }},
     {"RStorage1", "Status", plain,
      [] {
          int32_t answer = 0;
-         return outcome(bdbus_rstorage_disk_get_status(1, 0, &answer) > 0);
+         return outcome{bdbus_rstorage_disk_get_status(1, 0, &answer) > 0};
      }},
     {"RStorage1", "Mount", mount,
      [] {
          int32_t answer = 77;
-         return outcome(bdbus_rstorage_disk_mount(1, "", &answer, nullptr, 0) > 0, answer == 77);
+         return outcome{bdbus_rstorage_disk_mount(1, "", &answer, nullptr, 0) > 0, answer == 77};
      }},
     {"AuthLog1", "UserUpdate", plain,
      [] {
          bdbus_user_update update = {1, 2, {}, 9, 9};
-         return outcome(bdbus_user_update_send_event(&update) > 0, update.value == 9);
+         return outcome{bdbus_user_update_send_event(&update) > 0, update.value == 9};
      }},
 };
 
