@@ -93,6 +93,12 @@ TEST_F(sdr_before, init_everything_is_refused_and_a_failed_init_may_be_repeated)
     racing.clear(); // joins them
     EXPECT_EQ(bdbus_sdr_init(), 0);
     EXPECT_EQ(simulator::calls(repository).size(), simulator::state()["sdr"]["records"].size()) << "read once";
+
+    // No call of the program's own has had the listener look at the connection since.
+    for (const uint16_t stranger : {0xFEDC, 0xFEDD}) {
+        announce("RecordAdded", "say", json::array({sensor(stranger)}));
+        EXPECT_TRUE(eventually([stranger] { return is_stored(stranger); }));
+    }
 }
 
 // How the reading of the repository ends. Each case is a process of its own: only a child ever calls init.
