@@ -270,8 +270,8 @@ void upgrade::upload()
 {
     enter_stage("upload");
     const held_signals signals;
-    capture caught;
-    progress shown(run_, caught.original_stderr(), planned_uploads());
+    const capture running;
+    progress shown(run_, planned_uploads());
     target_abort abort;
     const auto uploaded = std::make_shared<cancellable_upload>(*context_, records_);
     const background_call job([uploaded] { return uploaded->carry_out(); });
@@ -289,7 +289,7 @@ void upgrade::upload()
         }
     }
     shown.end(job.finished() && job.result() == 0 && !abort.requested());
-    const outcome seen{job.finished() ? job.result() : 0, caught.end()};
+    const outcome seen{job.finished() ? job.result() : 0, capture::end()};
     run_.show_details(seen);
     if (!job.finished() || abort.running()) {
         throw abandon();

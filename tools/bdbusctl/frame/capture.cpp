@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The standard error is led into a file in memory. The system log goes on as ever, and its lines go there as well, with
-// their priority before them as services write it: "<3>text".
+// The library writes with the C library's stream for the standard error, which is a variable: ours stands in for it.
+// What the descriptor gets otherwise is not touched. The system log goes on as ever, and its lines are kept as well,
+// with their priority before them as services write it: "<3>text".
 #include "frame/capture.hpp"
 
 #include "frame/text.hpp"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <mutex>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 namespace bdbusctl
 {
@@ -21,7 +22,65 @@ namespace bdbusctl
 namespace
 {
 
-constinit std::atomic<bool> capturing{false};
+/**
+ * Keeps what is written to the standard error while somebody captures, and hands it on otherwise. Never destroyed: a
+ * call that was left behind on its thread may still write when main has ended.
+ */
+class error_stream
+{
+public:
+    static error_stream &get()
+    {
+        static auto *const only = new error_stream;
+        return *only;
+    }
+
+    void begin()
+    {
+        const std::scoped_lock held(lock_);
+        capturing_ = true;
+    }
+
+    /** @return what was kept. */
+    std::string end()
+    {
+        const std::scoped_lock held(lock_);
+        capturing_ = false;
+        return std::exchange(text_, {});
+    }
+
+    /** @return whether it was kept. */
+    bool keep(std::string_view text)
+    {
+        const std::scoped_lock held(lock_);
+        if (capturing_) {
+            text_ += text;
+        }
+        return capturing_;
+    }
+
+private:
+    error_stream() : original_(stderr)
+    {
+        FILE *const stream = fopencookie(this, "w", {nullptr, write, nullptr, nullptr});
+        if (stream == nullptr) {
+            throw std::system_error(errno, std::generic_category(), "cannot keep what is reported");
+        }
+        setvbuf(stream, nullptr, _IONBF, 0);
+        stderr = stream;
+    }
+
+    static ssize_t write(void *cookie, const char *bytes, size_t size)
+    {
+        auto *const self = static_cast<error_stream *>(cookie);
+        return static_cast<ssize_t>(self->keep({bytes, size}) ? size : fwrite(bytes, 1, size, self->original_));
+    }
+
+    FILE *original_;
+    std::mutex lock_;
+    bool capturing_ = false;
+    std::string text_;
+};
 
 /** Lines of the log that their priority is misleading about. */
 struct exceptional_line {
@@ -52,56 +111,33 @@ reported_line parse_line(std::string_view line)
     return {std::move(text), fault};
 }
 
-std::string read_all(int fd)
-{
-    std::string text;
-    char buffer[4096];
-    for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;) {
-        text.append(buffer, static_cast<size_t>(got));
-    }
-    return text;
-}
-
 [[gnu::format(printf, 2, 0)]] void log_line(int priority, const char *pattern, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
     vsyslog(priority, pattern, again);
     va_end(again);
-    if (capturing) {
-        std::string text = format_list(pattern, arguments);
-        text.erase(text.find_last_not_of('\n') + 1);
-        dprintf(STDERR_FILENO, "<%d>%s\n", LOG_PRI(priority), one_line(text).c_str());
-    }
+    std::string text = format_list(pattern, arguments);
+    text.erase(text.find_last_not_of('\n') + 1);
+    error_stream::get().keep(format("<%d>%s\n", LOG_PRI(priority), one_line(text).c_str()));
 }
 
 } // namespace
 
 capture::capture()
-    : original_(bdbus_tools::check_errno(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0), "cannot keep the standard error")),
-      memory_(bdbus_tools::check_errno(memfd_create("bdbusctl-stderr", MFD_CLOEXEC), "cannot keep what is reported"))
 {
-    bdbus_tools::check_errno(dup2(memory_.get(), STDERR_FILENO), "cannot redirect the standard error");
-    capturing = true;
+    error_stream::get().begin();
 }
 
 capture::~capture()
 {
-    end();
+    error_stream::get().end();
 }
 
 std::vector<reported_line> capture::end()
 {
+    const std::string text = error_stream::get().end();
     std::vector<reported_line> lines;
-    if (memory_.get() < 0) {
-        return lines;
-    }
-    capturing = false;
-    dup2(original_.get(), STDERR_FILENO);
-    const std::string text = read_all(memory_.get());
-    original_.reset();
-    memory_.reset();
-
     for (size_t start = 0, stop; start < text.size(); start = stop + 1) {
         stop = std::min(text.find('\n', start), text.size());
         reported_line line = parse_line(std::string_view(text).substr(start, stop - start));
@@ -132,9 +168,9 @@ bool outcome::bus_unreachable() const
 
 outcome observe(const std::function<int32_t()> &call)
 {
-    capture caught;
+    const capture running;
     const int32_t result = call();
-    return {result, caught.end()};
+    return {result, capture::end()};
 }
 
 } // namespace bdbusctl

@@ -3,8 +3,6 @@
 // the system log, whose priorities tell faults from progress. While a capture lives, both end up in it.
 #pragma once
 
-#include "common/descriptor.hpp"
-
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -28,15 +26,8 @@ public:
     capture(const capture &) = delete;
     capture &operator=(const capture &) = delete;
 
-    /** The standard error that was there before, for those who write to it meanwhile. */
-    int original_stderr() const { return original_.get(); }
-
-    /** Puts the standard error back. @return the lines that were caught, without empty ones. */
-    std::vector<reported_line> end();
-
-private:
-    bdbus_tools::descriptor original_;
-    bdbus_tools::descriptor memory_;
+    /** Ends it. @return the lines that were caught, without empty ones. */
+    static std::vector<reported_line> end();
 };
 
 struct outcome {

@@ -23,7 +23,7 @@ constexpr int no_terminal = -1;
 /** A terminal shows "^C" at the end of the line. */
 constexpr size_t room_for_interrupt = 3;
 
-int find_terminal(const session &run, int original_stderr)
+int find_terminal(const session &run)
 {
     const char *kind = getenv("TERM");
     if (run.quiet || run.wants_json() || kind == nullptr || std::string_view(kind) == "dumb") {
@@ -32,7 +32,7 @@ int find_terminal(const session &run, int original_stderr)
     if (isatty(STDOUT_FILENO)) {
         return STDOUT_FILENO;
     }
-    return isatty(original_stderr) ? original_stderr : no_terminal;
+    return isatty(STDERR_FILENO) ? STDERR_FILENO : no_terminal;
 }
 
 size_t terminal_width(int fd)
@@ -54,8 +54,8 @@ std::string bar_text(size_t width, unsigned percent)
 
 } // namespace
 
-progress::progress(const session &run, int original_stderr, std::vector<component_upload> uploads)
-    : run_(run), terminal_(find_terminal(run, original_stderr)), uploads_(std::move(uploads)), since_(clock::now())
+progress::progress(const session &run, std::vector<component_upload> uploads)
+    : run_(run), terminal_(find_terminal(run)), uploads_(std::move(uploads)), since_(clock::now())
 {
 }
 

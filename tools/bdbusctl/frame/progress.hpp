@@ -22,8 +22,7 @@ struct component_upload {
 class progress
 {
 public:
-    /** `original_stderr`: where the standard error leads, which is captured meanwhile. */
-    progress(const session &run, int original_stderr, std::vector<component_upload> uploads);
+    progress(const session &run, std::vector<component_upload> uploads);
 
     /**
      * The upgrade agent's present status: the component it is at, and a percentage that stays at the last component's
