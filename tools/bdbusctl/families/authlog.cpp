@@ -111,12 +111,14 @@ void update(const session &run, const update_arguments &given)
 
 void add_authlog(CLI::App &program, session &run)
 {
-    family authlog(program, run, "authlog", "Authentication log");
-    authlog.verb("add", "Add an entry", declare_add, add);
-    authlog.verb("delete", "Delete an entry", declare_delete, remove);
-    authlog.verb("clear", "Erase the log", declare_clear, clear);
-    family user(program, run, "user", "User accounts");
-    user.verb("update", "Tell the authentication log that an account changed", declare_update, update);
+    add_family(program, run, "authlog", "Authentication log", [](family &authlog) {
+        authlog.verb("add", "Add an entry", declare_add, add);
+        authlog.verb("delete", "Delete an entry", declare_delete, remove);
+        authlog.verb("clear", "Erase the log", declare_clear, clear);
+    });
+    add_family(program, run, "user", "User accounts", [](family &user) {
+        user.verb("update", "Tell the authentication log that an account changed", declare_update, update);
+    });
 }
 
 } // namespace bdbusctl

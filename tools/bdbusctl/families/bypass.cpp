@@ -56,10 +56,11 @@ void permanent_bypass(const session &run, const values &given)
 
 void add_bypass(CLI::App &program, session &run)
 {
-    family bypass(program, run, "bypass", "Advanced bypass: resets and the bypass itself");
-    bypass.verb("global-reset", "Set the global reset", declare_one, global_reset);
-    bypass.verb("permanent-global-reset", "Set the permanent global reset", declare_one, permanent_global_reset);
-    bypass.verb("permanent-bypass", "Set the permanent bypass", declare_two, permanent_bypass);
+    add_family(program, run, "bypass", "Advanced bypass: resets and the bypass itself", [](family &bypass) {
+        bypass.verb("global-reset", "Set the global reset", declare_one, global_reset);
+        bypass.verb("permanent-global-reset", "Set the permanent global reset", declare_one, permanent_global_reset);
+        bypass.verb("permanent-bypass", "Set the permanent bypass", declare_two, permanent_bypass);
+    });
 }
 
 } // namespace bdbusctl

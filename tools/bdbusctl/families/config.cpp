@@ -192,10 +192,11 @@ void check_config_status(const std::string &intent, int32_t status)
 
 void add_config(CLI::App &program, session &run)
 {
-    family config(program, run, "config", "Configuration: identity, firmware version, switches");
-    config.verb("list", "Show all keys", list);
-    config.verb("get", "Show the value of one key", declare_get, get);
-    config.verb("set", "Set a key", declare_set, set);
+    add_family(program, run, "config", "Configuration: identity, firmware version, switches", [](family &config) {
+        config.verb("list", "Show all keys", list);
+        config.verb("get", "Show the value of one key", declare_get, get);
+        config.verb("set", "Set a key", declare_set, set);
+    });
 }
 
 } // namespace bdbusctl

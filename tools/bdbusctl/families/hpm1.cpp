@@ -276,17 +276,18 @@ void action(const session &run, const action_arguments &given)
 
 void add_hpm1(CLI::App &program, session &run)
 {
-    family hpm1(program, run, "hpm1", "Single HPM.1 commands to the upgrade target");
-    hpm1.verb("capabilities", "Show what the target can do, its timeouts and components", capabilities);
-    hpm1.verb("properties", "Show the properties of a component", declare_properties, properties);
-    hpm1.verb("components", "Show all components with versions and capabilities", components);
-    hpm1.verb("status", "Show how the last long command stands", status);
-    hpm1.verb("self-test", "Show the self-test results", self_test);
-    hpm1.verb("rollback-status", "Show whether a rollback happened", rollback_status);
-    hpm1.verb("activate", "Activate what was uploaded", activate);
-    hpm1.verb("rollback", "Go back to the backup copies", rollback);
-    hpm1.verb("abort", "Abort the upgrade that the target is in", abort_upgrade);
-    hpm1.verb("action", "Start a backup, a preparation or an upload", declare_action, action);
+    add_family(program, run, "hpm1", "Single HPM.1 commands to the upgrade target", [](family &hpm1) {
+        hpm1.verb("capabilities", "Show what the target can do, its timeouts and components", capabilities);
+        hpm1.verb("properties", "Show the properties of a component", declare_properties, properties);
+        hpm1.verb("components", "Show all components with versions and capabilities", components);
+        hpm1.verb("status", "Show how the last long command stands", status);
+        hpm1.verb("self-test", "Show the self-test results", self_test);
+        hpm1.verb("rollback-status", "Show whether a rollback happened", rollback_status);
+        hpm1.verb("activate", "Activate what was uploaded", activate);
+        hpm1.verb("rollback", "Go back to the backup copies", rollback);
+        hpm1.verb("abort", "Abort the upgrade that the target is in", abort_upgrade);
+        hpm1.verb("action", "Start a backup, a preparation or an upload", declare_action, action);
+    });
 }
 
 } // namespace bdbusctl

@@ -413,10 +413,11 @@ void verify(const session &run, const file_argument &given)
 
 void add_image(CLI::App &program, session &run)
 {
-    family image(program, run, "image", "HPM.1 image files: make and read them");
-    image.verb("create", "Make an image from firmware files", declare_create, create);
-    image.verb("info", "Show an image's header and records", declare_file, info);
-    image.verb("verify", "Check an image: digest, checksums, lengths", declare_file, verify);
+    add_family(program, run, "image", "HPM.1 image files: make and read them", [](family &image) {
+        image.verb("create", "Make an image from firmware files", declare_create, create);
+        image.verb("info", "Show an image's header and records", declare_file, info);
+        image.verb("verify", "Check an image: digest, checksums, lengths", declare_file, verify);
+    });
 }
 
 } // namespace bdbusctl

@@ -367,12 +367,13 @@ void hostname(const session &run, const arguments &given)
 
 void add_network(CLI::App &program, session &run)
 {
-    family network(program, run, "network", "Network nodes, their LLDP neighbors, and the host name");
-    network.verb("list", "Show all nodes", list);
-    network.verb("show", "Show all about one node", declare_node, show);
-    network.verb("get", "Show one property of a node", declare_get, get);
-    network.verb("lldp", "Switch LLDP on or off", declare_lldp, lldp);
-    network.verb("hostname", "Set the host name", declare_hostname, hostname);
+    add_family(program, run, "network", "Network nodes, their LLDP neighbors, and the host name", [](family &network) {
+        network.verb("list", "Show all nodes", list);
+        network.verb("show", "Show all about one node", declare_node, show);
+        network.verb("get", "Show one property of a node", declare_get, get);
+        network.verb("lldp", "Switch LLDP on or off", declare_lldp, lldp);
+        network.verb("hostname", "Set the host name", declare_hostname, hostname);
+    });
 }
 
 } // namespace bdbusctl

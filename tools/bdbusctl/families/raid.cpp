@@ -495,22 +495,23 @@ void spare(const session &run, const spare_arguments &given)
 
 void add_raid(CLI::App &program, session &run)
 {
-    family raid(program, run, "raid", "RAID: virtual and physical drives, hot spares");
-    raid.verb("vd", "List the virtual drives", declare_vd, virtual_drives);
-    raid.verb("pd", "List the physical drives", physical_drives);
-    raid.verb("unconfigured", "List the physical drives that are free", unconfigured);
-    raid.verb("groups", "List the drive groups", groups);
-    raid.verb("spares", "List the hot spares", spares);
-    raid.verb("levels", "List the RAID levels on offer", levels);
-    raid.verb("vd-info", "Show one virtual drive", declare_vd_info, vd_info);
-    raid.verb("min-pd", "Show how many physical drives are needed", declare_min_pd, min_pd);
-    raid.verb("max-size", "Show how large a new virtual drive can be", declare_max_size, max_size);
-    raid.verb("oob-state", "Show the state of the out-of-band initialization", declare_oob_state, oob_state);
-    raid.verb("create", "Create a virtual drive", declare_create, create);
-    raid.verb("delete", "Delete virtual drives", declare_delete, remove);
-    raid.verb("clear", "Clear the controller's configuration", clear);
-    raid.verb("locate", "Start or stop the locate indication of drives", declare_locate, locate);
-    raid.verb("spare", "Add or remove a hot spare", declare_spare, spare);
+    add_family(program, run, "raid", "RAID: virtual and physical drives, hot spares", [](family &raid) {
+        raid.verb("vd", "List the virtual drives", declare_vd, virtual_drives);
+        raid.verb("pd", "List the physical drives", physical_drives);
+        raid.verb("unconfigured", "List the physical drives that are free", unconfigured);
+        raid.verb("groups", "List the drive groups", groups);
+        raid.verb("spares", "List the hot spares", spares);
+        raid.verb("levels", "List the RAID levels on offer", levels);
+        raid.verb("vd-info", "Show one virtual drive", declare_vd_info, vd_info);
+        raid.verb("min-pd", "Show how many physical drives are needed", declare_min_pd, min_pd);
+        raid.verb("max-size", "Show how large a new virtual drive can be", declare_max_size, max_size);
+        raid.verb("oob-state", "Show the state of the out-of-band initialization", declare_oob_state, oob_state);
+        raid.verb("create", "Create a virtual drive", declare_create, create);
+        raid.verb("delete", "Delete virtual drives", declare_delete, remove);
+        raid.verb("clear", "Clear the controller's configuration", clear);
+        raid.verb("locate", "Start or stop the locate indication of drives", declare_locate, locate);
+        raid.verb("spare", "Add or remove a hot spare", declare_spare, spare);
+    });
 }
 
 } // namespace bdbusctl

@@ -349,13 +349,14 @@ void gadget(const session &run, const gadget_arguments &given)
 
 void add_rstorage(CLI::App &program, session &run)
 {
-    family rstorage(program, run, "rstorage", "Remote storage: disks whose images lie elsewhere");
-    rstorage.verb("list", "Show the disks", declare_list, list);
-    rstorage.verb("show", "Show all that is known of a disk", declare_show, show);
-    rstorage.verb("status", "Ask for a status value of a disk", declare_status, status);
-    rstorage.verb("mount", "Mount a disk's image", declare_mount, mount);
-    rstorage.verb("unmount", "Unmount a disk's image", declare_disk, unmount);
-    rstorage.verb("gadget", "Start or stop presenting a disk to the host", declare_gadget, gadget);
+    add_family(program, run, "rstorage", "Remote storage: disks whose images lie elsewhere", [](family &rstorage) {
+        rstorage.verb("list", "Show the disks", declare_list, list);
+        rstorage.verb("show", "Show all that is known of a disk", declare_show, show);
+        rstorage.verb("status", "Ask for a status value of a disk", declare_status, status);
+        rstorage.verb("mount", "Mount a disk's image", declare_mount, mount);
+        rstorage.verb("unmount", "Unmount a disk's image", declare_disk, unmount);
+        rstorage.verb("gadget", "Start or stop presenting a disk to the host", declare_gadget, gadget);
+    });
 }
 
 } // namespace bdbusctl

@@ -493,16 +493,17 @@ void watch(const session &run, const watch_arguments &given)
 
 void add_sdr(CLI::App &program, session &run)
 {
-    family sdr(program, run, "sdr", "Sensors: readings, thresholds, events, records");
-    sdr.verb("list", "Show all sensors", declare_list, list);
-    sdr.verb("show", "Show all about a sensor", declare_show, show);
-    sdr.verb("watch", "Show readings as they are set", declare_watch, watch);
-    sdr.verb("set-reading", "Set the reading of a sensor", declare_reading, set_reading);
-    sdr.verb("set-thresholds", "Set thresholds of a sensor", declare_thresholds, set_thresholds);
-    sdr.verb("set-hysteresis", "Set the hysteresis of a sensor", declare_hysteresis, set_hysteresis);
-    sdr.verb("set-event", "Set the event enables or the event status of a sensor", declare_event, set_event);
-    sdr.verb("add", "Add a record", declare_add, add);
-    sdr.verb("delete", "Delete a record", declare_delete, remove);
+    add_family(program, run, "sdr", "Sensors: readings, thresholds, events, records", [](family &sdr) {
+        sdr.verb("list", "Show all sensors", declare_list, list);
+        sdr.verb("show", "Show all about a sensor", declare_show, show);
+        sdr.verb("watch", "Show readings as they are set", declare_watch, watch);
+        sdr.verb("set-reading", "Set the reading of a sensor", declare_reading, set_reading);
+        sdr.verb("set-thresholds", "Set thresholds of a sensor", declare_thresholds, set_thresholds);
+        sdr.verb("set-hysteresis", "Set the hysteresis of a sensor", declare_hysteresis, set_hysteresis);
+        sdr.verb("set-event", "Set the event enables or the event status of a sensor", declare_event, set_event);
+        sdr.verb("add", "Add a record", declare_add, add);
+        sdr.verb("delete", "Delete a record", declare_delete, remove);
+    });
 }
 
 } // namespace bdbusctl

@@ -338,13 +338,14 @@ void watch(const session &run, const watch_arguments &given)
 
 void add_sel(CLI::App &program, session &run)
 {
-    family sel(program, run, "sel", "System event log");
-    sel.verb("info", "Show version, size and times of the log", info);
-    sel.verb("list", "Show all entries", list);
-    sel.verb("add", "Add an entry", declare_add, add);
-    sel.verb("clear", "Erase the log", clear);
-    sel.verb("alloc", "Show how the log's room is allocated", alloc);
-    sel.verb("watch", "Show the notices: almost full, full, cleared", declare_watch, watch);
+    add_family(program, run, "sel", "System event log", [](family &sel) {
+        sel.verb("info", "Show version, size and times of the log", info);
+        sel.verb("list", "Show all entries", list);
+        sel.verb("add", "Add an entry", declare_add, add);
+        sel.verb("clear", "Erase the log", clear);
+        sel.verb("alloc", "Show how the log's room is allocated", alloc);
+        sel.verb("watch", "Show the notices: almost full, full, cleared", declare_watch, watch);
+    });
 }
 
 } // namespace bdbusctl

@@ -313,16 +313,19 @@ void watch(const session &run, const watch_arguments &given)
 
 void add_upgrade(CLI::App &program, session &run)
 {
-    family upgrade(program, run, "upgrade", "Firmware upgrade: versions, flashes, notices, and running one");
-    upgrade.verb("versions", "Show the versions of all components", versions);
-    upgrade.verb("status", "Show whether an upgrade is in progress", status);
-    upgrade.verb("run", "Upgrade the controller from an image", declare_run, run_upgrade);
-    upgrade.verb("watch", "Show the notices of the upgrade service", declare_watch, watch);
-    upgrade.verb("flash", "Show which flashes are selected", show_flashes);
-    upgrade.verb("set-flash", "Select a flash", declare_set_flash, set_flash);
-    upgrade.verb("set-version", "Set the version of the BIOS or the NVRAM", declare_set_version, set_version);
-    upgrade.verb("factory-mode", "Tell the service of the BMC's factory mode", declare_factory_mode, factory_mode);
-    upgrade.verb("notify", "Send the service a notice", declare_notify, notify);
+    add_family(
+        program, run, "upgrade", "Firmware upgrade: versions, flashes, notices, and running one", [](family &upgrade) {
+            upgrade.verb("versions", "Show the versions of all components", versions);
+            upgrade.verb("status", "Show whether an upgrade is in progress", status);
+            upgrade.verb("run", "Upgrade the controller from an image", declare_run, run_upgrade);
+            upgrade.verb("watch", "Show the notices of the upgrade service", declare_watch, watch);
+            upgrade.verb("flash", "Show which flashes are selected", show_flashes);
+            upgrade.verb("set-flash", "Select a flash", declare_set_flash, set_flash);
+            upgrade.verb("set-version", "Set the version of the BIOS or the NVRAM", declare_set_version, set_version);
+            upgrade.verb("factory-mode", "Tell the service of the BMC's factory mode", declare_factory_mode,
+                         factory_mode);
+            upgrade.verb("notify", "Send the service a notice", declare_notify, notify);
+        });
 }
 
 } // namespace bdbusctl

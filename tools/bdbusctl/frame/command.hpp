@@ -15,13 +15,12 @@
 namespace bdbusctl
 {
 
+/** Of all families and verbs only those that the command line names are filled, when the parser gets to them. */
 class family
 {
 public:
-    family(CLI::App &program, session &run, const char *name, const char *description)
-        : app_(*program.add_subcommand(name, description)), run_(run)
+    family(CLI::App &app, session &run) : app_(app), run_(run)
     {
-        app_.group("Families");
         app_.require_subcommand(1);
         app_.fallthrough();
         app_.formatter(std::make_shared<CLI::Formatter>());
@@ -40,7 +39,7 @@ public:
     {
         const auto values = std::make_shared<arguments>();
         CLI::App &command = add(name, description);
-        declare(command, *values);
+        command.preparse_callback([declare, values, &command](size_t /*words*/) { declare(command, *values); });
         command.callback([action, values, &run = run_] { action(run, *values); });
     }
 
@@ -57,6 +56,17 @@ private:
     CLI::App &app_;
     session &run_;
 };
+
+inline void add_family(CLI::App &program, session &run, const char *name, const char *description,
+                       void (*fill)(family &))
+{
+    CLI::App &app = *program.add_subcommand(name, description);
+    app.group("Families");
+    app.preparse_callback([fill, &app, &run](size_t /*words*/) {
+        family named(app, run);
+        fill(named);
+    });
+}
 
 /** An argument whose text `parse` reads; its std::invalid_argument becomes a usage error that names the argument. */
 template <class value, class parser>

@@ -7,7 +7,7 @@
 #include <bdbus/hpm1.h>
 
 #include <wolfssl/options.h>
-#include <wolfssl/wolfcrypt/hash.h>
+#include <wolfssl/wolfcrypt/md5.h>
 
 #include <algorithm>
 #include <optional>
@@ -47,7 +47,9 @@ uint8_t sum_of(bytes block)
 std::array<uint8_t, digest_bytes> md5(std::span<const uint8_t> block)
 {
     std::array<uint8_t, digest_bytes> digest{};
-    if (wc_Md5Hash(block.data(), static_cast<word32>(block.size()), digest.data()) != 0) {
+    wc_Md5 state;
+    if (wc_InitMd5(&state) != 0 || wc_Md5Update(&state, block.data(), static_cast<word32>(block.size())) != 0 ||
+        wc_Md5Final(&state, digest.data()) != 0) {
         throw std::runtime_error("cannot compute the MD5 digest");
     }
     return digest;
