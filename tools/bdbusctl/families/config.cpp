@@ -93,31 +93,29 @@ uint32_t parse_value(const config_key &key, const std::string &text)
     }
 }
 
-report new_report()
+std::vector<column> columns()
 {
-    return report({{"key", "KEY"}, {"type", "TYPE"}, {"writable", "WRITABLE"}, {"value", "VALUE"}});
+    return {{"key", "KEY"}, {"type", "TYPE"}, {"writable", "WRITABLE"}, {"value", "VALUE"}};
 }
 
-void add_row(report &table, const config_key &key, cell value)
+std::vector<cell> row_of(const config_key &key, cell value)
 {
-    table.add({key.name, type_name(key.type), key.writable, std::move(value)});
+    return {key.name, type_name(key.type), key.writable, std::move(value)};
 }
 
 void list(const session &run)
 {
-    report table = new_report();
+    report table(run, columns());
     for (const auto &key : keys) {
-        add_row(table, key, read_value(run, key));
+        table.add(row_of(key, read_value(run, key)));
     }
-    table.show(run);
+    table.show();
 }
 
 void show(const session &run, const config_key &key)
 {
     const cell value = read_value(run, key);
-    report table = new_report();
-    add_row(table, key, value);
-    run.print(one_line(value.text), table.to_json().front());
+    run.print(one_line(value.text), row_object(columns(), row_of(key, value)));
 }
 
 struct get_arguments {

@@ -83,12 +83,12 @@ cell decode(uint8_t selector, const component_property &property)
 
 void properties(const session &run, const property_arguments &given)
 {
-    report table({{"selector", "SELECTOR", true},
-                  {"property", "PROPERTY"},
-                  {"value", "VALUE"},
-                  {"data_hex", "DATA"},
-                  {"completion_code", "COMPLETION"},
-                  {"completion_name"}});
+    report table(run, {{"selector", "SELECTOR", true},
+                       {"property", "PROPERTY"},
+                       {"value", "VALUE"},
+                       {"data_hex", "DATA"},
+                       {"completion_code", "COMPLETION"},
+                       {"completion_name"}});
     const auto add = [&](uint8_t selector, const component_property &property) {
         constexpr auto command = hpm1_command::component_properties;
         table.add({selector, selector_name(selector), decode(selector, property),
@@ -105,7 +105,7 @@ void properties(const session &run, const property_arguments &given)
             add(selector, read_property(run, given.component, selector));
         }
     }
-    table.show(run);
+    table.show();
 }
 
 /** The version of a copy that only some components have; empty where there is none. */
@@ -124,16 +124,16 @@ std::vector<uint8_t> read_copy_version(const session &run, uint8_t component, in
 
 void components(const session &run)
 {
-    report table({{"id", "ID", true},
-                  {"description", "DESCRIPTION"},
-                  {"version", "VERSION"},
-                  {"version_hex"},
-                  {"rollback_version", "ROLLBACK"},
-                  {"rollback_version_hex"},
-                  {"deferred_version", "DEFERRED"},
-                  {"deferred_version_hex"},
-                  {"capabilities", "CAPABILITIES"},
-                  {"capabilities_raw"}});
+    report table(run, {{"id", "ID", true},
+                       {"description", "DESCRIPTION"},
+                       {"version", "VERSION"},
+                       {"version_hex"},
+                       {"rollback_version", "ROLLBACK"},
+                       {"rollback_version_hex"},
+                       {"deferred_version", "DEFERRED"},
+                       {"deferred_version_hex"},
+                       {"capabilities", "CAPABILITIES"},
+                       {"capabilities_raw"}});
     const uint8_t present = read_capabilities(run).components_present;
     for (uint8_t id = 0; id < BDBUS_UPGRADE_AGENT_COMPONENTS; id++) {
         if (!(present >> id & 1)) {
@@ -150,7 +150,7 @@ void components(const session &run)
                    version_hex_cell(rollback), version_cell(deferred), version_hex_cell(deferred),
                    list_cell(component_capability_names(general)), general});
     }
-    table.show(run);
+    table.show();
 }
 
 void status(const session &run)

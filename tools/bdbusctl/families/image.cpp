@@ -239,22 +239,22 @@ std::vector<hpm1_image::payload> read_payloads(const create_arguments &given)
     return payloads;
 }
 
-report new_record_table()
+report new_record_table(const session &run)
 {
-    return report({{"offset", "OFFSET", true},
-                   {"action", "ACTION"},
-                   {"components", "COMPONENTS"},
-                   {"components_raw"},
-                   {"version", "VERSION"},
-                   {"version_hex"},
-                   {"description", "DESCRIPTION"},
-                   {"data_offset", "DATA AT", true},
-                   {"length", "LENGTH", true}});
+    return report(run, {{"offset", "OFFSET", true},
+                        {"action", "ACTION"},
+                        {"components", "COMPONENTS"},
+                        {"components_raw"},
+                        {"version", "VERSION"},
+                        {"version_hex"},
+                        {"description", "DESCRIPTION"},
+                        {"data_offset", "DATA AT", true},
+                        {"length", "LENGTH", true}});
 }
 
-report record_table(const hpm1_image::image &image)
+report record_table(const session &run, const hpm1_image::image &image)
 {
-    report table = new_record_table();
+    report table = new_record_table(run);
     for (const auto &record : image.records) {
         const std::string action(action_name(record.action));
         const cell components = components_cell(record.components);
@@ -273,7 +273,7 @@ void show_image(const session &run, const std::string &path, std::span<const uin
                 const hpm1_image::image &image)
 {
     const hpm1_image::header &head = image.head;
-    const report records = record_table(image);
+    const report records = record_table(run, image);
     record shown;
     shown.add("file", "File", path);
     shown.add("size", "Size", file.size());
@@ -300,7 +300,7 @@ void show_image(const session &run, const std::string &path, std::span<const uin
     shown.show(run);
     if (!run.wants_json()) {
         puts("");
-        records.show_table(run);
+        records.show();
     }
 }
 

@@ -247,15 +247,14 @@ record describe(const session &run, const std::string &node)
 
 void list(const session &run)
 {
-    report table({{"node", "NODE"},
-                  {"link", "LINK"},
-                  {"lldp", "LLDP"},
-                  {"supported", "SUPPORTED"},
-                  {"pci", "PCI"},
-                  {"subsystem", "SUBSYSTEM"},
-                  {"neighbor", "NEIGHBOR"},
-                  {"port", "PORT"}});
-    json all = json::array();
+    report table(run, {{"node", "NODE"},
+                       {"link", "LINK"},
+                       {"lldp", "LLDP"},
+                       {"supported", "SUPPORTED"},
+                       {"pci", "PCI"},
+                       {"subsystem", "SUBSYSTEM"},
+                       {"neighbor", "NEIGHBOR"},
+                       {"port", "PORT"}});
     const auto names = node_names(run);
     try {
         for (const auto &name : names) {
@@ -263,17 +262,13 @@ void list(const session &run)
             table.add({name, up_down(node["link_status"]), on_off(node["lldp_enabled"]), yes_no(node["lldp_support"]),
                        hex_of(node["pci_vendor_id"]) + ":" + hex_of(node["pci_device_id"]),
                        hex_of(node["pci_sub_vendor_id"]) + ":" + hex_of(node["pci_sub_id"]), text_of(node["sys_name"]),
-                       text_of(node["port_id"])});
-            all.push_back(node);
+                       text_of(node["port_id"])},
+                      node);
         }
     } catch (const failure &error) {
-        table.show_so_far(run, error, "nodes", all);
+        table.show_so_far(error, "nodes");
     }
-    if (run.wants_json()) {
-        run.print(all);
-    } else {
-        table.show_table(run);
-    }
+    table.show();
 }
 
 struct arguments {

@@ -40,9 +40,9 @@ size_t rows(size_t counted, const columns &...column)
 }
 
 template <class... columns>
-report table_of(size_t counted, std::vector<column> headings, const columns &...column)
+report table_of(const session &run, size_t counted, std::vector<column> headings, const columns &...column)
 {
-    report table(std::move(headings));
+    report table(run, std::move(headings));
     const size_t end = rows(counted, column...);
     for (size_t row = 0; row < end; row++) {
         table.add({column[row]...});
@@ -57,7 +57,7 @@ void show(const session &run, record head, const char *key, const report &list)
     head.show(run);
     if (!run.wants_json()) {
         puts("");
-        list.show_table(run);
+        list.show();
     }
 }
 
@@ -84,13 +84,13 @@ template <class result, class id_column>
 void show_drives(const session &run, const result &found, const id_column &ids)
 {
     show(run, head_of(found), "drives",
-         table_of(found.count, {{"id", "ID", true}, {"size", "SIZE", true}}, ids, found.sizes));
+         table_of(run, found.count, {{"id", "ID", true}, {"size", "SIZE", true}}, ids, found.sizes));
 }
 
 template <class result, class id_column>
 void show_progress(const session &run, const result &found, const id_column &ids)
 {
-    report drives({{"id", "ID", true}, {"size", "SIZE", true}, {"progress", "PROGRESS"}});
+    report drives(run, {{"id", "ID", true}, {"size", "SIZE", true}, {"progress", "PROGRESS"}});
     size_t end = rows(found.count, ids, found.sizes);
     for (const auto &column : found.progress) {
         end = rows(end, column);
@@ -149,8 +149,8 @@ void groups(const session &run)
     const auto found = query(run, "list the drive groups", bdbus_storectrl_get_drive_group_list);
     const std::vector heads{found.head1, found.head2, found.head3};
     show(run, numbered_heads(heads, found.status), "groups",
-         table_of(*std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4}, found.column1,
-                  found.column2, found.column3, found.column4));
+         table_of(run, *std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4},
+                  found.column1, found.column2, found.column3, found.column4));
 }
 
 void spares(const session &run)
@@ -158,8 +158,8 @@ void spares(const session &run)
     const auto found = query(run, "list the hot spares", bdbus_storectrl_get_hot_spare_drive_list);
     const std::vector heads{found.head1, found.head2, found.head3};
     show(run, numbered_heads(heads, found.status), "drives",
-         table_of(*std::max_element(heads.begin(), heads.end()), {{"id", "ID", true}, column1, column2}, found.pd_ids,
-                  found.column1, found.column2));
+         table_of(run, *std::max_element(heads.begin(), heads.end()), {{"id", "ID", true}, column1, column2},
+                  found.pd_ids, found.column1, found.column2));
 }
 
 void levels(const session &run)
@@ -167,8 +167,8 @@ void levels(const session &run)
     const auto found = query(run, "list the RAID levels", bdbus_storectrl_get_available_raid_level);
     const std::vector heads{found.head1, found.head2};
     show(run, numbered_heads(heads, found.status), "levels",
-         table_of(*std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4}, found.column1,
-                  found.column2, found.column3, found.column4));
+         table_of(run, *std::max_element(heads.begin(), heads.end()), {column1, column2, column3, column4},
+                  found.column1, found.column2, found.column3, found.column4));
 }
 
 // ---- arguments that become fields of the library's records

@@ -159,7 +159,7 @@ void add_row(const session &run, report &table, int32_t disk)
 /** The service has no list of its disks: those that answer are there. */
 void list(const session &run, const list_arguments &given)
 {
-    report table(list_columns());
+    report table(run, list_columns());
     try {
         for (uint32_t disk = 0; disk <= given.last; disk++) {
             if (has_disk(run, static_cast<int32_t>(disk))) {
@@ -167,9 +167,9 @@ void list(const session &run, const list_arguments &given)
             }
         }
     } catch (const failure &error) {
-        table.show_so_far(run, error, "disks");
+        table.show_so_far(error, "disks");
     }
-    table.show(run);
+    table.show();
 }
 
 struct show_arguments : disk_argument {

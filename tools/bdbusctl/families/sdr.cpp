@@ -111,20 +111,20 @@ cell type_name(const sensor &shown)
     return shown.has_type() ? cell(sensor_type_name(shown.type())) : cell::none();
 }
 
-report new_report()
+std::vector<column> columns()
 {
-    std::vector<column> columns{{"id", "ID", true},           {"name", "NAME"}, {"type_name", "TYPE"}, {"type"},
-                                {"reading", "READING", true}, {"unit"},         {"reading_raw"}};
+    std::vector<column> shown{{"id", "ID", true},           {"name", "NAME"}, {"type_name", "TYPE"}, {"type"},
+                              {"reading", "READING", true}, {"unit"},         {"reading_raw"}};
     for (const auto &limit : thresholds) {
-        columns.push_back({limit.key, limit.title, true});
+        shown.push_back({limit.key, limit.title, true});
     }
-    columns.push_back({"thresholds_hex"});
-    columns.push_back({"state", "STATE"});
-    columns.push_back({"announced"});
-    return report(std::move(columns));
+    shown.push_back({"thresholds_hex"});
+    shown.push_back({"state", "STATE"});
+    shown.push_back({"announced"});
+    return shown;
 }
 
-void add_row(report &table, const sensor &shown)
+std::vector<cell> row_of(const sensor &shown)
 {
     const std::string unit = shown.unit();
     std::vector<cell> row{shown.id(),          shown.name(),
@@ -140,7 +140,7 @@ void add_row(report &table, const sensor &shown)
     row.emplace_back(hex_digits(raw));
     row.push_back(shown.state());
     row.emplace_back(shown.announced());
-    table.add(std::move(row));
+    return row;
 }
 
 void explain_nominal(const session &run)
@@ -163,18 +163,18 @@ void declare_list(CLI::App &command, show_arguments &given)
 void list(const session &run, const show_arguments &given)
 {
     const outcome opened = open_repository(run, std::chrono::seconds(given.seconds));
-    report table = new_report();
+    report table(run, columns());
     bool all_announced = true;
     for (uint32_t id = 0; id <= UINT16_MAX; id++) {
         if (const auto stored = find_stored(static_cast<uint16_t>(id))) {
-            add_row(table, *stored);
+            table.add(row_of(*stored));
             all_announced = all_announced && stored->announced();
         }
     }
     if (!opened.faults().empty()) {
-        table.show_so_far(run, unreadable(opened), "sensors");
+        table.show_so_far(unreadable(opened), "sensors");
     }
-    table.show(run);
+    table.show();
     if (!all_announced) {
         explain_nominal(run);
     }
@@ -466,11 +466,9 @@ void remove(const session &run, const delete_arguments &given)
 
 event announcement(const sensor &changed)
 {
-    report row = new_report();
-    add_row(row, changed);
     return {format("%5u %-16s %s (%s)", changed.id(), changed.name().c_str(), changed.reading().text.c_str(),
                    changed.state().text.c_str()),
-            row.to_json().front()};
+            row_object(columns(), row_of(changed))};
 }
 
 void watch(const session &run, const watch_arguments &given)

@@ -69,23 +69,23 @@ cell time_cell(uint32_t stamp)
 
 // ---- entries
 
-report new_report()
+report new_report(const session &run)
 {
-    return report({{"id", "ID", true},
-                   {"time", "TIME"},
-                   {"timestamp"},
-                   {"record_type"},
-                   {"generator_id"},
-                   {"manufacturer_id"},
-                   {"sensor_type_name", "SENSOR TYPE"},
-                   {"sensor_type"},
-                   {"sensor_number", "SENSOR"},
-                   {"event", "EVENT"},
-                   {"event_type"},
-                   {"event_offset"},
-                   {"direction", "DIRECTION"},
-                   {"data_hex", "DATA"},
-                   {"entry_hex"}});
+    return report(run, {{"id", "ID", true},
+                        {"time", "TIME"},
+                        {"timestamp"},
+                        {"record_type"},
+                        {"generator_id"},
+                        {"manufacturer_id"},
+                        {"sensor_type_name", "SENSOR TYPE"},
+                        {"sensor_type"},
+                        {"sensor_number", "SENSOR"},
+                        {"event", "EVENT"},
+                        {"event_type"},
+                        {"event_offset"},
+                        {"direction", "DIRECTION"},
+                        {"data_hex", "DATA"},
+                        {"entry_hex"}});
 }
 
 void add_row(report &table, const entry_bytes &entry)
@@ -145,11 +145,11 @@ std::optional<failure> read_log(const session &run, report &table)
 
 void list(const session &run)
 {
-    report table = new_report();
+    report table = new_report(run);
     if (const auto error = read_log(run, table)) {
-        table.show_so_far(run, *error, "entries");
+        table.show_so_far(*error, "entries");
     }
-    table.show(run);
+    table.show();
 }
 
 // ---- the log

@@ -262,7 +262,7 @@ void upgrade::plan()
         components_.push_back(std::move(component));
     }
     if (!run_.wants_json() && !(run_.quiet && run_.yes)) {
-        component_report().show_table(run_);
+        component_report().show();
     }
 }
 
@@ -358,7 +358,7 @@ void upgrade::show_result()
         return;
     }
     if (!run_.quiet) {
-        component_report().show_table(run_);
+        component_report().show();
     }
     run_.remark("Done.");
 }
@@ -395,16 +395,16 @@ report upgrade::component_report() const
 {
     const bool activated =
         std::any_of(components_.begin(), components_.end(), [](const auto &each) { return each.now; });
-    report table({{"id", "ID", true},
-                  {"description", "DESCRIPTION"},
-                  {"from", "FROM"},
-                  {"from_hex"},
-                  {"to", "TO"},
-                  {"to_hex"},
-                  {"bytes", "BYTES", true},
-                  {"upgrade", "UPGRADE"},
-                  {"now", activated ? "NOW" : nullptr},
-                  {"now_hex"}});
+    report table(run_, {{"id", "ID", true},
+                        {"description", "DESCRIPTION"},
+                        {"from", "FROM"},
+                        {"from_hex"},
+                        {"to", "TO"},
+                        {"to_hex"},
+                        {"bytes", "BYTES", true},
+                        {"upgrade", "UPGRADE"},
+                        {"now", activated ? "NOW" : nullptr},
+                        {"now_hex"}});
     for (const auto &each : components_) {
         table.add({each.id, each.description, version_cell(each.from), version_hex_cell(each.from),
                    version_cell(each.to), version_hex_cell(each.to), each.bytes, each.upgrade,

@@ -55,12 +55,12 @@ std::vector<uint8_t> read_version(const session &run, bdbus_upgrade_version whic
 
 void versions(const session &run)
 {
-    report table({{"component", "COMPONENT"},
-                  {"version", "VERSION"},
-                  {"version_hex"},
-                  {"backup_version", "BACKUP"},
-                  {"backup_version_hex"},
-                  {"rollback", "ROLLBACK"}});
+    report table(run, {{"component", "COMPONENT"},
+                       {"version", "VERSION"},
+                       {"version_hex"},
+                       {"backup_version", "BACKUP"},
+                       {"backup_version_hex"},
+                       {"rollback", "ROLLBACK"}});
     for (const auto &component : components) {
         const std::string name = component.name;
         const auto version = read_version(run, component.version, name);
@@ -73,7 +73,7 @@ void versions(const session &run)
         table.add({name, version_cell(version), version_hex_cell(version), version_cell(backup),
                    version_hex_cell(backup), rollback != 0});
     }
-    table.show(run);
+    table.show();
 }
 
 /** The service knows components by their numbers only; their names are the target's. */
@@ -158,13 +158,13 @@ constexpr std::array flashes{
 
 void show_flashes(const session &run)
 {
-    report table({{"flash", "FLASH"}, {"selected", "SELECTED", true}});
+    report table(run, {{"flash", "FLASH"}, {"selected", "SELECTED", true}});
     for (const flash &part : flashes) {
         uint8_t selected = 0;
         run.call(format("read the flash of the %s", part.name), [&] { return part.get(&selected); });
         table.add({part.name, selected});
     }
-    table.show(run);
+    table.show();
 }
 
 struct flash_arguments {

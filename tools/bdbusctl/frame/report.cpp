@@ -5,9 +5,8 @@
 #include "frame/text.hpp"
 
 #include <libsmartcols/libsmartcols.h>
-#include <unistd.h>
 
-#include <memory>
+#include <cstdio>
 #include <new>
 
 namespace bdbusctl
@@ -15,11 +14,6 @@ namespace bdbusctl
 
 namespace
 {
-
-struct table_unref {
-    void operator()(libscols_table *table) const { scols_unref_table(table); }
-};
-using table_pointer = std::unique_ptr<libscols_table, table_unref>;
 
 template <class pointer>
 pointer not_null(pointer allocated)
@@ -48,6 +42,12 @@ void set_cell(libscols_line *line, size_t index, const cell &value, bool colored
     }
 }
 
+/** Between the objects of an array, as the JSON library has it. */
+std::string separator(json_style style)
+{
+    return style == json_style::pretty ? ",\n  " : ",";
+}
+
 } // namespace
 
 cell list_cell(const std::vector<std::string> &names)
@@ -55,73 +55,114 @@ cell list_cell(const std::vector<std::string> &names)
     return {names.empty() ? "-" : join(names, ", "), names};
 }
 
-void report::add(std::vector<cell> row)
+report::report(const session &run, std::vector<column> columns) : run_(run), columns_(std::move(columns))
+{
+    if (run.wants_json()) {
+        return;
+    }
+    table_ = {not_null(scols_new_table()), scols_unref_table};
+    scols_table_enable_noheadings(table_.get(), run.no_legend ? 1 : 0);
+    scols_table_enable_colors(table_.get(), run.wants_color() ? 1 : 0);
+    for (const auto &[key, title, right] : columns_) {
+        if (title != nullptr) {
+            add_heading(table_.get(), title, right, run.wants_color());
+        }
+    }
+}
+
+void report::add(const std::vector<cell> &row)
+{
+    if (table_ != nullptr) {
+        add_line(row);
+    } else {
+        add_object(row_object(columns_, row));
+    }
+}
+
+void report::add(const std::vector<cell> &row, const json &object)
+{
+    if (table_ != nullptr) {
+        add_line(row);
+    } else {
+        add_object(object);
+    }
+}
+
+void report::add_line(const std::vector<cell> &row)
 {
     if (row.size() != columns_.size()) {
         throw std::logic_error("a row must have one cell for each column");
     }
-    rows_.push_back(std::move(row));
-}
-
-void report::show(const session &run) const
-{
-    if (run.wants_json()) {
-        run.print(to_json());
-    } else {
-        show_table(run);
+    libscols_line *line = not_null(scols_table_new_line(table_.get(), nullptr));
+    size_t shown = 0;
+    for (size_t index = 0; index < columns_.size(); index++) {
+        if (columns_[index].title != nullptr) {
+            set_cell(line, shown++, row[index], scols_table_colors_wanted(table_.get()) != 0);
+        }
     }
 }
 
-void report::show_so_far(const session &run, failure error, const char *key, json rows) const
+void report::add_object(const json &object)
 {
-    error.document[key] = rows.is_null() ? to_json() : std::move(rows);
-    if (!run.wants_json()) {
-        show_table(run);
+    if (!objects_.empty()) {
+        objects_ += separator(run_.style);
+    }
+    for (const char character : run_.text_of(object)) {
+        objects_ += character;
+        if (character == '\n') {
+            objects_ += "  ";
+        }
+    }
+}
+
+void report::show() const
+{
+    if (table_ != nullptr) {
+        scols_print_table(table_.get());
+        fflush(stdout);
+    } else {
+        print_objects();
+    }
+}
+
+void report::print_objects() const
+{
+    const bool broken = run_.style == json_style::pretty && !objects_.empty();
+    fputs(broken ? "[\n  " : "[", stdout);
+    fputs(objects_.c_str(), stdout);
+    puts(broken ? "\n]" : "]");
+}
+
+void report::show_so_far(failure error, const char *key) const
+{
+    error.document[key] = to_json();
+    if (table_ != nullptr) {
+        show();
     }
     throw failure(std::move(error));
 }
 
-void report::show_table(const session &run) const
-{
-    const table_pointer table(not_null(scols_new_table()));
-    const bool colored = run.wants_color();
-    scols_table_enable_noheadings(table.get(), run.no_legend ? 1 : 0);
-    scols_table_enable_colors(table.get(), colored ? 1 : 0);
-    for (const auto &[key, title, right] : columns_) {
-        if (title != nullptr) {
-            add_heading(table.get(), title, right, colored);
-        }
-    }
-    for (const auto &row : rows_) {
-        libscols_line *line = not_null(scols_table_new_line(table.get(), nullptr));
-        size_t shown = 0;
-        for (size_t index = 0; index < columns_.size(); index++) {
-            if (columns_[index].title != nullptr) {
-                set_cell(line, shown++, row[index], colored);
-            }
-        }
-    }
-    scols_print_table(table.get());
-    fflush(stdout);
-}
-
 json report::to_json() const
 {
-    json array = json::array();
-    for (const auto &row : rows_) {
-        json object = json::object();
-        for (size_t index = 0; index < columns_.size(); index++) {
-            object[columns_[index].key] = row[index].value;
-        }
-        array.push_back(std::move(object));
+    return json::parse("[" + objects_ + "]");
+}
+
+json row_object(const std::vector<column> &columns, const std::vector<cell> &row)
+{
+    if (row.size() != columns.size()) {
+        throw std::logic_error("a row must have one cell for each column");
     }
-    return array;
+    json object = json::object();
+    for (size_t index = 0; index < columns.size(); index++) {
+        object[columns[index].key] = row[index].value;
+    }
+    return object;
 }
 
 void record::add(const char *key, const char *label, cell value)
 {
     object_[key] = value.value;
-    lines_.add({std::string(label) + ":", std::move(value)});
+    lines_.push_back({std::string(label) + ":", std::move(value)});
 }
 
 void record::hide(const char *key, json value)
@@ -131,13 +172,17 @@ void record::hide(const char *key, json value)
 
 void record::show(const session &run) const
 {
-    session plain = run;
-    plain.no_legend = true;
     if (run.wants_json()) {
         run.print(object_);
-    } else {
-        lines_.show_table(plain);
+        return;
     }
+    session plain = run;
+    plain.no_legend = true;
+    report shown(plain, {{"field", "FIELD"}, {"value", "VALUE"}});
+    for (const auto &line : lines_) {
+        shown.add(line);
+    }
+    shown.show();
 }
 
 } // namespace bdbusctl

@@ -5,9 +5,12 @@
 #include "frame/session.hpp"
 
 #include <concepts>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+struct libscols_table;
 
 namespace bdbusctl
 {
@@ -43,24 +46,34 @@ struct column {
     bool right = false;
 };
 
+/** Rows, held as what they are shown as: lines of a table, or texts of JSON objects. */
 class report
 {
 public:
-    explicit report(std::vector<column> columns) : columns_(std::move(columns)) {}
-    void add(std::vector<cell> row);
-    void show(const session &run) const;
-    void show_table(const session &run) const;
-    /**
-     * For a list that could not be read to its end: shows the table and fails. In JSON the rows stand as `key` beside
-     * the error; `rows` are those of the table unless given.
+    report(const session &run, std::vector<column> columns);
+    void add(const std::vector<cell> &row);
+    /** A row that is another object in JSON. */
+    void add(const std::vector<cell> &row, const json &object);
+    void show() const;
+    /** For a list that could not be read to its end: shows the table and fails; in JSON, rows stand beside the error.
      */
-    [[noreturn]] void show_so_far(const session &run, failure error, const char *key, json rows = nullptr) const;
+    [[noreturn]] void show_so_far(failure error, const char *key) const;
+    /** The rows; without JSON output, none. */
     json to_json() const;
 
 private:
+    void add_object(const json &object);
+    void add_line(const std::vector<cell> &row);
+    void print_objects() const;
+
+    const session &run_;
     std::vector<column> columns_;
-    std::vector<std::vector<cell>> rows_;
+    std::shared_ptr<libscols_table> table_;
+    std::string objects_; // with their separators
 };
+
+/** A row by itself. */
+json row_object(const std::vector<column> &columns, const std::vector<cell> &row);
 
 /** One thing with named fields: lines of "label: value", or one JSON object. */
 class record
@@ -69,10 +82,10 @@ public:
     void add(const char *key, const char *label, cell value);
     void hide(const char *key, json value);
     void show(const session &run) const;
-    json to_json() const { return object_; }
+    const json &to_json() const { return object_; }
 
 private:
-    report lines_{{{"field", "FIELD"}, {"value", "VALUE"}}};
+    std::vector<std::vector<cell>> lines_;
     json object_ = json::object();
 };
 

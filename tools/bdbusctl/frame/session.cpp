@@ -32,8 +32,13 @@ void session::print(const std::string &line, const json &document) const
 
 void session::print(const json &document) const
 {
+    puts(text_of(document).c_str());
+}
+
+std::string session::text_of(const json &document) const
+{
     const int indent = style == json_style::pretty ? 2 : -1;
-    puts(escape_controls(document.dump(indent, ' ', false, json::error_handler_t::replace)).c_str());
+    return escape_controls(document.dump(indent, ' ', false, json::error_handler_t::replace));
 }
 
 void session::remark(const std::string &line) const

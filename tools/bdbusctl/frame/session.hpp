@@ -47,6 +47,7 @@ struct session {
     /** A result: one line, or the one JSON document. */
     void print(const std::string &line, const json &document) const;
     void print(const json &document) const;
+    std::string text_of(const json &document) const;
 
     /** A remark for people: not with --quiet, not in JSON. */
     void remark(const std::string &line) const;

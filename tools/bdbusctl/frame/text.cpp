@@ -63,14 +63,15 @@ std::string one_line(std::string_view text)
 std::string escape_controls(std::string_view json_text)
 {
     std::string escaped;
-    for (size_t at = 0; at < json_text.size(); at++) {
+    size_t copied = 0;
+    for (size_t at = 0; (at = json_text.find('\xC2', at)) != std::string_view::npos; at++) {
         if (is_long_control(json_text.substr(at))) {
-            escaped += format("\\u%04x", static_cast<unsigned char>(json_text[++at]));
-        } else {
-            escaped += json_text[at];
+            escaped += json_text.substr(copied, at - copied);
+            escaped += format("\\u%04x", static_cast<unsigned char>(json_text[at + 1]));
+            copied = at + 2;
         }
     }
-    return escaped;
+    return escaped += json_text.substr(copied);
 }
 
 std::string join(const std::vector<std::string> &parts, std::string_view separator)
@@ -87,9 +88,10 @@ std::string join(const std::vector<std::string> &parts, std::string_view separat
 
 std::string hex_digits(std::span<const uint8_t> bytes)
 {
+    constexpr std::string_view hex = "0123456789abcdef";
     std::string digits;
     for (const uint8_t byte : bytes) {
-        digits += format("%02x", byte);
+        digits += {hex[byte >> 4], hex[byte & 0x0F]};
     }
     return digits;
 }
@@ -117,7 +119,7 @@ std::string time_text(uint32_t seconds)
 
 std::string hex_text(uint8_t byte)
 {
-    return format("0x%02x", byte);
+    return "0x" + hex_digits({&byte, 1});
 }
 
 uint64_t parse_number(const std::string &text, uint64_t smallest, uint64_t largest)
