@@ -149,22 +149,23 @@ std::vector<column> list_columns()
     return columns;
 }
 
-void add_row(const session &run, report &table, int32_t disk)
+/** The service has no list of its disks: those that answer are there. */
+void add_row_if_there(const session &run, report &table, int32_t disk)
 {
+    if (!has_disk(run, disk)) {
+        return;
+    }
     std::vector<cell> row{disk};
     read_disk(run, disk, [&row](const auto & /*which*/, cell value) { row.push_back(std::move(value)); });
-    table.add(std::move(row));
+    table.add(row);
 }
 
-/** The service has no list of its disks: those that answer are there. */
 void list(const session &run, const list_arguments &given)
 {
     report table(run, list_columns());
     try {
         for (uint32_t disk = 0; disk <= given.last; disk++) {
-            if (has_disk(run, static_cast<int32_t>(disk))) {
-                add_row(run, table, static_cast<int32_t>(disk));
-            }
+            add_row_if_there(run, table, static_cast<int32_t>(disk));
         }
     } catch (const failure &error) {
         table.show_so_far(error, "disks");

@@ -107,12 +107,12 @@ void report::add_object(const json &object)
     if (!objects_.empty()) {
         objects_ += separator(run_.style);
     }
-    for (const char character : run_.text_of(object)) {
-        objects_ += character;
-        if (character == '\n') {
-            objects_ += "  ";
-        }
+    const std::string text = run_.text_of(object);
+    size_t copied = 0;
+    for (size_t end; (end = text.find('\n', copied)) != std::string::npos; copied = end + 1) {
+        objects_.append(text, copied, end + 1 - copied).append("  ");
     }
+    objects_.append(text, copied);
 }
 
 void report::show() const
@@ -152,9 +152,10 @@ json row_object(const std::vector<column> &columns, const std::vector<cell> &row
     if (row.size() != columns.size()) {
         throw std::logic_error("a row must have one cell for each column");
     }
-    json object = json::object();
+    json::object_t object; // keys are unique, so none is looked for
+    object.reserve(columns.size());
     for (size_t index = 0; index < columns.size(); index++) {
-        object[columns[index].key] = row[index].value;
+        object.emplace_back(columns[index].key, row[index].value);
     }
     return object;
 }

@@ -6,8 +6,9 @@
 #include "names/ipmi-names.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
-#include <cstdlib>
+#include <limits>
 
 namespace bdbusctl
 {
@@ -109,6 +110,22 @@ std::string utf8_of_latin1(uint8_t character)
         return {static_cast<char>(character)};
     }
     return {static_cast<char>(0xC0 | character >> 6), static_cast<char>(0x80 | (character & 0x3F))};
+}
+
+/** As printf's "%.*f" has it. */
+std::string fixed_text(double number, int decimals)
+{
+    std::array<char, std::numeric_limits<double>::max_exponent10 + 64> text;
+    const auto end = std::to_chars(text.begin(), text.end(), number, std::chars_format::fixed, decimals).ptr;
+    return {text.begin(), end};
+}
+
+/** What a text says, so that 1.048 is no 1.0480000000000003. */
+double number_of(const std::string &text)
+{
+    double number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
 }
 
 void add_byte(record &shown, const char *key, const char *label, uint8_t value)
@@ -238,10 +255,9 @@ cell sensor::shown(std::optional<double> number, uint8_t raw, bool with_unit) co
     if (!number) {
         return {hex_text(raw), nullptr};
     }
-    const std::string text = linearization_ == 0 ? format("%.*f", linear_decimals(), *number) : format("%.4g", *number);
+    const std::string text = linearization_ == 0 ? fixed_text(*number, linear_decimals()) : format("%.4g", *number);
     const std::string name = with_unit ? unit() : "";
-    // From the text, so that 1.048 is no 1.0480000000000003.
-    return {name.empty() ? text : text + " " + name, strtod(text.c_str(), nullptr)};
+    return {name.empty() ? text : text + " " + name, number_of(text)};
 }
 
 cell sensor::value(uint8_t raw, bool with_unit) const
@@ -383,7 +399,7 @@ void sensor::describe_conversion(record &shown) const
     shown.add("tolerance", "Tolerance", {format("%g counts", bits(25, 0, 6) / 2.0), bits(25, 0, 6) / 2.0});
     const unsigned accuracy = bits(27, 0, 6) | unsigned{bits(28, 4, 4)} << 6;
     const std::string percent = format("%g", accuracy * std::pow(10, bits(28, 2, 2)) / 100);
-    shown.add("accuracy_percent", "Accuracy", {percent + " %", strtod(percent.c_str(), nullptr)});
+    shown.add("accuracy_percent", "Accuracy", {percent + " %", number_of(percent)});
 }
 
 } // namespace bdbusctl
