@@ -95,7 +95,7 @@ TEST_F(sdr_before, init_everything_is_refused_and_a_failed_init_may_be_repeated)
     EXPECT_EQ(simulator::calls(repository).size(), simulator::state()["sdr"]["records"].size()) << "read once";
 
     // No call of the program's own has had the listener look at the connection since.
-    for (const uint16_t stranger : {0xFEDC, 0xFEDD}) {
+    for (const uint16_t stranger : {uint16_t{0xFEDC}, uint16_t{0xFEDD}}) {
         announce("RecordAdded", "say", json::array({sensor(stranger)}));
         EXPECT_TRUE(eventually([stranger] { return is_stored(stranger); }));
     }
