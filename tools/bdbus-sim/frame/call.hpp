@@ -25,6 +25,9 @@ struct call {
     std::string sender;
     json args;
 
+    /** The object's name below its parent. */
+    std::string object_name() const { return path.substr(path.rfind('/') + 1); }
+
     template <typename T>
     T arg(size_t index) const
     {

@@ -4,6 +4,7 @@
 
 #include "common/files.hpp"
 
+#include <charconv>
 #include <stdexcept>
 #include <utility>
 
@@ -39,6 +40,22 @@ json read_json_file(const std::string &path)
 json parse_json_argument(const std::string &argument)
 {
     return argument.starts_with('@') ? read_json_file(argument.substr(1)) : parse_json(argument, "JSON argument");
+}
+
+bool is_number(const std::string &text, unsigned least, unsigned most)
+{
+    unsigned number = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && number >= least && number <= most && text == std::to_string(number);
+}
+
+std::vector<std::string> keys_of(const json &object)
+{
+    std::vector<std::string> keys;
+    for (const auto &[key, value] : object.items()) {
+        keys.push_back(key);
+    }
+    return keys;
 }
 
 object_reader::object_reader(const json &object, std::string subject, const std::set<std::string> &keys)

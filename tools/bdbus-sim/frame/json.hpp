@@ -38,6 +38,11 @@ json parse_json_argument(const std::string &argument);
 
 json read_json_file(const std::string &path);
 
+/** Whether a text is a number in this range, in decimal and without leading zeros. */
+bool is_number(const std::string &text, unsigned least, unsigned most);
+
+std::vector<std::string> keys_of(const json &object);
+
 /** Never throws for what a client may have sent: bytes that are not UTF-8 are replaced. */
 std::string to_text(const json &value, int indent = -1);
 

@@ -71,6 +71,12 @@ void check_signature(const call &request, const std::string &signature)
 
 } // namespace
 
+std::pair<std::string, std::string> split_path(const std::string &path)
+{
+    size_t slash = path.rfind('/');
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
 // ---- resolved calls
 
 std::chrono::milliseconds resolved_call::duration(const call &request) const
@@ -127,11 +133,13 @@ void object_tree::add(object_table table)
 
 const object_table *object_tree::find(const std::string &path) const
 {
-    auto found = std::find_if(objects_.begin(), objects_.end(), [&](const object_table &object) {
-        std::vector<std::string> paths = object.paths();
-        return std::find(paths.begin(), paths.end(), path) != paths.end();
-    });
-    return found != objects_.end() ? &*found : nullptr;
+    auto [parent, name] = split_path(path);
+    for (const object_table &object : objects_) {
+        if (object.parent == parent && object.has(name)) {
+            return &object;
+        }
+    }
+    return nullptr;
 }
 
 resolved_call object_tree::resolve(const call &request) const
@@ -185,14 +193,16 @@ std::vector<std::string> object_tree::children(const std::string &path) const
 {
     std::string prefix = path == "/" ? path : path + "/";
     std::vector<std::string> names;
-    auto add_child = [&](const std::string &other) {
-        if (other.starts_with(prefix)) {
-            names.push_back(other.substr(prefix.size(), other.find('/', prefix.size()) - prefix.size()));
+    auto add_below = [&](const std::string &above, const std::vector<std::string> &objects) {
+        for (const std::string &name : objects) {
+            std::string rest = (above + name).substr(prefix.size());
+            names.push_back(rest.substr(0, rest.find('/')));
         }
     };
     for (const object_table &object : objects_) {
-        for (const std::string &other : object.paths()) {
-            add_child(other);
+        std::string above = object.parent + "/";
+        if (above.starts_with(prefix)) {
+            add_below(above, object.names());
         }
     }
     std::sort(names.begin(), names.end());

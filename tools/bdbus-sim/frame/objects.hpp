@@ -59,9 +59,17 @@ struct signal_row {
     std::string signature;
 };
 
-/** Objects with the same members. Which objects there are may follow the state. */
+/** The parent of an object, and its name below that. */
+std::pair<std::string, std::string> split_path(const std::string &path);
+
+/**
+ * Objects with the same members, right below one path. Which there are may follow the state: a call asks for one name,
+ * and only introspection for all of them.
+ */
 struct object_table {
-    std::function<std::vector<std::string>()> paths;
+    std::string parent;
+    std::function<bool(const std::string &name)> has;
+    std::function<std::vector<std::string>()> names;
     std::vector<method> methods{};
     std::vector<property> properties{};
     std::vector<signal_row> signals{};

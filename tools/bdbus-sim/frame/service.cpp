@@ -66,7 +66,10 @@ service::service(event_loop &loop, std::string name, std::string path, call_list
 
 void service::add_object(std::vector<method> methods, std::vector<property> properties, std::vector<signal_row> signals)
 {
-    add_object(object_table{.paths = [path = path_] { return std::vector{path}; },
+    auto [parent, own] = split_path(path_);
+    add_object(object_table{.parent = parent,
+                            .has = [own = own](const std::string &name) { return name == own; },
+                            .names = [own = own] { return std::vector{own}; },
                             .methods = std::move(methods),
                             .properties = std::move(properties),
                             .signals = std::move(signals)});
@@ -248,12 +251,15 @@ void service::answer(sd_bus_message *message, const call &request, const resolve
     if (injected.die) {
         return die(injected);
     }
+    auto execute = [&] {
+        return resolved.execute(request);
+    };
     try {
         if (injected.signal) {
             send_signal(*injected.signal);
         }
         if (!injected.no_reply) {
-            send_reply(message, request, injected.apply([&] { return resolved.execute(request); }));
+            send_reply(message, request, injected.apply(execute));
         }
     } catch (const dbus_error &error) {
         send_error(message, error);

@@ -5,7 +5,6 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <stdexcept>
 #include <utility>
@@ -93,13 +92,6 @@ void check_tuple(const std::string &place, const json &value, const json &shape)
     for (size_t i = 0; i < value.size(); i++) {
         check_shape(below(place, std::to_string(i)), value[i], shape[i]);
     }
-}
-
-bool is_number(const std::string &key, unsigned least, unsigned most)
-{
-    unsigned number = 0;
-    auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), number);
-    return error == std::errc() && number >= least && number <= most && key == std::to_string(number);
 }
 
 bool is_path_element(const std::string &key)

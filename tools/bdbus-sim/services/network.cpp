@@ -3,6 +3,7 @@
 #include "simulator.hpp"
 
 #include <algorithm>
+#include <functional>
 
 namespace bdbus_sim
 {
@@ -12,6 +13,7 @@ namespace
 
 const std::string nodes_path = "/com/brisemont/network";
 const std::string neighbor = "LLDP.Neighbor";
+const std::string extra_name = "veth";          // before a number
 constexpr uint32_t extra_nodes_max = 1'000'000; // more fit no message
 
 /** A property of a node. The state has the same groups and names. */
@@ -71,56 +73,66 @@ json default_nodes()
     return nodes;
 }
 
-json extra_node()
+uint32_t extra_nodes(const json &section)
 {
-    return make_node(0, 0, 0, 0, false, false);
+    return std::min(section["extra_nodes"].get<uint32_t>(), extra_nodes_max);
 }
 
-std::vector<std::string> node_paths(const json &section, bool with_neighbor)
+/** Null when there is no such node. */
+const json *find_node(const json &section, const std::string &name)
 {
-    std::vector<std::string> paths;
-    for (const auto &[name, node] : section["nodes"].items()) {
-        if (node.contains(neighbor) == with_neighbor) {
-            paths.push_back(nodes_path + "/" + name);
-        }
+    static const json extra = make_node(0, 0, 0, 0, false, false);
+    auto found = section["nodes"].find(name);
+    if (found != section["nodes"].end()) {
+        return &*found;
     }
-    uint32_t extras = with_neighbor ? 0 : std::min(section["extra_nodes"].get<uint32_t>(), extra_nodes_max);
-    for (uint32_t i = 0; i < extras; i++) {
-        paths.push_back(nodes_path + "/veth" + std::to_string(i));
+    uint32_t extras = extra_nodes(section);
+    bool numbered = extras > 0 && name.starts_with(extra_name);
+    return numbered && is_number(name.substr(extra_name.size()), 0, extras - 1) ? &extra : nullptr;
+}
+
+const json &node_of(const state_document &state, const call &request)
+{
+    return *find_node(state.at("/network"), request.object_name());
+}
+
+std::vector<std::string> node_names(const json &section)
+{
+    std::vector<std::string> names = keys_of(section["nodes"]);
+    for (uint32_t i = 0; i < extra_nodes(section); i++) {
+        names.push_back(extra_name + std::to_string(i));
     }
-    return paths;
-}
-
-std::string node_name(const call &request)
-{
-    return request.path.substr(nodes_path.size() + 1);
-}
-
-json read_node(const state_document &state, const call &request)
-{
-    const json &all = state.at("/network/nodes");
-    auto found = all.find(node_name(request));
-    return found != all.end() ? *found : extra_node();
+    return names;
 }
 
 void switch_lldp(state_document &state, const call &request)
 {
-    json node = read_node(state, request);
+    json node = node_of(state, request);
     node["Status"]["LLDPEnabled"] = request.args[0] != 0;
-    state.own("network")["nodes"][node_name(request)] = std::move(node);
+    state.own("network")["nodes"][request.object_name()] = std::move(node);
+}
+
+property row(const state_document &state, const node_property &value)
+{
+    return property("com.brisemont.Network." + value.group, value.name, value.type,
+                    [&](const call &request) { return node_of(state, request)[value.group][value.name]; });
 }
 
 object_table nodes(state_document &state, bool with_neighbor)
 {
-    object_table table{.paths = [&state, with_neighbor] {
-        return node_paths(state.at("/network"), with_neighbor);
-    }};
-    for (const auto &[group, name, type] : node_properties) {
-        if (with_neighbor || group != neighbor) {
-            table.properties.emplace_back("com.brisemont.Network." + group, name, type,
-                                          [&state, group = group, name = name](const call &request) {
-                                              return read_node(state, request)[group][name];
-                                          });
+    auto belongs = [=, &state](const std::string &name) {
+        const json *node = find_node(state.at("/network"), name);
+        return node != nullptr && node->contains(neighbor) == with_neighbor;
+    };
+    auto names = [=, &state] {
+        std::vector<std::string> all = node_names(state.at("/network"));
+        std::erase_if(all, std::not_fn(belongs));
+        return all;
+    };
+    object_table table{.parent = nodes_path, .has = belongs, .names = names};
+    for (const node_property &value : node_properties) {
+        if (with_neighbor || value.group != neighbor) {
+            table.properties.push_back(row(state, value));
         }
     }
     table.methods.emplace_back(

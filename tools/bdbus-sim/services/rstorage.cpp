@@ -36,35 +36,14 @@ constexpr disk_value disk_values[] = {
     {"Domain", "s", "domain"},
 };
 
-class disks
+json &disks(state_document &state)
 {
-public:
-    disks(state_document &state, std::string path) : state_(state), prefix_(std::move(path) + "/Disk/") {}
-
-    std::vector<std::string> paths() const;
-    json &at(const call &request) const { return all().at(request.path.substr(prefix_.size())); }
-    std::chrono::milliseconds mount_time(const call &request) const;
-
-private:
-    json &all() const { return state_.own("rstorage")["disks"]; }
-
-    state_document &state_;
-    std::string prefix_;
-};
-
-std::vector<std::string> disks::paths() const
-{
-    std::vector<std::string> paths;
-    for (const auto &[number, disk] : all().items()) {
-        paths.push_back(prefix_ + number);
-    }
-    return paths;
+    return state.own("rstorage")["disks"];
 }
 
-std::chrono::milliseconds disks::mount_time(const call &request) const
+json &disk(state_document &state, const call &request)
 {
-    auto disk = request.path.starts_with(prefix_) ? all().find(request.path.substr(prefix_.size())) : all().end();
-    return std::chrono::milliseconds(disk == all().end() ? 0U : disk->at("mount_ms").get<uint32_t>());
+    return disks(state).at(request.object_name());
 }
 
 struct outcome {
@@ -122,13 +101,13 @@ outcome status(json &disk, const call &request)
 }
 
 /** A method of a disk. When the disk's state has an answer, that is given and the action is not done. */
-method row(const disks &all, const char *member, const char *in, const char *out,
+method row(state_document &state, const char *member, const char *in, const char *out,
            outcome (*action)(json &, const call &))
 {
-    return method(member, in, out, [=, has_text = std::string(out) == "is"](const call &request) {
-        json &disk = all.at(request);
-        auto answer = disk["answer"].get<int32_t>();
-        auto [result, text] = answer == 0 ? action(disk, request) : outcome{answer};
+    return method(member, in, out, [&state, action, has_text = std::string(out) == "is"](const call &request) {
+        json &called = disk(state, request);
+        auto answer = called["answer"].get<int32_t>();
+        auto [result, text] = answer == 0 ? action(called, request) : outcome{answer};
         return has_text ? json::array({result, text}) : json::array({result});
     });
 }
@@ -179,27 +158,31 @@ json disk_shape()
 
 void add_rstorage(simulator &sim)
 {
-    sim.state.add_section("rstorage", {{"disks", default_disks()}}, {{"disks", {{"#", disk_shape()}}}});
+    state_document &state = sim.state;
+    state.add_section("rstorage", {{"disks", default_disks()}}, {{"disks", {{"#", disk_shape()}}}});
 
     service &bus_service = sim.add_service("RStorage1");
-    disks all(sim.state, bus_service.path());
-    object_table table{.paths = [=] {
-        return all.paths();
-    }};
-    table.methods = {
-        row(all, "Mount", "s", "is", mount),
-        row(all, "Unmount", "", "i", unmount),
-        row(all, "GadgetStart", "yb", "i", gadget_start),
-        row(all, "GadgetStop", "", "i", gadget_stop),
-        row(all, "Status", "y", "i", status),
+    auto has = [&state](const std::string &number) {
+        return disks(state).contains(number);
     };
-    table.methods.front().duration = [=](const call &request) {
-        return all.mount_time(request);
+    auto numbers = [&state] {
+        return keys_of(disks(state));
+    };
+    object_table table{.parent = bus_service.path() + "/Disk", .has = has, .names = numbers};
+    table.methods = {
+        row(state, "Mount", "s", "is", mount),
+        row(state, "Unmount", "", "i", unmount),
+        row(state, "GadgetStart", "yb", "i", gadget_start),
+        row(state, "GadgetStop", "", "i", gadget_stop),
+        row(state, "Status", "y", "i", status),
+    };
+    table.methods.front().duration = [&state](const call &request) {
+        return std::chrono::milliseconds(disk(state, request).at("mount_ms").get<uint32_t>());
     };
     bus_service.keep_texts_secret();
     for (const disk_value &value : disk_values) {
         table.properties.emplace_back("", value.property, value.type,
-                                      [=](const call &request) { return all.at(request).at(value.key); });
+                                      [&](const call &request) { return disk(state, request).at(value.key); });
     }
     bus_service.add_object(std::move(table));
 }
