@@ -227,10 +227,9 @@ void truncate_values(reply &changed, size_t count)
 
 } // namespace
 
-bool fault::matches(const std::string &service_name, const call &request) const
+bool fault::matches(const call &request) const
 {
-    return service == service_name && kind == request.kind && member == request.member &&
-           (interface.empty() || interface == request.interface);
+    return kind == request.kind && (interface.empty() || interface == request.interface);
 }
 
 reply fault::apply(const std::function<reply()> &execute) const
@@ -265,7 +264,7 @@ void fault_list::add(const json &description, const service_lookup &objects_of)
         refuse("too many faults");
     }
     bytes_ += added.bytes;
-    faults_.push_back(std::move(added));
+    faults_[added.service + '.' + added.member].push_back(std::move(added));
 }
 
 void fault_list::clear()
@@ -276,12 +275,16 @@ void fault_list::clear()
 
 fault fault_list::match(const std::string &service_name, const call &request)
 {
-    for (auto at = faults_.begin(); at != faults_.end(); ++at) {
-        if (!at->matches(service_name, request)) {
+    auto found = faults_.find(service_name + '.' + request.member);
+    if (found == faults_.end()) {
+        return {};
+    }
+    for (auto at = found->second.begin(); at != found->second.end(); ++at) {
+        if (!at->matches(request)) {
             continue;
         }
         if (at->skip == 0) {
-            return use(at);
+            return use(found->second, at);
         }
         at->skip--;
     }
@@ -289,12 +292,12 @@ fault fault_list::match(const std::string &service_name, const call &request)
 }
 
 /** One that is used up is removed. */
-fault fault_list::use(std::list<fault>::iterator at)
+fault fault_list::use(std::list<fault> &faults, std::list<fault>::iterator at)
 {
     fault used = *at;
     if (at->left && --*at->left == 0) {
         bytes_ -= at->bytes;
-        faults_.erase(at);
+        faults.erase(at);
     }
     return used;
 }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <list>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -48,7 +49,8 @@ struct fault {
     bool die = false;
     std::optional<std::chrono::milliseconds> return_after{};
 
-    bool matches(const std::string &service_name, const call &request) const;
+    /** Whether it is for such a call of its member. */
+    bool matches(const call &request) const;
 
     /**
      * The reply to give in place of the one that `execute` makes; `execute` is called only when the call is to be
@@ -72,9 +74,9 @@ public:
     fault match(const std::string &service_name, const call &request);
 
 private:
-    fault use(std::list<fault>::iterator at);
+    fault use(std::list<fault> &faults, std::list<fault>::iterator at);
 
-    std::list<fault> faults_;
+    std::map<std::string, std::list<fault>> faults_; // by service and member
     size_t bytes_ = 0;
 };
 
