@@ -291,7 +291,12 @@ controller::plan controller::plan_for(const json &raid_level, const json &ids) c
 json controller::unconfigured() const
 {
     numbered drives = by_number(all_physical());
-    std::erase_if(drives, [&](const auto &drive) { return is_used(drive.first) || drive.second->contains("spare"); });
+    std::erase_if(drives, [](const auto &drive) { return drive.second->contains("spare"); });
+    for (const json &drive : all_virtual()) {
+        for (const json &id : drive["drives"]) {
+            drives.erase(id.get<unsigned>());
+        }
+    }
     return list(drives);
 }
 
