@@ -113,6 +113,17 @@ class Simulator(ToolTest):
             self.assertIn(reason, self.refusal('set', patch))
         self.assertEqual(self.sim('state'), before)
 
+    def test_services_find_what_the_state_was_set_to(self):
+        entry, sdr, login = [3, 2, 2] + [1] * 13, {'sdr': [0] * 64}, [0] * 39
+        state = {'sel': {'entries': [entry]}, 'sdr': {'records': {'25': sdr}}, 'authlog': {'entries': {'900': login}}}
+        self.sim('set', json.dumps(state))
+        event = ('SystemEventLog1', 'GetSelEntry', 'uint16:0', 'uint16:515', 'byte:0', 'byte:255')
+        record = ('SensorDataRepository1', 'GetSdr', 'uint16:23')
+        addition = ('AuthLog1', 'AuthLogAddEntry', 'array:byte:' + ','.join('0' * 64))
+        for call, answer in ((event, 65535), (record, 25), (addition, 901)):
+            with self.subTest(call=call):
+                self.assertIn(f'byte 0 uint16 {answer}', self.answer(*call))
+
     def test_a_fault_that_cannot_act_is_refused(self):
         for fault, reason in FAULTS:
             self.assertIn(reason, self.refusal('fault', json.dumps(fault)))

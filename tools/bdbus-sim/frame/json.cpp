@@ -58,6 +58,15 @@ std::vector<std::string> keys_of(const json &object)
     return keys;
 }
 
+std::set<unsigned> numbers_of(const json &object)
+{
+    std::set<unsigned> numbers;
+    for (const auto &[key, value] : object.items()) {
+        numbers.insert(static_cast<unsigned>(std::stoul(key)));
+    }
+    return numbers;
+}
+
 object_reader::object_reader(const json &object, std::string subject, const std::set<std::string> &keys)
     : object_(object), subject_(std::move(subject))
 {

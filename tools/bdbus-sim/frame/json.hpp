@@ -43,6 +43,9 @@ bool is_number(const std::string &text, unsigned least, unsigned most);
 
 std::vector<std::string> keys_of(const json &object);
 
+/** The keys of an object as numbers, which they must be. The object itself has them in the order of texts. */
+std::set<unsigned> numbers_of(const json &object);
+
 /** Never throws for what a client may have sent: bytes that are not UTF-8 are replaced. */
 std::string to_text(const json &value, int indent = -1);
 

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
+#include <set>
 #include <string>
 
 namespace bdbus_sim
@@ -29,61 +31,76 @@ json leading(const byte_vector &request, long count)
     return byte_vector(request.begin(), request.begin() + count);
 }
 
-json &entries(state_document &state)
+class auth_log
 {
-    return state.own("authlog")["entries"];
-}
+public:
+    explicit auth_log(state_document &state) : state_(state) { find_ids(); }
 
-json add_entry(state_document &state, const byte_vector &request)
+    json add(const byte_vector &request);
+    json remove(const byte_vector &request);
+    json clear(const byte_vector &request);
+    json update_user(const byte_vector &request);
+
+    // To be called when the state has changed by other ways than these.
+    void find_ids() { ids_ = numbers_of(entries()); }
+
+private:
+    json &section() const { return state_.own("authlog"); }
+    json &entries() const { return section()["entries"]; }
+
+    state_document &state_;
+    std::set<unsigned> ids_;
+};
+
+json auth_log::add(const byte_vector &request)
 {
-    json &all = entries(state);
-    if (all.size() >= state.get<size_t>("/authlog/capacity")) {
+    if (entries().size() >= section()["capacity"].get<size_t>()) {
         return {out_of_space, 0};
     }
-    unsigned id = 1;
-    for (const auto &[key, entry] : all.items()) {
-        id = std::max(id, static_cast<unsigned>(std::stoul(key)) + 1);
-    }
+    unsigned id = ids_.empty() ? 1 : *ids_.rbegin() + 1;
     for (unsigned least = 1; id > 65'534; least++) { // when the numbers are used up: the lowest that is free
-        if (!all.contains(std::to_string(least))) {
+        if (!ids_.contains(least)) {
             id = least;
         }
     }
-    all[std::to_string(id)] = leading(request, entry_size);
+    ids_.insert(id);
+    entries()[std::to_string(id)] = leading(request, entry_size);
     return {ok, id};
 }
 
-json delete_entry(state_document &state, const byte_vector &request)
+json auth_log::remove(const byte_vector &request)
 {
     unsigned id = request[0] | static_cast<unsigned>(request[1]) << 8U;
-    return entries(state).erase(std::to_string(id)) == 0 ? json{entry_not_present, 0} : json{ok, id};
+    ids_.erase(id);
+    return entries().erase(std::to_string(id)) == 0 ? json{entry_not_present, 0} : json{ok, id};
 }
 
 /** The request must begin with the confirmation that IPMI asks for to clear an event log. */
-json clear(state_document &state, const byte_vector &request)
+json auth_log::clear(const byte_vector &request)
 {
     constexpr uint8_t confirmation[] = {'C', 'L', 'R', 0xAA};
     if (!std::equal(std::begin(confirmation), std::end(confirmation), request.begin())) {
         return {invalid_field, 0};
     }
-    size_t count = entries(state).size();
-    entries(state) = json::object();
+    size_t count = entries().size();
+    entries() = json::object();
+    ids_.clear();
     return {ok, count};
 }
 
-json update_user(state_document &state, const byte_vector &request)
+json auth_log::update_user(const byte_vector &request)
 {
-    auto count = state.get<uint16_t>("/authlog/updates");
-    state.set("/authlog/updates", ++count);
-    state.set("/authlog/last_update", leading(request, update_size));
+    auto count = static_cast<uint16_t>(section()["updates"].get<unsigned>() + 1);
+    section()["updates"] = count;
+    section()["last_update"] = leading(request, update_size);
     return {ok, count};
 }
 
-method row(state_document &state, const char *member, json (*action)(state_document &, const byte_vector &))
+method row(const std::shared_ptr<auth_log> &log, const char *member, json (auth_log::*action)(const byte_vector &))
 {
-    return method(member, "ay", "yq", [&state, action](const call &request) {
+    return method(member, "ay", "yq", [=](const call &request) {
         const byte_vector &bytes = request.args[0].get_binary();
-        return bytes.size() == request_size ? action(state, bytes) : json{length_invalid, 0};
+        return bytes.size() == request_size ? (*log.*action)(bytes) : json{length_invalid, 0};
     });
 }
 
@@ -111,13 +128,15 @@ void add_authlog(simulator &sim)
         "authlog",
         {{"capacity", 256}, {"entries", default_entries()}, {"updates", 0}, {"last_update", byte_vector(update_size)}},
         {{"capacity", "q"}, {"entries", {{"#", "39y"}}}, {"updates", "q"}, {"last_update", "21y"}});
+    auto log = std::make_shared<auth_log>(state);
     sim.add_service("AuthLog1")
         .add_object({
-            row(state, "AuthLogAddEntry", add_entry),
-            row(state, "AuthLogDelEntry", delete_entry),
-            row(state, "AuthLogClear", clear),
-            row(state, "UserUpdate", update_user),
+            row(log, "AuthLogAddEntry", &auth_log::add),
+            row(log, "AuthLogDelEntry", &auth_log::remove),
+            row(log, "AuthLogClear", &auth_log::clear),
+            row(log, "UserUpdate", &auth_log::update_user),
         });
+    state.on_change("authlog", [log](const json &, const json &) { log->find_ids(); });
 }
 
 } // namespace bdbus_sim

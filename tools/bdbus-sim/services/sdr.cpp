@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <random>
+#include <set>
 
 namespace bdbus_sim
 {
@@ -60,7 +61,10 @@ json value_in(const call &request)
 class repository
 {
 public:
-    repository(simulator &sim, service &bus_service) : loop_(sim.loop), state_(sim.state), service_(bus_service) {}
+    repository(simulator &sim, service &bus_service) : loop_(sim.loop), state_(sim.state), service_(bus_service)
+    {
+        find_ids();
+    }
 
     json get(uint16_t id) const;
     uint16_t add(const call &request);
@@ -77,6 +81,7 @@ private:
     uint32_t extras_end() const;
     bool is_extra(uint16_t id) const { return id >= first_extra_id && id < extras_end(); }
     bool has(uint16_t id) const { return records().contains(std::to_string(id)) || is_extra(id); }
+    void find_ids();
     uint16_t next_after(uint16_t id) const;
     json &at(uint16_t id);
 
@@ -89,6 +94,8 @@ private:
     event_loop &loop_;
     state_document &state_;
     service &service_;
+    std::set<unsigned> ids_;  // of the records in the state
+    unsigned first_free_ = 1; // no lower ID is free
     std::minstd_rand chance_;
     timer_ptr next_move_;
 };
@@ -100,19 +107,18 @@ uint32_t repository::extras_end() const
     return first_extra_id + std::min(section()["extra_records"].get<uint32_t>(), last_id - first_extra_id + 1U);
 }
 
+void repository::find_ids()
+{
+    first_free_ = 1;
+    ids_ = numbers_of(records());
+}
+
 uint16_t repository::next_after(uint16_t id) const
 {
-    uint32_t next = std::max<uint32_t>(id + 1U, first_extra_id);
-    if (next >= extras_end()) {
-        next = no_record;
-    }
-    for (const auto &[key, record] : records().items()) {
-        auto other = static_cast<uint32_t>(std::stoul(key));
-        if (other > id) {
-            next = std::min(next, other);
-        }
-    }
-    return static_cast<uint16_t>(next);
+    auto record = ids_.upper_bound(id);
+    uint32_t next = record != ids_.end() ? *record : no_record;
+    uint32_t extra = std::max<uint32_t>(id + 1U, first_extra_id);
+    return static_cast<uint16_t>(extra < extras_end() ? std::min(next, extra) : next);
 }
 
 /** Whoever asks for an extra record here means to change it, so it moves into the state. */
@@ -124,6 +130,7 @@ json &repository::at(uint16_t id)
     json &record = records()[std::to_string(id)];
     if (record.is_null()) {
         record = extra_sensor(id);
+        ids_.insert(id);
     }
     return record;
 }
@@ -146,16 +153,17 @@ uint16_t repository::add(const call &request)
     if (sdr.size() != sdr_size) {
         throw std::invalid_argument("a record is 64 bytes");
     }
-    uint16_t id = 1;
-    while (has(id)) {
-        id++;
+    while (first_free_ <= last_id && has(static_cast<uint16_t>(first_free_))) {
+        first_free_++;
     }
-    if (id > last_id) {
+    if (first_free_ > last_id) {
         throw standard_error("LimitsExceeded", "The repository is full.");
     }
 
+    auto id = static_cast<uint16_t>(first_free_);
     json record = sensor_record(id, sdr);
     records()[std::to_string(id)] = record;
+    ids_.insert(id);
     service_.emit("RecordAdded", "say", {request.sender, record["sdr"]});
     return id;
 }
@@ -172,6 +180,8 @@ void repository::remove(const call &request)
         section()["extra_records"] = id - first_extra_id;
     }
     records().erase(std::to_string(id));
+    ids_.erase(id);
+    first_free_ = std::min<unsigned>(first_free_, id);
     service_.emit("RecordDeleted", "sq", {request.sender, id});
 }
 
@@ -229,6 +239,7 @@ void repository::complete()
 
 void repository::follow(const json &before, const json &after)
 {
+    find_ids();
     complete();
     const json &old = before["records"];
     for (const auto &[key, record] : old.items()) {

@@ -3,11 +3,12 @@
 #include "simulator.hpp"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <set>
+#include <unordered_map>
 
 namespace bdbus_sim
 {
@@ -116,10 +117,21 @@ json default_entries()
 
 // ---- the log
 
+/** A step into one of these is told by a notice. */
+const char *const notices[] = {"SelCleared", "SelAlmostFull", "SelFull"};
+using noticed_states = std::array<bool, std::size(notices)>;
+
+noticed_states states_of(const json &log)
+{
+    size_t count = log["entries"].size();
+    auto capacity = log["capacity"].get<size_t>();
+    return {count == 0, count * 100 >= capacity * log["almost_full"].get<size_t>(), count >= capacity};
+}
+
 class event_log
 {
 public:
-    event_log(state_document &state, service &bus_service) : state_(state), service_(bus_service) {}
+    event_log(state_document &state, service &bus_service) : state_(state), service_(bus_service) { find_places(); }
 
     void reset();
     json add(const byte_vector &record);
@@ -129,19 +141,23 @@ public:
     json info() const;
     json allocation() const;
 
-    // Sends the notices for the change from one state to the next.
-    void notice(const json &before, const json &after);
+    // To be called when the state has changed by other ways than these.
+    void follow(const json &before);
 
 private:
     json &section() const { return state_.own("sel"); }
     json &entries() const { return section()["entries"]; }
     size_t free_entries() const;
     uint16_t free_id() const;
+    void find_places();
+    size_t place_of(uint16_t id) const;
+    void notice(const noticed_states &before);
     void erase();
     uint8_t check_part(const call &request, size_t &size) const;
 
     state_document &state_;
     service &service_;
+    std::unordered_map<uint16_t, size_t> places_; // of the first entry with an ID
     std::optional<uint16_t> reservation_;
     uint16_t last_reservation_ = 0;
     std::optional<unsigned> polls_left_; // while it is being erased
@@ -174,34 +190,35 @@ size_t event_log::free_entries() const
 /** The ID after the last entry's, or when that is taken the next free one. */
 uint16_t event_log::free_id() const
 {
-    std::set<unsigned> taken = {first_entry, last_entry};
-    for (const json &entry : entries()) {
-        taken.insert(id_of(entry));
-    }
-    unsigned id = entries().empty() ? 1 : id_of(entries().back()) + 1U;
-    while (taken.contains(id)) {
-        id = (id + 1) % 0x10000;
-    }
-    return static_cast<uint16_t>(id);
+    uint16_t id = entries().empty() ? first_entry : id_of(entries().back());
+    do {
+        id++;
+    } while (id == first_entry || id == last_entry || places_.contains(id));
+    return id;
 }
 
-void event_log::notice(const json &before, const json &after)
+void event_log::find_places()
 {
-    auto full = [](const json &log) {
-        return log["entries"].size() >= log["capacity"].get<size_t>();
-    };
-    auto almost_full = [](const json &log) {
-        return log["entries"].size() * 100 >= log["capacity"].get<size_t>() * log["almost_full"].get<size_t>();
-    };
-    if (!before["entries"].empty() && after["entries"].empty()) {
-        service_.emit("SelCleared", "", json::array());
+    places_.clear();
+    for (size_t place = 0; place < entries().size(); place++) {
+        places_.emplace(id_of(entries()[place]), place);
     }
-    if (!almost_full(before) && almost_full(after)) {
-        service_.emit("SelAlmostFull", "", json::array());
+}
+
+void event_log::notice(const noticed_states &before)
+{
+    noticed_states now = states_of(section());
+    for (size_t i = 0; i < now.size(); i++) {
+        if (now[i] && !before[i]) {
+            service_.emit(notices[i], "", json::array());
+        }
     }
-    if (!full(before) && full(after)) {
-        service_.emit("SelFull", "", json::array());
-    }
+}
+
+void event_log::follow(const json &before)
+{
+    find_places();
+    notice(states_of(before));
 }
 
 json event_log::add(const byte_vector &record)
@@ -217,7 +234,7 @@ json event_log::add(const byte_vector &record)
         return {out_of_space, 0};
     }
 
-    json before = section();
+    noticed_states before = states_of(section());
     json entry = record;
     uint16_t id = free_id();
     auto now = static_cast<uint32_t>(time(nullptr));
@@ -226,10 +243,11 @@ json event_log::add(const byte_vector &record)
     if (is_stamped(record[2]) && stamp_of(entry) == 0) {
         put_stamp(entry, now);
     }
+    places_.emplace(id, entries().size());
     entries().push_back(std::move(entry));
     added_at_ = now;
     reservation_.reset();
-    notice(before, section());
+    notice(before);
     return {ok, id};
 }
 
@@ -249,6 +267,7 @@ void event_log::erase()
 {
     polls_left_.reset();
     entries() = json::array();
+    places_.clear();
     erased_at_ = static_cast<uint32_t>(time(nullptr));
     overflowed_ = false;
     service_.emit("SelCleared", "", json::array());
@@ -292,17 +311,24 @@ uint8_t event_log::check_part(const call &request, size_t &size) const
     return rest == 0 ? offset_invalid : size > rest ? too_many_bytes : ok;
 }
 
+/** Of an entry that is not there, a place behind all of them. */
+size_t event_log::place_of(uint16_t id) const
+{
+    auto found = places_.find(id);
+    if (id == first_entry) {
+        return 0;
+    }
+    return found != places_.end() ? found->second : id == last_entry ? entries().size() - 1 : entries().size();
+}
+
 json event_log::get(const call &request) const
 {
     auto refusal = [](uint8_t why) {
         return json::array({why, last_entry, json::array()});
     };
-    auto id = request.arg<uint16_t>(1);
     const json &all = entries();
-    auto found = id == first_entry ? all.begin() : std::find_if(all.begin(), all.end(), [&](const json &entry) {
-        return id_of(entry) == id || (id == last_entry && &entry == &all.back());
-    });
-    if (found == all.end()) {
+    size_t place = place_of(request.arg<uint16_t>(1));
+    if (place >= all.size()) {
         return refusal(record_not_present);
     }
     size_t size = 0;
@@ -311,9 +337,9 @@ json event_log::get(const call &request) const
         return refusal(answer);
     }
 
-    auto next = std::next(found);
-    auto from = found->begin() + request.arg<uint8_t>(2);
-    return {ok, next == all.end() ? last_entry : id_of(*next), json(from, from + static_cast<long>(size))};
+    uint16_t next = place + 1 < all.size() ? id_of(all[place + 1]) : last_entry;
+    auto from = all[place].begin() + request.arg<uint8_t>(2);
+    return {ok, next, json(from, from + static_cast<long>(size))};
 }
 
 json event_log::info() const
@@ -355,7 +381,7 @@ void add_sel(simulator &sim)
             method("GetSelAllocInfo", "", "yqqqqy", [=](const call &) { return log->allocation(); }),
         },
         {}, {{"", "SelAlmostFull", ""}, {"", "SelFull", ""}, {"", "SelCleared", ""}});
-    sim.state.on_change("sel", [log](const json &before, const json &after) { log->notice(before, after); });
+    sim.state.on_change("sel", [log](const json &before, const json &) { log->follow(before); });
     sim.on_reset([log] { log->reset(); });
 }
 
