@@ -118,7 +118,7 @@ json default_entries()
 // ---- the log
 
 /** A step into one of these is told by a notice. */
-const char *const notices[] = {"SelCleared", "SelAlmostFull", "SelFull"};
+constexpr const char *notices[] = {"SelCleared", "SelAlmostFull", "SelFull"};
 using noticed_states = std::array<bool, std::size(notices)>;
 
 noticed_states states_of(const json &log)
@@ -208,7 +208,7 @@ void event_log::find_places()
 void event_log::notice(const noticed_states &before)
 {
     noticed_states now = states_of(section());
-    for (size_t i = 0; i < now.size(); i++) {
+    for (size_t i = 0; i < std::size(notices); i++) {
         if (now[i] && !before[i]) {
             service_.emit(notices[i], "", json::array());
         }
