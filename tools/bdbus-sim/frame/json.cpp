@@ -49,15 +49,6 @@ bool is_number(const std::string &text, unsigned least, unsigned most)
     return error == std::errc() && number >= least && number <= most && text == std::to_string(number);
 }
 
-std::vector<std::string> keys_of(const json &object)
-{
-    std::vector<std::string> keys;
-    for (const auto &[key, value] : object.items()) {
-        keys.push_back(key);
-    }
-    return keys;
-}
-
 std::set<unsigned> numbers_of(const json &object)
 {
     std::set<unsigned> numbers;

@@ -41,8 +41,6 @@ json read_json_file(const std::string &path);
 /** Whether a text is a number in this range, in decimal and without leading zeros. */
 bool is_number(const std::string &text, unsigned least, unsigned most);
 
-std::vector<std::string> keys_of(const json &object);
-
 /** The keys of an object as numbers, which they must be. The object itself has them in the order of texts. */
 std::set<unsigned> numbers_of(const json &object);
 

@@ -193,16 +193,13 @@ std::vector<std::string> object_tree::children(const std::string &path) const
 {
     std::string prefix = path == "/" ? path : path + "/";
     std::vector<std::string> names;
-    auto add_below = [&](const std::string &above, const std::vector<std::string> &objects) {
-        for (const std::string &name : objects) {
-            std::string rest = (above + name).substr(prefix.size());
-            names.push_back(rest.substr(0, rest.find('/')));
-        }
-    };
     for (const object_table &object : objects_) {
         std::string above = object.parent + "/";
-        if (above.starts_with(prefix)) {
-            add_below(above, object.names());
+        std::vector<std::string> own = above.starts_with(prefix) ? object.names() : std::vector<std::string>();
+        if (above == prefix) {
+            names.insert(names.end(), own.begin(), own.end());
+        } else if (!own.empty()) {
+            names.push_back(above.substr(prefix.size(), above.find('/', prefix.size()) - prefix.size()));
         }
     }
     std::sort(names.begin(), names.end());

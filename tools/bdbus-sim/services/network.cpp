@@ -3,7 +3,6 @@
 #include "simulator.hpp"
 
 #include <algorithm>
-#include <functional>
 
 namespace bdbus_sim
 {
@@ -96,10 +95,15 @@ const json &node_of(const state_document &state, const call &request)
     return *find_node(state.at("/network"), request.object_name());
 }
 
-std::vector<std::string> node_names(const json &section)
+std::vector<std::string> node_names(const json &section, bool with_neighbor)
 {
-    std::vector<std::string> names = keys_of(section["nodes"]);
-    for (uint32_t i = 0; i < extra_nodes(section); i++) {
+    std::vector<std::string> names;
+    for (const auto &[name, node] : section["nodes"].items()) {
+        if (node.contains(neighbor) == with_neighbor) {
+            names.push_back(name);
+        }
+    }
+    for (uint32_t i = 0; !with_neighbor && i < extra_nodes(section); i++) {
         names.push_back(extra_name + std::to_string(i));
     }
     return names;
@@ -125,9 +129,7 @@ object_table nodes(state_document &state, bool with_neighbor)
         return node != nullptr && node->contains(neighbor) == with_neighbor;
     };
     auto names = [=, &state] {
-        std::vector<std::string> all = node_names(state.at("/network"));
-        std::erase_if(all, std::not_fn(belongs));
-        return all;
+        return node_names(state.at("/network"), with_neighbor);
     };
     object_table table{.parent = nodes_path, .has = belongs, .names = names};
     for (const node_property &value : node_properties) {

@@ -166,7 +166,11 @@ void add_rstorage(simulator &sim)
         return disks(state).contains(number);
     };
     auto numbers = [&state] {
-        return keys_of(disks(state));
+        std::vector<std::string> keys;
+        for (const auto &[number, disk] : disks(state).items()) {
+            keys.push_back(number);
+        }
+        return keys;
     };
     object_table table{.parent = bus_service.path() + "/Disk", .has = has, .names = numbers};
     table.methods = {
