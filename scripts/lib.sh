@@ -10,7 +10,8 @@ build=$root/build
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
 test_packages=(libgtest-dev dwarves dbus-bin)
-check_packages=(libbenchmark-dev clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen)
+check_packages=(clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen)
+peer_packages=(libsdbus-c++-dev libglib2.0-dev libglib2.0-bin libdbus-1-dev dbus-bin systemd)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
 
 # need_packages PACKAGE...: installs those that are missing; without the right to do so, says what to run and gives up.
