@@ -91,7 +91,9 @@ bool bare_init()
 bool library_set()
 {
     static const bool ready = library_init();
-    return ready && bdbus_sdr_reading_set(sensor, 1) == 0;
+    const bool set = ready && bdbus_sdr_reading_set(sensor, 1) == 0;
+    await_listener();
+    return set;
 }
 
 bool bare_set()
