@@ -6,18 +6,8 @@
 //                                           nanoseconds, and the growth of the peak memory in bytes, the first included
 #include "row.hpp"
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-
-/** Where the measured part begins, and where it ends: a place that a profiler knows by its name. */
-extern "C" [[gnu::noinline]] void measured_part()
-{
-    asm volatile("");
-}
 
 namespace
 {
@@ -52,54 +42,6 @@ int list()
     return 0;
 }
 
-long long now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
-}
-
-/** The most memory that the process has had so far. */
-long peak_bytes()
-{
-    long kib = 0;
-    FILE *file = fopen("/proc/self/status", "r");
-    char line[128];
-    while (file != nullptr && fgets(line, sizeof(line), file) != nullptr && sscanf(line, "VmHWM: %ld", &kib) != 1) {
-    }
-    if (file != nullptr) {
-        fclose(file);
-    }
-    return kib * 1024;
-}
-
-bool repeat(bench::side side, unsigned long times)
-{
-    for (; times > 0; times--) {
-        if (!side()) {
-            fprintf(stderr, "failed with %lu times left\n", times);
-            return false;
-        }
-    }
-    return true;
-}
-
-int measure(bench::side side, unsigned long few, unsigned long many)
-{
-    const long memory = peak_bytes();
-    if (!repeat(side, few)) {
-        return 1;
-    }
-    measured_part();
-    const long long began = now_ns();
-    const bool done = repeat(side, many - few);
-    const long long ended = now_ns();
-    measured_part();
-    printf("%lld %ld\n", ended - began, peak_bytes() - memory);
-    fflush(stdout);
-    return done ? 0 : 1;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -112,7 +54,5 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: bench-client --list | ROW library|bare FEW MANY\n");
         return 2;
     }
-    const bench::side side = strcmp(argv[2], "library") == 0 ? one->library : one->bare;
-    // What a library does at the end is not what is measured.
-    _exit(measure(side, strtoul(argv[3], nullptr, 10), strtoul(argv[4], nullptr, 10)));
+    bench::measure(strcmp(argv[2], "library") == 0 ? one->library : one->bare, argv[3], argv[4]);
 }

@@ -1,46 +1,41 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Measure every row of the benchmarks and print one table. scripts/bench builds what this runs."""
+"""Measure what the library costs and print one table. scripts/bench builds what this runs."""
 
 import argparse
-import hashlib
 import os
 import re
+import statistics
 import subprocess
 import sys
 import tempfile
-from collections import Counter
+import time
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
-# What is left of chance in an instruction count: the seeds of sd-bus's hash tables, say.
+import docs
+from measure import Controller, count, run, write_image
+
+# What a budget of 1 leaves to chance: the seeds of sd-bus's hash tables, an allocation that grows.
 TOLERANCE = 0.005
-# A row that is over is counted again so often; the least count is what the program needs.
-ATTEMPTS = int(os.environ.get('BENCH_ATTEMPTS', 3))
+# A count that is over its budget is made again, twice at most: the least is what the program needs.
+COUNTS = 3
+# Pairs of timed runs.
+PAIRS = 9
 
 MIB = 1 << 20
-IMAGES = {'1': MIB, '16': 16 * MIB, 'blocks': 400 * 1530}
+IMAGES = {'1': MIB, '16': 16 * MIB, '256': 256 * MIB, 'blocks': 400 * 1530}
 
-LOCKSTEP = 'libbench-lockstep'
+PEERS = {'sdbus-cpp': 'sdbus-c++', 'gdbus': 'GDBus', 'libdbus': 'libdbus'}
+PEER_ROWS = ('kept-call', 'auth-log', 'property-byte', 'property-bytes', 'bypass')
 
-# A run that takes longer has hung.
-LIMIT_S = 300
-
-BUS_CONFIG = """<busconfig>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-"""
+PROPERTY = ('com.brisemont.Config1', '/com/brisemont/Config1', 'com.brisemont.Config1.Firmware', 'Major')
 
 
 @dataclass
 class Row:
+    """A row of the client's own list."""
     name: str
     title: str
     budget: float
@@ -53,153 +48,238 @@ class Row:
 
 @dataclass
 class Result:
+    """A line of the table. Without a bare cost the budget is for the library's cost itself."""
     title: str
     unit: str
     library: float
-    bare: float
-    spread: float
-    runs: int
-    budget: float
+    bare: float | None = None
+    spread: float = 0
+    runs: int = 1
+    budget: float | None = None
     tolerance: float = 0
+    ratio: float | None = None
+    peers: dict = field(default_factory=dict)
 
-    @property
-    def ratio(self):
-        return self.library / self.bare
+    def __post_init__(self):
+        if self.ratio is None and self.bare:
+            self.ratio = self.library / self.bare
 
     @property
     def verdict(self):
         if not self.budget:
             return 'shown'
-        return 'ok' if self.ratio <= self.budget + self.tolerance else 'over'
+        judged = self.library if self.ratio is None else self.ratio
+        return 'ok' if judged <= self.budget + self.tolerance else 'over'
 
 
-def write_image(path, length):
-    """An HPM.1 image: a header, one upload record of so many bytes for component 1, the digest of both."""
-    header = bytearray(34)
-    header[:8] = b'PICMGFWU'
-    header[20] = 0x02
-    header.append(-sum(header) & 0xFF)
-    record = bytes([2, 0x02, 0xFC]) + bytes(27) + length.to_bytes(4, 'little')
-    image = bytes(header) + record + bytes(range(256)) * (length // 256) + bytes(length % 256)
-    path.write_bytes(image + hashlib.md5(image).digest())
-
-
-def write_images(directory, sizes):
-    directory.mkdir(exist_ok=True)
-    for name, length in sizes.items():
-        if not Path(directory, name).exists():
-            write_image(Path(directory, name), length)
-
-
-class Controller:
-    """A bus of its own with the service on it, for one run of the client."""
-    def __init__(self, build, arguments):
-        self.build = build
-        self.arguments = arguments
-        self.processes = []
-
-    def __enter__(self):
-        self.directory = tempfile.TemporaryDirectory(prefix='bench-')
-        socket = Path(self.directory.name, 'bus')
-        config = Path(self.directory.name, 'bus.conf')
-        config.write_text(BUS_CONFIG.format(socket=socket))
-        self.environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f'unix:path={socket}', LD_BIND_NOW='1',
-                                BENCH_IMAGES=str(self.build / 'images'))
-        self.start(['dbus-daemon', f'--config-file={config}', '--nofork', '--print-address'])
-        self.start([self.build / 'bench/bench-service', *self.arguments])
-        return self.environment
-
-    def start(self, command):
-        log = Path(self.directory.name, 'log')
-        with log.open('a') as errors:
-            process = subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE, stderr=errors)
-        self.processes.append(process)
-        if not process.stdout.readline():
-            raise RuntimeError(f'{command[0]} does not start: {log.read_text()}')
-
-    def __exit__(self, *_):
-        for process in reversed(self.processes):
-            process.terminate()
-            process.wait()
-            process.stdout.close()
-        self.directory.cleanup()
-
-
-def parse_costs(profile):
-    """Sum up a profile's own costs by object file, in callgrind's format."""
-    names = {}
-    costs = Counter()
-    inclusive = False
-    current = ''
-    for line in profile.splitlines():
-        if match := re.match(r'ob=\((\d+)\)(?: (.*))?', line):
-            current = names.setdefault(match[1], match[2])
-        elif match := re.match(r'cob=\((\d+)\) (.*)', line):
-            names.setdefault(match[1], match[2])
-        elif line.startswith('calls='):
-            inclusive = True
-        elif match := re.match(r'[+*-]?\d* ?(\d+)$', line):
-            if not inclusive:
-                costs[current] += int(match[1])
-            inclusive = False
-    return costs
-
-
-class Callgrind:
-    """Counts instructions in user space, all threads' together, by Valgrind's callgrind."""
+class Bench:
     def __init__(self, build):
         self.build = build
+        self.client = build / 'bench/bench-client'
 
-    def run(self, command, service=()):
-        """The counts between one call of measured_part() and the next, by the file that they are made in."""
-        with Controller(self.build, service) as environment, tempfile.TemporaryDirectory() as directory:
+    def rows(self):
+        for line in run([self.client, '--list'], None).splitlines():
+            name, title, budget, few, many, per, service, long_running = line.split('\t')
+            yield Row(name, title, float(budget), int(few), int(many), int(per), service.split(), long_running == '1')
+
+    def peer(self, name):
+        return self.build / f'bench/bench-{name}'
+
+    # ---- instructions
+
+    def count_once(self, row, side):
+        command = [self.client, row.name, side] if side in ('library', 'bare') else [self.peer(side), row.name]
+        with Controller(self.build, row.service) as environment:
             environment['BENCH_LOCKSTEP'] = '1'
-            result = subprocess.run([
-                'valgrind', '--tool=callgrind', '--dump-before=measured_part', f'--callgrind-out-file={directory}/out',
-                *map(str, command)
-            ], env=environment, capture_output=True, text=True, timeout=LIMIT_S)
-            if result.returncode:
-                raise RuntimeError(f'{command}: {result.stderr}')
-            return parse_costs(Path(directory, 'out.2').read_text())
+            costs = count([*command, row.few, row.many], environment)
+        times = (row.many - row.few) * row.per
+        return {file: cost / times for file, cost in costs.items()}
 
-    def slope(self, row, side):
-        client = [self.build / 'bench/bench-client', row.name, side, row.few, row.many]
-        costs = self.run(client, row.service)
-        counted = sum(cost for file, cost in costs.items() if LOCKSTEP not in file)
-        return counted / (row.many - row.few) / row.per
-
-    def measure(self, row):
+    def count_row(self, row):
         counts = {'library': [], 'bare': []}
-        for _ in range(ATTEMPTS):
+        for _ in range(COUNTS):
             for side, values in counts.items():
-                values.append(self.slope(row, side))
-            result = self.result(row, counts)
+                values.append(sum(self.count_once(row, side).values()))
+            least = {side: min(values) for side, values in counts.items()}
+            result = Result(row.title, 'instr', least['library'], least['bare'], spread_of(counts), len(counts['bare']),
+                            row.budget, TOLERANCE if row.budget == 1 else 0)
             if result.verdict != 'over':
                 break
         return result
 
-    @staticmethod
-    def result(row, counts):
-        least = {side: min(values) for side, values in counts.items()}
-        spread = max(max(values) / least[side] - 1 for side, values in counts.items())
-        return Result(row.title, 'instr', least['library'], least['bare'], spread, len(counts['bare']), row.budget,
-                      TOLERANCE if row.budget == 1 else 0)
+    def count_row_of_peers(self, row):
+        result = self.count_row(row)
+        if row.name in PEER_ROWS:
+            result.peers = {
+                peer: sum(self.count_once(row, peer).values()) / result.bare
+                for peer in PEERS if self.peer(peer).exists()
+            }
+        return result
+
+    def count_own(self):
+        row = next(row for row in self.rows() if row.name == 'kept-call')
+        costs = self.count_once(row, 'library')
+        own = sum(cost for file, cost in costs.items() if 'libbdbus.so' in file)
+        return Result("thin call: the library's own", 'instr', own, budget=250)
+
+    def count_whole(self, command):
+        with Controller(self.build) as environment:
+            return sum(count(command, environment, whole=True).values())
+
+    def count_start(self):
+        library, bare = (self.count_whole([self.build / f'bench/bench-start-{side}']) for side in ('library', 'bare'))
+        return Result('start of a linked program', 'instr', library, bare, budget=1.25)
+
+    # ---- bytes
+
+    def file_size(self):
+        with tempfile.NamedTemporaryFile(prefix='bench-') as stripped:
+            run(['strip', '-o', stripped.name, self.build / 'src/libbdbus.so.1'], None)
+            return Result('library file, stripped', 'bytes', os.stat(stripped.name).st_size, budget=98304)
+
+    def memory(self, row, service, times):
+        with Controller(self.build, service) as environment:
+            return int(run([self.client, row, 'library', 0, times], environment).split()[1])
+
+    def memory_of_records(self):
+        small, large = 1000, 21000
+        grown = self.memory('sdr-init-100', [f'records={large}'], 1) - self.memory('sdr-init-100', [f'records={small}'],
+                                                                                   1)
+        return Result('sensors: memory of a record', 'bytes', grown / (large - small), budget=120)
+
+    def memory_of_image(self):
+        beyond = self.memory('image-16', [], 1) - (self.build / 'images/16').stat().st_size
+        return Result('image of 16 MiB: memory beyond it', 'bytes', beyond, budget=MIB)
+
+    # ---- times
+
+    def time_row(self, row):
+        many = row.few + 5 * (row.many - row.few) if row.few else row.many
+        times = (many - row.few) * row.per
+
+        def one(side, environment):
+            command = [self.client, row.name, side] if side in ('library', 'bare') else [self.peer(side), row.name]
+            return int(run([*command, row.few, many], environment).split()[0]) / times / 1000
+
+        sides = ['library', 'bare']
+        if row.name in PEER_ROWS:
+            sides += [peer for peer in PEERS if self.peer(peer).exists()]
+        return self.pairs(row.title, sides, one, row.service)
+
+    def pairs(self, title, sides, one, service=(), budget=None):
+        """Time the sides one after another, so often; the ratios are those of each round."""
+        rounds = []
+        with Controller(self.build, service) as environment:
+            for _ in range(PAIRS):
+                rounds.append({side: one(side, environment) for side in sides})
+        ratios = {side: [r[side] / r['bare'] for r in rounds] for side in sides}
+        low, middle, high = statistics.quantiles(ratios['library'])
+        return Result(title, 'us', statistics.median(r['library'] for r in rounds),
+                      statistics.median(r['bare'] for r in rounds), (high - low) / middle, PAIRS, budget, ratio=middle,
+                      peers={side: statistics.median(ratios[side])
+                             for side in sides[2:]})
+
+    def programs(self):
+        name, path, interface, member = PROPERTY
+        arguments = [name, path, interface, member]
+        get = 'org.freedesktop.DBus.Properties.Get'
+        return {
+            'library': [self.build / 'tools/bdbusctl/bdbusctl', 'config', 'get', 'Firmware.Major'],
+            'bare': ['busctl', '--system', 'get-property', *arguments],
+            'gdbus': [
+                'gdbus', 'call', '--system', f'--dest={name}', f'--object-path={path}', f'--method={get}', interface,
+                member
+            ],
+            'libdbus': [
+                'dbus-send', '--system', '--print-reply', f'--dest={name}', path, get, f'string:{interface}',
+                f'string:{member}'
+            ],
+        }
+
+    def count_programs(self):
+        counts = {side: self.count_whole(command) for side, command in self.programs().items()}
+        return Result('bdbusctl, and busctl: a property', 'instr', counts['library'], counts['bare'],
+                      peers={side: counts[side] / counts['bare']
+                             for side in ('gdbus', 'libdbus')})
+
+    def time_programs(self):
+        programs = self.programs()
+
+        def one(side, environment):
+            began = time.perf_counter()
+            for _ in range(5):
+                subprocess.run(programs[side], env=environment, check=True, stdout=subprocess.DEVNULL)
+            return (time.perf_counter() - began) / 5 * 1e6
+
+        return self.pairs('bdbusctl, and busctl: a property', list(programs), one, budget=0.7)
+
+    def time_start(self):
+        def one(side, environment):
+            began = time.perf_counter()
+            for _ in range(20):
+                subprocess.run([self.build / f'bench/bench-start-{side}'], env=environment, check=True)
+            return (time.perf_counter() - began) / 20 * 1e6
+
+        return self.pairs('start of a linked program', ['library', 'bare'], one)
 
 
-def read_rows(client):
-    lines = subprocess.run([client, '--list'], check=True, capture_output=True, text=True).stdout.splitlines()
+def spread_of(counts):
+    return max(max(values) / min(values) - 1 for values in counts.values())
+
+
+def measure_quick(bench, rows):
+    """Instructions and bytes alone, two at a time: other work on the machine does not change them."""
+    with ThreadPoolExecutor(2) as pool:
+        counted = [pool.submit(bench.count_row, row) for row in rows]
+        return [one.result() for one in counted]
+
+
+def measure_full(bench, rows):
+    with ThreadPoolExecutor(2) as pool:
+        counted = list(pool.map(bench.count_row_of_peers, rows))
+    everywhere = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {min(everywhere)})
+    timed = [bench.time_row(row) for row in rows]
+    others = [bench.time_start(), bench.count_programs(), bench.time_programs()]
+    os.sched_setaffinity(0, everywhere)
+    return [result for pair in zip(counted, timed) for result in pair], others
+
+
+def number(value, digits=0):
+    return '-' if value is None else f'{value:,.{digits}f}'
+
+
+def cells(result, peers):
+    shown = [
+        result.title, result.unit,
+        number(result.library, 1 if result.unit == 'us' else 0),
+        number(result.bare, 1 if result.unit == 'us' else 0), f'{result.spread:.1%}' if result.runs > 1 else '-',
+        str(result.runs),
+        number(result.ratio, 3),
+        budget_text(result), result.verdict
+    ]
+    return shown + [number(result.peers.get(peer), 2) for peer in peers]
+
+
+def budget_text(result):
+    if not result.budget:
+        return '-'
+    if result.ratio is None:
+        return number(result.budget)
+    return f'{result.budget:.2f}' + (' +0.5%' if result.tolerance else '')
+
+
+def table(results, peers):
+    head = ['case', 'unit', 'library', 'bare sd-bus', 'spread', 'runs', 'ratio', 'budget', 'verdict']
+    return [head + [PEERS[peer] for peer in peers], *(cells(result, peers) for result in results)]
+
+
+def print_table(lines):
+    widths = [max(len(line[column]) for line in lines) for column in range(len(lines[0]))]
     for line in lines:
-        name, title, budget, few, many, per, service, long_running = line.split('\t')
-        yield Row(name, title, float(budget), int(few), int(many), int(per), service.split(), long_running == '1')
-
-
-def print_table(results):
-    print(
-        f'{"case":34} {"":6} {"library":>12} {"bare sd-bus":>12} {"spread":>7} {"runs":>4} {"ratio":>7} {"budget":>7}')
-    for r in results:
-        budget = f'{r.budget:7.3g}' if r.budget else f'{"-":>7}'
-        print(f'{r.title:34} {r.unit:6} {r.library:12,.0f} {r.bare:12,.0f} {r.spread:7.2%} {r.runs:4} {r.ratio:7.4f} '
-              f'{budget} {r.verdict}')
+        print('  '.join(
+            text.ljust(width) if column < 2 else text.rjust(width)
+            for column, (text, width) in enumerate(zip(line, widths))))
 
 
 def main():
@@ -209,14 +289,33 @@ def main():
     parser.add_argument('--rows', default='', help='a regular expression for the names of the rows')
     parser.add_argument('--write-docs', action='store_true')
     options = parser.parse_args()
+    bench = Bench(options.build)
+    images = options.build / 'images'
+    images.mkdir(exist_ok=True)
+    for name, length in IMAGES.items():
+        if not (images / name).exists() and not (options.quick and name == '256'):
+            write_image(images / name, length)
 
-    rows = [row for row in read_rows(options.build / 'bench/bench-client') if re.search(options.rows, row.name)]
-    rows = [row for row in rows if not (options.quick and row.long_running)]
-    write_images(options.build / 'images', IMAGES)
-    counter = Callgrind(options.build)
-    with ThreadPoolExecutor(2) as pool:
-        results = list(pool.map(counter.measure, rows))
-    print_table(results)
+    rows = [row for row in bench.rows() if re.search(options.rows, row.name)]
+    if options.quick:
+        rows = [row for row in rows if not row.long_running]
+        results, others = measure_quick(bench, rows), []
+    else:
+        results, others = measure_full(bench, rows)
+    if not options.rows:
+        results += [
+            bench.count_own(),
+            bench.count_start(),
+            bench.file_size(),
+            bench.memory_of_records(),
+            bench.memory_of_image()
+        ]
+    results += others
+    peers = [peer for peer in PEERS if any(peer in result.peers for result in results)]
+    lines = table(results, peers)
+    print_table(lines)
+    if options.write_docs:
+        docs.write(lines, results)
     return 1 if any(result.verdict == 'over' for result in results) else 0
 
 

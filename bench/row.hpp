@@ -2,13 +2,12 @@
 // A row of the table: the same thing done by the library and by bare sd-bus.
 #pragma once
 
+#include "measure.hpp"
+
 #include <span>
 
 namespace bench
 {
-
-/** One time through. @return whether it came out as it should. */
-using side = bool (*)();
 
 struct row {
     const char *name;
