@@ -2,6 +2,7 @@
 """How one run is measured: on a bus of its own, by instructions or by time."""
 
 import hashlib
+import json
 import os
 import re
 import subprocess
@@ -72,12 +73,33 @@ class Controller:
         self.directory.cleanup()
 
 
+class Simulator:
+    """A simulated controller that starts with this state, and the environment of a client."""
+    def __init__(self, build, state):
+        self.command = [build / 'tools/bdbus-sim/bdbus-sim', 'run']
+        self.state = state
+
+    def __enter__(self):
+        with tempfile.NamedTemporaryFile('w', suffix='.json') as scenario:
+            json.dump({'state': self.state}, scenario)
+            scenario.flush()
+            command = [
+                *self.command, '--scenario', scenario.name, '--', 'sh', '-c',
+                'echo "$DBUS_SYSTEM_BUS_ADDRESS"; read -r end'
+            ]
+            self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            return dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.process.stdout.readline().strip())
+
+    def __exit__(self, *_):
+        self.process.communicate('\n', timeout=LIMIT_S)
+
+
 def run(command, environment):
     result = subprocess.run([str(part) for part in command], env=environment, capture_output=True, text=True,
                             timeout=LIMIT_S)
     if result.returncode:
         raise RuntimeError(f'{command}: {result.stdout}{result.stderr}')
-    return result.stdout
+    return result
 
 
 def parse_costs(profile):
@@ -109,3 +131,8 @@ def count(command, environment, whole=False):
             *command
         ], environment)
         return parse_costs(Path(directory, 'out' if whole else 'out.2').read_text())
+
+
+def count_emulated(command, environment):
+    """The instructions of a whole program under the emulator with its plug-in, which the command begins with."""
+    return int(re.search(r'executed (\d+)', run(command, environment).stderr)[1])

@@ -15,12 +15,19 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 import docs
-from measure import Controller, count, run, write_image
+from measure import Controller, Simulator, count, count_emulated, run, write_image
 
 # What a budget of 1 leaves to chance: the seeds of sd-bus's hash tables, an allocation that grows.
 TOLERANCE = 0.005
 # A count that is over its budget is made again, twice at most: the least is what the program needs.
 COUNTS = 3
+# The lists of bdbusctl: the state that has so many items, and two such numbers.
+LISTS = {
+    'sdr': (lambda count: {'sdr': {'extra_records': count}}, (1000, 10000)),
+    'sel': (lambda count: {'sel': {'capacity': 65000, 'entries': [[0, 0, 2, *bytes(13)]] * count}}, (1000, 10000)),
+    'network': (lambda count: {'network': {'extra_nodes': count}}, (100, 1000)),
+}
+
 # Pairs of timed runs.
 PAIRS = 9
 
@@ -75,23 +82,28 @@ class Result:
 class Bench:
     def __init__(self, build):
         self.build = build
-        self.client = build / 'bench/bench-client'
+        self.client = [build / 'bench/bench-client']
 
     def rows(self):
-        for line in run([self.client, '--list'], None).splitlines():
+        for line in run([*self.client, '--list'], None).stdout.splitlines():
             name, title, budget, few, many, per, service, long_running = line.split('\t')
             yield Row(name, title, float(budget), int(few), int(many), int(per), service.split(), long_running == '1')
 
     def peer(self, name):
         return self.build / f'bench/bench-{name}'
 
+    def command(self, row, side):
+        return [self.peer(side), row.name] if side in PEERS else [*self.client, row.name, side]
+
+    def count_part(self, command, row, environment):
+        return count([*command, row.few, row.many], environment)
+
     # ---- instructions
 
     def count_once(self, row, side):
-        command = [self.client, row.name, side] if side in ('library', 'bare') else [self.peer(side), row.name]
         with Controller(self.build, row.service) as environment:
             environment['BENCH_LOCKSTEP'] = '1'
-            costs = count([*command, row.few, row.many], environment)
+            costs = self.count_part(self.command(row, side), row, environment)
         times = (row.many - row.few) * row.per
         return {file: cost / times for file, cost in costs.items()}
 
@@ -139,7 +151,7 @@ class Bench:
 
     def memory(self, row, service, times):
         with Controller(self.build, service) as environment:
-            return int(run([self.client, row, 'library', 0, times], environment).split()[1])
+            return int(run([*self.client, row, 'library', 0, times], environment).stdout.split()[1])
 
     def memory_of_records(self):
         small, large = 1000, 21000
@@ -158,8 +170,7 @@ class Bench:
         times = (many - row.few) * row.per
 
         def one(side, environment):
-            command = [self.client, row.name, side] if side in ('library', 'bare') else [self.peer(side), row.name]
-            return int(run([*command, row.few, many], environment).split()[0]) / times / 1000
+            return int(run([*self.command(row, side), row.few, many], environment).stdout.split()[0]) / times / 1000
 
         sides = ['library', 'bare']
         if row.name in PEER_ROWS:
@@ -172,12 +183,7 @@ class Bench:
         with Controller(self.build, service) as environment:
             for _ in range(PAIRS):
                 rounds.append({side: one(side, environment) for side in sides})
-        ratios = {side: [r[side] / r['bare'] for r in rounds] for side in sides}
-        low, middle, high = statistics.quantiles(ratios['library'])
-        return Result(title, 'us', statistics.median(r['library'] for r in rounds),
-                      statistics.median(r['bare'] for r in rounds), (high - low) / middle, PAIRS, budget, ratio=middle,
-                      peers={side: statistics.median(ratios[side])
-                             for side in sides[2:]})
+        return paired(title, rounds, budget)
 
     def programs(self):
         name, path, interface, member = PROPERTY
@@ -206,21 +212,59 @@ class Bench:
         programs = self.programs()
 
         def one(side, environment):
-            began = time.perf_counter()
-            for _ in range(5):
-                subprocess.run(programs[side], env=environment, check=True, stdout=subprocess.DEVNULL)
-            return (time.perf_counter() - began) / 5 * 1e6
+            return statistics.median(timed(programs[side], environment) for _ in range(5))
 
-        return self.pairs('bdbusctl, and busctl: a property', list(programs), one, budget=0.7)
+        return self.pairs('bdbusctl, and busctl: a property', programs, one, budget=0.7)
+
+    def time_list(self, family):
+        """What an item costs in a list of bdbusctl, and in its library calls: between a short list and a long."""
+        state, sizes = LISTS[family]
+        programs = {'bare': [self.build / 'bench/bench-lists', family]}
+        programs['library'] = [self.build / 'tools/bdbusctl/bdbusctl', family, 'list']
+        rounds = []
+        with Simulator(self.build, state(sizes[0])) as short, Simulator(self.build, state(sizes[1])) as long:
+            for _ in range(PAIRS):
+                rounds.append({
+                    side: (timed(command, long) - timed(command, short)) / (sizes[1] - sizes[0])
+                    for side, command in programs.items()
+                })
+        return paired(f'bdbusctl {family} list, and its calls', rounds, budget=1.2)
 
     def time_start(self):
         def one(side, environment):
-            began = time.perf_counter()
-            for _ in range(20):
-                subprocess.run([self.build / f'bench/bench-start-{side}'], env=environment, check=True)
-            return (time.perf_counter() - began) / 20 * 1e6
+            command = [self.build / f'bench/bench-start-{side}']
+            return statistics.median(timed(command, environment) for _ in range(20))
 
         return self.pairs('start of a linked program', ['library', 'bare'], one)
+
+
+class EmulatedBench(Bench):
+    """Counts a client for 32-bit ARM under QEMU; the service is the one of this machine."""
+    def __init__(self, build, client_build, sysroot):
+        super().__init__(build)
+        plugin = build / 'bench/bench-qemu-count.so'
+        self.client = ['qemu-arm', '-L', sysroot, '-plugin', plugin, client_build / 'bench/bench-client']
+
+    def count_part(self, command, row, environment):
+        few, many = (count_emulated([*command, row.few, times], environment) for times in (row.few, row.many))
+        return {'': many - few}
+
+
+def timed(command, environment):
+    """Microseconds of a whole program."""
+    began = time.perf_counter()
+    subprocess.run([str(part) for part in command], env=environment, check=True, stdout=subprocess.DEVNULL)
+    return (time.perf_counter() - began) * 1e6
+
+
+def paired(title, rounds, budget=None):
+    """Of times that were taken one after another in each round: medians, and the median of each round's ratio."""
+    ratios = {side: [r[side] / r['bare'] for r in rounds] for side in rounds[0]}
+    low, middle, high = statistics.quantiles(ratios['library'])
+    peers = {side: statistics.median(values) for side, values in ratios.items() if side in PEERS}
+    return Result(title, 'us', statistics.median(r['library'] for r in rounds),
+                  statistics.median(r['bare'] for r in rounds), (high - low) / middle, len(rounds), budget,
+                  ratio=middle, peers=peers)
 
 
 def spread_of(counts):
@@ -240,7 +284,7 @@ def measure_full(bench, rows):
     everywhere = os.sched_getaffinity(0)
     os.sched_setaffinity(0, {min(everywhere)})
     timed = [bench.time_row(row) for row in rows]
-    others = [bench.time_start(), bench.count_programs(), bench.time_programs()]
+    others = [bench.time_start(), bench.count_programs(), bench.time_programs(), *map(bench.time_list, LISTS)]
     os.sched_setaffinity(0, everywhere)
     return [result for pair in zip(counted, timed) for result in pair], others
 
@@ -288,8 +332,9 @@ def main():
     parser.add_argument('--quick', action='store_true')
     parser.add_argument('--rows', default='', help='a regular expression for the names of the rows')
     parser.add_argument('--write-docs', action='store_true')
+    parser.add_argument('--arm', nargs=2, type=Path, metavar=('BUILD', 'SYSROOT'), help='count a build for ARM')
     options = parser.parse_args()
-    bench = Bench(options.build)
+    bench = EmulatedBench(options.build, *options.arm) if options.arm else Bench(options.build)
     images = options.build / 'images'
     images.mkdir(exist_ok=True)
     for name, length in IMAGES.items():
@@ -297,12 +342,12 @@ def main():
             write_image(images / name, length)
 
     rows = [row for row in bench.rows() if re.search(options.rows, row.name)]
-    if options.quick:
+    if options.quick or options.arm:
         rows = [row for row in rows if not row.long_running]
         results, others = measure_quick(bench, rows), []
     else:
         results, others = measure_full(bench, rows)
-    if not options.rows:
+    if not options.rows and not options.arm:
         results += [
             bench.count_own(),
             bench.count_start(),
@@ -315,7 +360,7 @@ def main():
     lines = table(results, peers)
     print_table(lines)
     if options.write_docs:
-        docs.write(lines, results)
+        docs.write(lines, results, {peer: PEERS[peer] for peer in peers})
     return 1 if any(result.verdict == 'over' for result in results) else 0
 
 
