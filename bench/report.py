@@ -293,15 +293,15 @@ def number(value, digits=0):
     return '-' if value is None else f'{value:,.{digits}f}'
 
 
+def cost(value, unit):
+    return number(value, 0 if unit != 'us' else 1 if value >= 10 else 3)
+
+
 def cells(result, peers):
-    shown = [
-        result.title, result.unit,
-        number(result.library, 1 if result.unit == 'us' else 0),
-        number(result.bare, 1 if result.unit == 'us' else 0), f'{result.spread:.1%}' if result.runs > 1 else '-',
-        str(result.runs),
-        number(result.ratio, 3),
-        budget_text(result), result.verdict
-    ]
+    bare = '-' if result.bare is None else cost(result.bare, result.unit)
+    spread = f'{result.spread:.1%}' if result.runs > 1 else '-'
+    shown = [result.title, result.unit, cost(result.library, result.unit), bare, spread, str(result.runs)]
+    shown += [number(result.ratio, 3), budget_text(result), result.verdict]
     return shown + [number(result.peers.get(peer), 2) for peer in peers]
 
 
