@@ -14,20 +14,6 @@ namespace bench
 namespace
 {
 
-bool library_kept_call()
-{
-    bdbus_hpm1_upgrade_status_rec status = {};
-    return bdbus_hpm1_get_upgrade_status(&status) >= 0;
-}
-
-bool bare_kept_call()
-{
-    call status;
-    uint8_t bytes[4] = {};
-    return status.invoke(kept_bus(), upgrade, "GetUpgradeStatus", "y", 0) &&
-           sd_bus_message_read(status.reply, "yyyy", &bytes[0], &bytes[1], &bytes[2], &bytes[3]) >= 0;
-}
-
 bool library_auth_log()
 {
     static bdbus_authlog_request entry = {};
@@ -181,7 +167,6 @@ bool bare_raid_size()
 }
 
 constexpr row rows[] = {
-    {"kept-call", "thin call, kept connection", library_kept_call, bare_kept_call, 1.0},
     {"auth-log", "authentication log, 64 bytes", library_auth_log, bare_auth_log, 1.02},
     {"sel-reserve", "event log: reserve", library_sel_reserve, bare_sel_reserve, 1.0},
     {"sel-entry", "event log: get entry", library_sel_entry, bare_sel_entry, 1.0},
