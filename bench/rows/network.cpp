@@ -138,7 +138,7 @@ bool list_names(const char *xml)
         }
         XML_SetUserData(parser, &found);
         XML_SetElementHandler(parser, on_element, nullptr);
-        parsed = XML_Parse(parser, xml, static_cast<int>(strlen(xml)), XML_TRUE) == XML_STATUS_OK;
+        parsed = XML_Parse(parser, xml, static_cast<int>(strlen(xml)), XML_FALSE) == XML_STATUS_OK;
     }
     XML_ParserFree(parser);
     free(found.slots);

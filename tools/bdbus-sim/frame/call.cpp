@@ -58,7 +58,7 @@ call read_header(sd_bus_message *message)
             .path = text_or_empty(sd_bus_message_get_path(message)),
             .interface = text_or_empty(sd_bus_message_get_interface(message)),
             .member = text_or_empty(sd_bus_message_get_member(message)),
-            .signature = text_or_empty(sd_bus_message_get_signature(message, true)),
+            .signature = text_or_empty(sd_bus_message_get_signature(message, 1)),
             .sender = text_or_empty(sd_bus_message_get_sender(message)),
             .args = json::array()};
 }

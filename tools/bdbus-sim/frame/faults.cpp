@@ -77,9 +77,9 @@ signal_message read_signal(const json &object)
 
 void check_action(const object_reader &description)
 {
-    int given = description.flag("no_reply") + description.flag("die");
+    int given = (description.flag("no_reply") ? 1 : 0) + (description.flag("die") ? 1 : 0);
     for (const char *action : {"error", "reply", "truncate", "oversize", "completion_code"}) {
-        given += description.has(action);
+        given += description.has(action) ? 1 : 0;
     }
     if (given > 1) {
         refuse("more than one action");

@@ -89,7 +89,7 @@ void service::start()
     }
     bus_ptr bus = open_system_bus(name_.c_str());
     check(sd_bus_attach_event(bus.get(), loop_.get(), SD_EVENT_PRIORITY_NORMAL), bus_name_);
-    check(sd_bus_set_exit_on_disconnect(bus.get(), true), bus_name_);
+    check(sd_bus_set_exit_on_disconnect(bus.get(), 1), bus_name_);
     check(sd_bus_add_fallback(bus.get(), nullptr, "/", on_message, this), bus_name_);
     for (const auto &[member, action] : listeners_) {
         check(sd_bus_match_signal(bus.get(), nullptr, nullptr, path_.c_str(), bus_name_.c_str(), member.c_str(),
