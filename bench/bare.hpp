@@ -2,7 +2,11 @@
 // What every program over sd-bus writes: a connection, and what a call leaves to be released.
 #pragma once
 
+#include <pthread.h>
 #include <systemd/sd-bus.h>
+
+#include <csignal>
+#include <initializer_list>
 
 namespace bench
 {
@@ -30,6 +34,53 @@ inline sd_bus *kept_bus()
     }
     return bus;
 }
+
+/**
+ * What a careful program does around each use of a connection that its threads share, as the library does: it takes its
+ * turn, and puts off a cancellation.
+ */
+class turn
+{
+public:
+    turn()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelable_);
+        pthread_mutex_lock(&lock_);
+    }
+    ~turn()
+    {
+        pthread_mutex_unlock(&lock_);
+        pthread_setcancelstate(cancelable_, nullptr);
+    }
+    turn(const turn &) = delete;
+    turn &operator=(const turn &) = delete;
+
+private:
+    static inline pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    int cancelable_ = 0;
+};
+
+/** And around a call: a signal that only reports something does not end it. */
+class quiet_turn : turn
+{
+public:
+    quiet_turn() { pthread_sigmask(SIG_BLOCK, &reports_, &before_); }
+    ~quiet_turn() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    quiet_turn(const quiet_turn &) = delete;
+    quiet_turn &operator=(const quiet_turn &) = delete;
+
+private:
+    static inline const sigset_t reports_ = [] {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int signal : {SIGCHLD, SIGWINCH, SIGIO, SIGURG, SIGPROF, SIGVTALRM}) {
+            sigaddset(&set, signal);
+        }
+        return set;
+    }();
+
+    sigset_t before_;
+};
 
 /** A connection for one call. */
 class own_bus

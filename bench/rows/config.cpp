@@ -6,8 +6,6 @@
 
 #include <bdbus/config.h>
 
-#include <pthread.h>
-
 namespace bench
 {
 
@@ -35,17 +33,10 @@ bool library_cached()
     return bdbus_config_get_unsigned("Firmware.Major", &value) == BDBUS_CONFIG_OK;
 }
 
-/** A look at the connection as threads take it that share one: in turn, and not canceled in between. */
 bool bare_cached()
 {
-    static pthread_mutex_t turn = PTHREAD_MUTEX_INITIALIZER;
-    int before = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-    pthread_mutex_lock(&turn);
-    const int result = sd_bus_process(watching_bus(), nullptr);
-    pthread_mutex_unlock(&turn);
-    pthread_setcancelstate(before, nullptr);
-    return result >= 0;
+    const turn own;
+    return sd_bus_process(watching_bus(), nullptr) >= 0;
 }
 
 bool library_set()

@@ -83,6 +83,7 @@ bool library_byte()
 
 bool get_byte(sd_bus *bus)
 {
+    const quiet_turn own;
     sd_bus_error error = {};
     uint8_t value = 0;
     const int result = sd_bus_get_property_trivial(bus, upgrade.name, upgrade.path, upgrade.name, "UpgradeInProgress",
@@ -105,6 +106,7 @@ bool library_bytes()
 
 bool bare_bytes()
 {
+    const quiet_turn own;
     call get;
     const void *bytes = nullptr;
     size_t length = 0;
@@ -146,6 +148,7 @@ bool bare_notices()
     }
     expect_signals(notices_at_once);
     for (unsigned i = 0; i < notices_at_once; i++) {
+        const turn own;
         sd_bus_process(bus, nullptr);
     }
     return true;

@@ -7,12 +7,6 @@
 namespace bdbus
 {
 
-call_frame::~call_frame()
-{
-    sd_bus_message_unref(request_);
-    sd_bus_message_unref(reply_);
-}
-
 void call_frame::finish_step(int result, const char *text)
 {
     result_ = result;

@@ -27,7 +27,15 @@ public:
         : report_(report), peer_(peer), texts_(texts), bus_(bus), result_(acquired)
     {
     }
-    ~call_frame();
+    ~call_frame()
+    {
+        if (request_ != nullptr) {
+            sd_bus_message_unref(request_);
+        }
+        if (reply_ != nullptr) {
+            sd_bus_message_unref(reply_);
+        }
+    }
     call_frame(const call_frame &) = delete;
     call_frame &operator=(const call_frame &) = delete;
 

@@ -114,9 +114,8 @@ void drop_queued(sd_bus *bus)
     }
 }
 
-} // namespace
-
-int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
+/** What both ways to acquire begin with; in each of them, for every call goes through here. */
+[[gnu::always_inline]] inline int32_t acquire(bus_module &owner, subscription subscribe)
 {
     if (is_inherited(owner)) {
         return -ECHILD;
@@ -134,9 +133,16 @@ int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
     return result;
 }
 
+} // namespace
+
+int32_t module_acquire_silently(bus_module &owner, subscription subscribe)
+{
+    return acquire(owner, subscribe);
+}
+
 int32_t module_acquire(bus_module &owner, subscription subscribe)
 {
-    const int32_t result = module_acquire_silently(owner, subscribe);
+    const int32_t result = acquire(owner, subscribe);
     if (result < 0) {
         print_failure(connect_text, nullptr, result);
     }

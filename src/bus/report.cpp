@@ -56,7 +56,7 @@ void print_failure(const char *text, const char *name, int32_t code)
     print_failure(text, name, strerror(-code));
 }
 
-failure_report::~failure_report()
+void failure_report::finish()
 {
     if (text_ != nullptr) {
         print_failure(text_, name_, reason_ != nullptr ? reason_ : strerror(-code_));

@@ -25,7 +25,12 @@ class failure_report
 {
 public:
     failure_report() = default;
-    ~failure_report();
+    ~failure_report()
+    {
+        if (text_ != nullptr || error_.name != nullptr) {
+            finish();
+        }
+    }
     failure_report(const failure_report &) = delete;
     failure_report &operator=(const failure_report &) = delete;
 
@@ -39,6 +44,8 @@ public:
     void set_peer_error(const char *text, int32_t code);
 
 private:
+    void finish();
+
     sd_bus_error error_ = {}; // the value of SD_BUS_ERROR_NULL, whose spelling is C alone
     const char *text_ = nullptr;
     const char *name_ = nullptr;
