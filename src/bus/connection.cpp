@@ -149,11 +149,6 @@ int32_t module_acquire(bus_module &owner, subscription subscribe)
     return result;
 }
 
-void module_release(bus_module &owner)
-{
-    pthread_mutex_unlock(&owner.lock);
-}
-
 int32_t per_call_acquire(bus_module &owner, const char *text)
 {
     pthread_mutex_lock(&owner.lock);

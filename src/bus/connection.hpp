@@ -101,7 +101,10 @@ int32_t module_acquire(bus_module &owner, subscription subscribe);
 /** The same without the line. */
 int32_t module_acquire_silently(bus_module &owner, subscription subscribe);
 
-void module_release(bus_module &owner);
+inline void module_release(bus_module &owner)
+{
+    pthread_mutex_unlock(&owner.lock);
+}
 
 /**
  * Take a module's lock and open a connection for one call.
@@ -118,7 +121,7 @@ template <bus_module &Module, int32_t (*Acquire)(), void (*Release)()>
 class module_hold
 {
 public:
-    module_hold() : acquired_(Acquire()), held_(acquired_ >= 0) {}
+    module_hold() : acquired_(Acquire()), bus_(acquired_ >= 0 ? Module.bus : nullptr) {}
     ~module_hold() { release(); }
     module_hold(const module_hold &) = delete;
     module_hold &operator=(const module_hold &) = delete;
@@ -126,20 +129,20 @@ public:
     [[nodiscard]] int32_t acquired() const { return acquired_; }
 
     /** The connection, or null without the lock. */
-    [[nodiscard]] sd_bus *bus() const { return held_ ? Module.bus : nullptr; }
+    [[nodiscard]] sd_bus *bus() const { return bus_; }
 
     /** Let others have it before the end; a reply that came over it stays readable. */
     void release()
     {
-        if (held_) {
-            held_ = false;
+        if (bus_ != nullptr) {
+            bus_ = nullptr;
             Release();
         }
     }
 
 private:
     int32_t acquired_;
-    bool held_;
+    sd_bus *bus_;
 };
 
 /** Dispatch at most one queued message of a module's connection. @return 0, or the negative code of the acquire. */
