@@ -11,6 +11,7 @@ import sys
 import tempfile
 import time
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -222,7 +223,7 @@ class Bench:
         programs = self.programs()
 
         def one(side, environment):
-            return statistics.median(timed(programs[side], environment) for _ in range(5))
+            return statistics.median(time_program(programs[side], environment) for _ in range(5))
 
         return self.pairs('bdbusctl, and busctl: a property', programs, one, budget=0.7)
 
@@ -235,7 +236,7 @@ class Bench:
         with Simulator(self.build, state(sizes[0])) as short, Simulator(self.build, state(sizes[1])) as long:
             for _ in range(PAIRS_OF_LISTS):
                 rounds.append({
-                    side: (timed(command, long) - timed(command, short)) / (sizes[1] - sizes[0])
+                    side: (time_program(command, long) - time_program(command, short)) / (sizes[1] - sizes[0])
                     for side, command in programs.items()
                 })
         return paired(f'bdbusctl {family} list, and its calls', rounds, budget=1.2)
@@ -243,7 +244,7 @@ class Bench:
     def time_start(self):
         def one(side, environment):
             command = [self.build / f'bench/bench-start-{side}']
-            return statistics.median(timed(command, environment) for _ in range(20))
+            return statistics.median(time_program(command, environment) for _ in range(20))
 
         return self.pairs('start of a linked program', ['library', 'bare'], one)
 
@@ -260,7 +261,7 @@ class EmulatedBench(Bench):
         return {'': many - few}
 
 
-def timed(command, environment):
+def time_program(command, environment):
     """Microseconds of a whole program."""
     began = time.perf_counter()
     subprocess.run([str(part) for part in command], env=environment, check=True, timeout=LIMIT_S,
@@ -289,15 +290,25 @@ def measure_quick(bench, rows):
         return [one.result() for one in counted]
 
 
+@contextmanager
+def one_processor():
+    everywhere = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {min(everywhere)})
+    yield
+    os.sched_setaffinity(0, everywhere)
+
+
 def measure_full(bench, rows):
     with ThreadPoolExecutor(2) as pool:
         counted = list(pool.map(bench.count_row_of_peers, rows))
-    everywhere = os.sched_getaffinity(0)
-    os.sched_setaffinity(0, {min(everywhere)})
-    timed = [bench.time_row(row) for row in rows]
-    others = [bench.time_start(), bench.count_programs(), bench.time_programs(), *map(bench.time_list, LISTS)]
-    os.sched_setaffinity(0, everywhere)
-    return [result for pair in zip(counted, timed) for result in pair], others
+    with one_processor():
+        timed = [bench.time_row(row) for row in rows]
+    return [result for pair in zip(counted, timed) for result in pair]
+
+
+def measure_programs(bench):
+    with one_processor():
+        return [bench.time_start(), bench.count_programs(), bench.time_programs(), *map(bench.time_list, LISTS)]
 
 
 def number(value, digits=0):
@@ -354,10 +365,9 @@ def main():
 
     rows = [row for row in bench.rows() if re.search(options.rows, row.name)]
     if options.quick or options.arm:
-        rows = [row for row in rows if not row.long_running]
-        results, others = measure_quick(bench, rows), []
+        results = measure_quick(bench, [row for row in rows if not row.long_running])
     else:
-        results, others = measure_full(bench, rows)
+        results = measure_full(bench, rows)
     if not options.rows and not options.arm:
         results += [
             bench.count_own(),
@@ -366,7 +376,8 @@ def main():
             bench.memory_of_records(),
             bench.memory_of_image()
         ]
-    results += others
+    if not options.rows and not options.arm and not options.quick:
+        results += measure_programs(bench)
     peers = [peer for peer in PEERS if any(peer in result.peers for result in results)]
     lines = table(results, peers)
     print_table(lines)

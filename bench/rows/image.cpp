@@ -93,6 +93,14 @@ constexpr row rows[] = {
      .budget = 1.02,
      .few = 0,
      .many = 1},
+    {.name = "image-256",
+     .title = "image of 256 MiB: load, integrity",
+     .library = [] { return library_load("256"); },
+     .bare = [] { return bare_load("256"); },
+     .budget = 1.02,
+     .few = 0,
+     .many = 1,
+     .long_running = true},
 };
 
 } // namespace
