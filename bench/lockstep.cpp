@@ -6,14 +6,10 @@
 // where the two have a processor each, and every further one waits for the whole of what was promised: the rest of a
 // message, the answer to a call, a known number of signals. Looks that nothing was promised to see what there is.
 //
-// A thread that waits for the same connection wakes with each message, as it does on one processor and may on more: the
-// caller goes on once it has.
-//
 // It stands between the program and the C library's functions, only while instructions are counted, and in a file of
 // its own, so that what it costs can be left out.
 #include "lockstep.hpp"
 
-#include <linux/futex.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -95,72 +91,7 @@ ssize_t receive_whole(int fd, msghdr *message, int flags)
     return got;
 }
 
-bool is_main()
-{
-    static thread_local const bool main = syscall(SYS_gettid) == getpid();
-    return main;
-}
-
-/** What another thread does that waits for a connection. */
-enum class listener : int { none, waits, woken };
-std::atomic<listener> listening{listener::none};
-std::atomic<uint64_t> listened{0}; // the descriptors, by their bits
-
-void set_listening(listener state)
-{
-    listening.store(state);
-    syscall(SYS_futex, &listening, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-}
-
-/** Wait as long as the other thread is as said. */
-void wait_while(listener state)
-{
-    while (listening.load() == state) {
-        syscall(SYS_futex, &listening, FUTEX_WAIT_PRIVATE, static_cast<int>(state), nullptr, nullptr, 0);
-    }
-}
-
-uint64_t bits_of(const pollfd *fds, nfds_t count)
-{
-    uint64_t bits = 0;
-    for (nfds_t i = 0; i < count; i++) {
-        bits |= fds[i].fd < 0 ? 0 : uint64_t{1} << fds[i].fd % 64;
-    }
-    return bits;
-}
-
-int wait_for(pollfd *fds, nfds_t count, const timespec *limit, const sigset_t *signals)
-{
-    constexpr std::size_t signal_bytes = 8; // as the kernel has them
-    timespec left = limit == nullptr ? timespec{} : *limit;
-    return static_cast<int>(syscall(SYS_ppoll, fds, count, limit == nullptr ? nullptr : &left, signals, signal_bytes));
-}
-
 } // namespace
-
-void await_listener()
-{
-    wait_while(listener::woken);
-}
-
-extern "C" int ppoll(pollfd *fds, nfds_t count, const timespec *limit, const sigset_t *signals)
-{
-    if (!in_step()) {
-        return wait_for(fds, count, limit, signals);
-    }
-    if (is_main()) {
-        const int ready = wait_for(fds, count, limit, signals);
-        if (ready > 0 && (bits_of(fds, count) & listened.load()) != 0) {
-            wait_while(listener::waits);
-        }
-        return ready;
-    }
-    listened.store(bits_of(fds, count));
-    set_listening(listener::waits);
-    const int ready = wait_for(fds, count, limit, signals);
-    set_listening(listener::woken);
-    return ready;
-}
 
 void expect_signals(unsigned count)
 {

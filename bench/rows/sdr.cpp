@@ -91,9 +91,7 @@ bool bare_init()
 bool library_set()
 {
     static const bool ready = library_init();
-    const bool set = ready && bdbus_sdr_reading_set(sensor, 1) == 0;
-    await_listener();
-    return set;
+    return ready && bdbus_sdr_reading_set(sensor, 1) == 0;
 }
 
 bool bare_set()
