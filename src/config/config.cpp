@@ -68,7 +68,10 @@ constinit bus_module config_module;
 /** The key of this name and type, if there is one. @return a status. */
 int32_t config_find(const char *name, const char *signature, config_key *&found)
 {
-    const std::size_t length = name == nullptr ? 0 : strlen(name);
+    if (name == nullptr) {
+        return BDBUS_CONFIG_NO_KEY;
+    }
+    const std::size_t length = strlen(name);
     for (config_key &key : config_keys) {
         if (key.length == length && memcmp(key.name, name, length) == 0) {
             found = &key;
@@ -203,10 +206,13 @@ int32_t config_get(config_key &key, void *out, uint32_t len)
     const uncancelled guard;
     const mutex_guard lock(config_module.lock);
     status = config_bus_pump();
-    if (status == BDBUS_CONFIG_OK && key.cached == 0) {
+    if (status != BDBUS_CONFIG_OK) {
+        return status;
+    }
+    if (key.cached == 0) {
         status = config_read(key);
     }
-    if (status == BDBUS_CONFIG_OK) {
+    if (key.value != nullptr) {
         config_copy(key, out, len);
     }
     return status;

@@ -5,7 +5,7 @@
 #include "common/descriptor.hpp"
 #include "frame/bus.hpp"
 #include "frame/event.hpp"
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -287,7 +287,7 @@ int serve(const json &scenario)
     event_loop loop;
     check(sd_event_add_signal(loop.get(), nullptr, SIGINT, nullptr, nullptr), "signals");
     check(sd_event_add_signal(loop.get(), nullptr, SIGTERM, nullptr, nullptr), "signals");
-    simulator sim(loop, scenario);
+    simulator sim(loop, all_services, scenario);
     sim.start();
     if (loop.run() != 0) {
         throw std::runtime_error("the bus has ended");
@@ -302,7 +302,7 @@ int run_command(const json &scenario, const std::vector<std::string> &command)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
 
     event_loop loop;
-    simulator sim(loop, scenario);
+    simulator sim(loop, all_services, scenario);
     sim.start();
     try {
         return supervise(loop, command, signals.before());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The authentication log, and the last update of a user.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 #include <iterator>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The controller itself: the result of its self test.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 namespace bdbus_sim
 {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The advanced bypass, which keeps what it is sent.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 namespace bdbus_sim
 {

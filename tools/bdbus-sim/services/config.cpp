@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The configuration: properties that announce their changes.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <map>
 

@@ -3,6 +3,8 @@
 #include "services/hpm1-target.hpp"
 
 #include <bit>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace bdbus_sim
@@ -498,7 +500,10 @@ uint8_t hpm1_target::abort()
 
 const byte_vector &hpm1_target::received(uint8_t id) const
 {
-    return received_.at(id);
+    if (id >= components_max) {
+        throw std::invalid_argument("no such component: " + std::to_string(id));
+    }
+    return received_[id];
 }
 
 } // namespace bdbus_sim

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The network: nodes as objects below one path, some with an LLDP neighbor, and the host name.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 

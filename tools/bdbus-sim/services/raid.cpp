@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A storage controller with virtual drives, physical drives and hot spares.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 #include <functional>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Remote storage: disks that are mounted and presented to the host.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <chrono>
 #include <string>

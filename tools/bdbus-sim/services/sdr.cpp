@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The sensor data repository: records, their live values, and the notices of their changes.
 #include "services/sensors.hpp"
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 #include <chrono>

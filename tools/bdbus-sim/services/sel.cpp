@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The system event log: it fills up, is reserved and cleared, and says so.
-#include "simulator.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The upgrade service: versions, flash selection, and the HPM.1 target with its notices.
-#include "simulator.hpp"
+#include "services/hpm1-target.hpp"
+#include "services/services.hpp"
 
 #include <algorithm>
 #include <iterator>
 #include <map>
+#include <memory>
 
 namespace bdbus_sim
 {
@@ -304,15 +306,21 @@ void add_upgrade(simulator &sim)
     state_document &state = sim.state;
     state.add_section("upgrade", defaults, shape);
 
+    const auto target = std::make_shared<hpm1_target>(state, sim.loop);
+    sim.on_reset([target] { target->reset(); });
+    sim.received = [target](uint8_t component) -> const byte_vector & {
+        return target->received(component);
+    };
+
     service &upgrade = sim.add_service("Upgrade1");
-    upgrade.add_object(methods(state, sim.target, upgrade), properties(state), signals());
+    upgrade.add_object(methods(state, *target, upgrade), properties(state), signals());
     for (const std::string name : noted_names) {
         upgrade.listen(name, [&state, name] {
             const std::string count = "/upgrade/notices/" + name;
             state.set(count, state.get<uint32_t>(count) + 1);
         });
     }
-    sim.target.on_event(
+    target->on_event(
         [&upgrade](hpm1_target::component_event event, const json &component) { announce(upgrade, event, component); });
 }
 

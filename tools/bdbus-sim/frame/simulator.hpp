@@ -8,10 +8,10 @@
 #include "frame/json.hpp"
 #include "frame/service.hpp"
 #include "frame/state.hpp"
-#include "services/hpm1-target.hpp"
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,8 +22,11 @@ namespace bdbus_sim
 class simulator
 {
 public:
+    /** What a service's file has: adds the service, its section of the state and its tables. */
+    using add_function = void(simulator &);
+
     /** A scenario is {"state": merge patch, "faults": [fault, …]}, both optional. */
-    simulator(event_loop &loop, const json &scenario);
+    simulator(event_loop &loop, std::span<add_function *const> services, const json &scenario);
 
     /** Takes all names. The control object's name comes last, so a client that sees it finds every service there. */
     void start();
@@ -45,9 +48,9 @@ public:
 
     event_loop &loop;
     state_document state;
-    hpm1_target target;
     fault_list faults;
     call_list calls;
+    std::function<const byte_vector &(uint8_t component)> received; // what an upgrade has brought
 
 private:
     void set_to_scenario();
@@ -57,18 +60,6 @@ private:
     std::vector<std::function<void()>> reset_actions_;
     service control_;
 };
-
-/** Each adds one service, or two that belong together, with its section of the state. */
-void add_bypass(simulator &sim);
-void add_config(simulator &sim);
-void add_bmc(simulator &sim);
-void add_upgrade(simulator &sim);
-void add_sdr(simulator &sim);
-void add_sel(simulator &sim);
-void add_raid(simulator &sim);
-void add_network(simulator &sim);
-void add_authlog(simulator &sim);
-void add_rstorage(simulator &sim);
 
 void fill_control(service &control, simulator &sim);
 

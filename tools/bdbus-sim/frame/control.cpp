@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The control object: changes the state, adds faults, sends signals, lists the calls that were received.
 #include "common/files.hpp"
-#include "simulator.hpp"
+#include "frame/simulator.hpp"
 
 #include <stdexcept>
 
@@ -28,20 +28,11 @@ void emit(simulator &sim, service &control, const json &object)
                 signal.text("interface", named.bus_name()), signal.text("path", named.path()));
 }
 
-const byte_vector &received(const simulator &sim, const call &request)
-{
-    auto component = request.arg<uint8_t>(0);
-    if (component >= hpm1_target::components_max) {
-        throw std::invalid_argument("no such component: " + std::to_string(component));
-    }
-    return sim.target.received(component);
-}
-
 json get_received(const simulator &sim, const call &request)
 {
     // A bus cuts the connection of a sender whose message is over its limit, usually 32 MiB.
     constexpr size_t most = 24U << 20;
-    const byte_vector &bytes = received(sim, request);
+    const byte_vector &bytes = sim.received(request.arg<uint8_t>(0));
     if (bytes.size() > most) {
         throw std::invalid_argument("too large for a message, use SaveReceived");
     }
@@ -50,7 +41,7 @@ json get_received(const simulator &sim, const call &request)
 
 void save_received(const simulator &sim, const call &request)
 {
-    bdbus_tools::write_file(request.arg<std::string>(1), text_of(received(sim, request)));
+    bdbus_tools::write_file(request.arg<std::string>(1), text_of(sim.received(request.arg<uint8_t>(0))));
 }
 
 std::string calls_of(const simulator &sim, const std::string &name)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The simulated controller: its services together, and what a reset does.
-#include "simulator.hpp"
+#include "frame/simulator.hpp"
 
 #include <stdexcept>
 
@@ -17,19 +17,12 @@ std::string usual_path(const std::string &name)
 
 } // namespace
 
-simulator::simulator(event_loop &events, const json &scenario)
-    : loop(events), target(state, loop), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
+simulator::simulator(event_loop &events, std::span<add_function *const> services, const json &scenario)
+    : loop(events), control_(loop, "Simulator1", usual_path("Simulator1"), nullptr, nullptr)
 {
-    add_bypass(*this);
-    add_config(*this);
-    add_bmc(*this);
-    add_upgrade(*this);
-    add_sdr(*this);
-    add_sel(*this);
-    add_raid(*this);
-    add_network(*this);
-    add_authlog(*this);
-    add_rstorage(*this);
+    for (add_function *const add : services) {
+        add(*this);
+    }
     fill_control(control_, *this);
 
     object_reader reader(scenario, "scenario", {"state", "faults"});
@@ -59,7 +52,6 @@ void simulator::set_to_scenario()
 {
     faults.clear();
     calls.clear();
-    target.reset();
     state.reset();
     for (const auto &action : reset_actions_) {
         action();
