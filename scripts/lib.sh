@@ -10,7 +10,7 @@ build=$root/build
 build_packages=(build-essential meson ninja-build pkgconf libsystemd-dev libexpat1-dev libwolfssl-dev)
 tool_packages=(dbus-daemon libcli11-dev nlohmann-json3-dev libsmartcols-dev)
 test_packages=(libgtest-dev dwarves dbus-bin)
-check_packages=(clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen)
+check_packages=(clang libclang-rt-dev clang-format clang-tidy shellcheck yapf3 flake8 doxygen valgrind)
 peer_packages=(libsdbus-c++-dev libglib2.0-dev libglib2.0-bin libdbus-1-dev dbus-bin systemd)
 arm_packages=(crossbuild-essential-armhf qemu-user-static)
 
