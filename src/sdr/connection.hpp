@@ -8,6 +8,8 @@
 #include "bus/call.hpp"
 #include "sdr/listener.hpp"
 
+#include <sched.h>
+
 #include <cerrno>
 
 namespace bdbus
@@ -37,8 +39,11 @@ public:
         if (inherited_) {
             return;
         }
-        sdr_rouse_listener();
+        const bool roused = sdr_rouse_listener();
         pthread_mutex_unlock(&sdr_module.lock);
+        if (roused) {
+            sched_yield(); // on this processor its turn would come with the scheduler's next tick
+        }
         if (sdr_listener_waits.load(std::memory_order_relaxed)) {
             sdr_let_listener_in();
         }

@@ -60,7 +60,7 @@ void sdr_hush_listener()
     }
 }
 
-void sdr_rouse_listener()
+bool sdr_rouse_listener()
 {
     uint64_t queued = 0;
     sd_bus_get_n_queued_read(sdr_module.bus, &queued);
@@ -69,6 +69,7 @@ void sdr_rouse_listener()
     } else if (reported != at_once && !paused) {
         report_of_bus(arrivals);
     }
+    return queued > 0;
 }
 
 constinit std::atomic<bool> sdr_listener_waits{false};

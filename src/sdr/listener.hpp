@@ -13,8 +13,8 @@ namespace bdbus
 /** Leave what arrives to a caller who has just taken the module lock. */
 void sdr_hush_listener();
 
-/** Leave it to the listener again, and wake it for what is queued already. The module lock is held. */
-void sdr_rouse_listener();
+/** Leave it to the listener again. The module lock is held. @return whether it was woken for what is queued. */
+bool sdr_rouse_listener();
 
 /** Whether the listener waits for the module lock. */
 extern std::atomic<bool> sdr_listener_waits;
