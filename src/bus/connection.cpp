@@ -114,7 +114,7 @@ void drop_queued(sd_bus *bus)
     }
 }
 
-/** What both ways to acquire begin with; in each of them, for every call goes through here. */
+/** Inlined into both ways to acquire, for every call goes through one of them. */
 [[gnu::always_inline]] inline int32_t acquire(bus_module &owner, subscription subscribe)
 {
     if (is_inherited(owner)) {
